@@ -1,0 +1,137 @@
+// Process entry, the one-time set-up and the command cycle.
+#include "app/program.h"
+
+#include <sys/sysinfo.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "app/command_table.h"
+#include "app/help_text.h"
+#include "shell/arena.h"
+#include "shell/commands.h"
+#include "shell/console.h"
+#include "shell/failure.h"
+#include "shell/input.h"
+#include "shell/output.h"
+#include "shell/shell_commands.h"
+#include "shell/state.h"
+
+namespace qax::app {
+
+using namespace qax::shell;
+
+namespace {
+
+void print_version_banner() {
+  char buf[256];
+  std::snprintf(buf, sizeof buf, "\n%s, version %s (%s), 64 bits\n\n", shell_state.program_name.c_str(),
+                program_version, program_date);
+  out_text({buf});
+}
+
+void apply_background_effect() {
+  output_state.silent_flags |= 2;
+  switches.report = 0;
+  switches.brk = 0;
+  switches.beep = 0;
+}
+
+void watch_report() {
+  if (shell_state.watch_state != 1) return;
+  char buf[128];
+  std::snprintf(buf, sizeof buf, "%s %.2f secs.", shell_state.current_command_name.c_str(),
+                now_seconds() - shell_state.command_start_time);
+  std::string line = buf;
+  if (shell_state.watch_ram) line += " (" + bytes_text(shell_state.peak_ram_command) + ")";
+  out_text({line, "\n"});
+}
+
+void command_cycle() {
+  while (shell_state.keep_running) {
+    shell_state.implied_minima_note &= 2;
+    shell_state.stop_search_flag = 0;
+    if (shell_state.watch_state == 1 && input_level() == 0) shell_state.peak_ram_command = ram_in_use();
+    protected_call(read_and_dispatch);
+    if (shell_state.peak_ram_command > shell_state.peak_ram_overall) {
+      shell_state.peak_ram_overall = shell_state.peak_ram_command;
+    }
+    if (shell_state.current_command_name != "qax*") watch_report();
+    flush_log();
+    if (shell_state.watch_state) shell_state.watch_state = 1;
+    if (switches.brk) switches.brk = 1;
+    if (shell_state.echo_state == 3) shell_state.echo_state = 0;
+    if ((shell_state.implied_minima_note & 3) == 1) {
+      warning({"Some of the score calculations for implied weights\nare only approximate (calculation of minima for\ndependent characters with strong penalties is approximate!)"});
+      shell_state.implied_minima_note |= 2;
+    }
+  }
+  unwind_input();
+}
+
+bool background_end_of_input() { return take_execute_file(); }
+
+}  // namespace
+
+void reset_run_state() {
+  reset_shell_state();
+  output_state = OutputState();
+  run_path.clear();
+}
+
+int run_program(int argc, char** argv) {
+  const char* slash = std::strrchr(argv[0], '/');
+  shell_state.program_name = slash ? slash + 1 : argv[0];
+  shell_state.pid = static_cast<int>(getpid());
+  shell_state.worker_mode = 0;
+  bool open_console_now = true;
+  if (argc > 1) {
+    std::string first = argv[1];
+    if (first == "just_numprocs" || first == "mpi_just_numprocs") {
+      std::fprintf(stderr, "%i\n", get_nprocs());
+      return 0;
+    }
+    if (first == "bground" || first == "slaveproc" || first == "mpi_slaveproc" ||
+        first == "slavesettingdata" || first == "mpi_slavesettingdata") {
+      shell_state.background = 1;
+      open_console_now = false;
+      if (first == "slaveproc") shell_state.worker_mode = 1;
+    }
+  }
+  install_command_table(command_records, &run_file_record);
+  install_help_lookup(help_text_for);
+  background_input_end = background_end_of_input;
+  text_buffer_init(200);
+  shell_state.run_start_time = std::time(nullptr);
+  shell_state.watch_reference = now_seconds();
+  std::string level0;
+  for (int i = 1; i < argc; ++i) {
+    if (i > 1) level0 += ' ';
+    level0 += argv[i];
+  }
+  if (argc > 1) level0 += '\n';
+  shell_state.from_command_line = argc > 1 ? 1 : 0;
+  int status = 0;
+  try {
+    if (open_console_now) {
+      open_console();
+      if (argc > 1) console_write("\nVOLN (Tree Inference Shell)\n\n\r");
+      else print_version_banner();
+    } else {
+      apply_background_effect();
+    }
+    init_input_stack(default_mxproc, level0, !shell_state.background && console_is_terminal());
+    protected_call([] { claim_arena(default_ram_size); });
+    command_cycle();
+    status = 0;
+  } catch (const RunEnded& e) {
+    status = e.status;
+  }
+  flush_log();
+  close_console();
+  return status;
+}
+
+}  // namespace qax::app

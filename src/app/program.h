@@ -1,0 +1,11 @@
+// The program as a function, so tests can run it in-process: start-up, the command
+// cycle and the exit path. Returns the process exit status.
+#pragma once
+
+namespace qax::app {
+
+int run_program(int argc, char** argv);
+// Returns every subsystem's run state to its start-up values.
+void reset_run_state();
+
+}  // namespace qax::app

@@ -1,0 +1,46 @@
+// Handlers of the shell's own commands: input, output channels, memory and the
+// shared switches. Each reads its own arguments and fails through error_exit.
+#pragma once
+
+#include <string>
+
+namespace qax::shell {
+
+void cmd_exit();
+void cmd_bground();
+void cmd_procedure();
+void cmd_run();
+void cmd_run_file();
+void cmd_recurse();
+void cmd_mxproc();
+void cmd_echo();
+void cmd_quote();
+void cmd_log();
+void cmd_silent();
+void cmd_beep();
+void cmd_warn();
+void cmd_naked();
+void cmd_macreport();
+void cmd_break();
+void cmd_rseed();
+void cmd_macros_separator();
+void cmd_macro_not_available();
+
+// Readers that procedure hands a file to, installed by the subsystems that own them.
+// Each takes the file name; the NEXUS reader gets an open level positioned after
+// "#NEXUS". Null means the format is not available yet.
+struct ImportHooks {
+  void (*nexus)() = nullptr;                            // reads from the current level
+  void (*fasta)(const std::string& name, int group) = nullptr;  // procedure & [=N] name
+  void (*newick)(const std::string& name) = nullptr;    // procedure [ name
+};
+extern ImportHooks import_hooks;
+
+// Shared switch: "=" on, "-" off, "/" toggle; prints "<label> is ON/OFF" when report is on.
+// Returns true if a switch character was read.
+bool read_switch(int& flag, const char* label);
+
+// Steps run by exit before the process ends (auto-save, closing tree files, ...).
+void add_exit_step(void (*step)());
+
+}  // namespace qax::shell
