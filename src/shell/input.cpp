@@ -85,6 +85,15 @@ void refill() {
     }
     shell_state.from_command_line = 0;
   }
+  if (!f.stream && f.source_pos < f.source.size()) {
+    std::size_t n = std::min<std::size_t>(f.source.size() - f.source_pos, chunk_size);
+    std::memcpy(f.text, f.source.data() + f.source_pos, n);
+    f.text[n] = 0;
+    f.source_pos += n;
+    f.pos = 0;
+    // A NUL inside the text ends its chunk early, as in a file.
+    return;
+  }
   if (!f.stream) {
     place_eof_text(f);
     if (f.is_terminal) console_write("\n\n");
@@ -217,7 +226,7 @@ void unwind_input() {
   }
 }
 
-void push_text_level(const std::string& text, const std::string& name) {
+void push_text_level(std::string text, const std::string& name) {
   if (stack_.top + 1 > stack_.max_levels) {
     error_exit({"You can't nest", number_text(stack_.max_levels), "files"});
   }
@@ -225,9 +234,8 @@ void push_text_level(const std::string& text, const std::string& name) {
   f = InputFrame();
   f.name = name;
   f.arguments = {name};
-  std::size_t n = std::min<std::size_t>(text.size(), chunk_size);
-  std::memcpy(f.text, text.data(), n);
-  f.text[n] = 0;
+  f.source = std::move(text);
+  f.source_pos = 0;
   ++stack_.top;
 }
 

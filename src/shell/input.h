@@ -32,6 +32,8 @@ struct InputFrame {
   std::string name;               // file name, "Standard Input", or a label
   int loop_base = -1;             // macro loop depth at entry
   int line_number = 1;            // current line, from 1
+  std::string source;             // whole text of a text level, read in chunks
+  std::size_t source_pos = 0;     // next byte of source to copy into text
   InputFrame() { text[0] = 0; }
 };
 
@@ -59,8 +61,9 @@ void open_input_file(bool recursion = false);
 void activate_input(bool announce = true);
 void close_input();
 void unwind_input();
-// Push a level that holds a text (macro bodies, control files, tests).
-void push_text_level(const std::string& text, const std::string& name);
+// Push a level that reads the given text (of any length) as if it were a file:
+// converted imports, macro bodies, control files, tests.
+void push_text_level(std::string text, const std::string& name);
 // Reads up to 32 run-file arguments from the caller's stream into the pending frame.
 void read_run_arguments();
 // Opens token_buffer's file as a run file with arguments and activates it.
