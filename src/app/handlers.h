@@ -1,5 +1,9 @@
 // Every command handler the table refers to, gathered from the subsystems.
 #pragma once
 
+#include "dataset/import.h"
 #include "shell/commands.h"
 #include "shell/shell_commands.h"
+#include "dataset/dataset_commands.h"
+#include "shell/viewer.h"
+#include "trees/store.h"

@@ -18,19 +18,16 @@
 #include "shell/output.h"
 #include "shell/shell_commands.h"
 #include "shell/state.h"
+#include "dataset/dataset.h"
+#include "dataset/import.h"
+#include "trees/notation.h"
+#include "trees/store.h"
 
 namespace qax::app {
 
 using namespace qax::shell;
 
 namespace {
-
-void print_version_banner() {
-  char buf[256];
-  std::snprintf(buf, sizeof buf, "\n%s, version %s (%s), 64 bits\n\n", shell_state.program_name.c_str(),
-                program_version, program_date);
-  out_text({buf});
-}
 
 void apply_background_effect() {
   output_state.silent_flags |= 2;
@@ -73,12 +70,29 @@ void command_cycle() {
 
 bool background_end_of_input() { return take_execute_file(); }
 
+// What mxram reports and discards of the data in memory.
+void install_memory_hooks() {
+  memory_hooks.data_loaded = [] { return qax::dataset::dataset.loaded != 0; };
+  memory_hooks.discard_data = [] {
+    // The arena that held the matrix is gone: only the record is reset here.
+    auto& d = qax::dataset::dataset;
+    d.loaded = 0;
+    d.ntax = 0;
+    d.nchar = 0;
+    d.cells = nullptr;
+  };
+  memory_hooks.ntax = [] { return qax::dataset::dataset.ntax; };
+  memory_hooks.nchar = [] { return qax::dataset::dataset.nchar; };
+}
+
 }  // namespace
 
 void reset_run_state() {
   reset_shell_state();
   output_state = OutputState();
   run_path.clear();
+  qax::trees::tree_store_clear();
+  qax::dataset::reset_dataset_state();
 }
 
 int run_program(int argc, char** argv) {
@@ -102,6 +116,10 @@ int run_program(int argc, char** argv) {
   }
   install_command_table(command_records, &run_file_record);
   install_help_lookup(help_text_for);
+  qax::dataset::install_import_hooks();
+  import_hooks.newick = qax::trees::import_newick_file;
+  qax::dataset::add_dataset_replaced_hook(qax::trees::tree_store_clear);
+  install_memory_hooks();
   background_input_end = background_end_of_input;
   text_buffer_init(200);
   shell_state.run_start_time = std::time(nullptr);

@@ -1,9 +1,19 @@
 // The data set in memory: taxa by characters, one cell per taxon and character, plus
 // one record of settings per character. Cells are state sets (bit i = state i; all ones
-// of the cell width = missing) stored in rows of cell_width bytes in the arena.
+// of the cell width = missing) stored in rows of cell_width bytes in the arena, under the
+// lock region_tags.data_matrix; reading a new matrix releases that lock, which releases
+// every later lock (trees, packing) too, and calls the on_dataset_replaced hooks.
+//
+// Taxon names as xread reads them: a name is a run of characters other than blanks
+// (codes below 33), ';', '[' and '&' (a '[' or '&' ends the name). '+', '-' and '/' are
+// changed to '_'. Names longer than name_length are cut. A name ending in "..." is a
+// wildcard (every taxon beginning with the text before the dots receives the row), and
+// "____" marks the end of the significant part of a name (compared up to there only).
+// Quoted names are not recognised: converters must write names without blanks or quotes.
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -12,6 +22,11 @@ namespace qax::dataset {
 enum DataFormat : std::uint8_t {
   format_numeric = 1, format_dna = 2, format_protein = 4, format_continuous = 8, format_landmark = 16,
 };
+
+constexpr int max_states = 32;                       // absolute limit on states
+constexpr int group_count = 32;                      // taxon and character groups
+constexpr std::uint32_t continuous_missing = 0xFFFF0000u;       // min 0, max 65535
+constexpr std::uint32_t continuous_inapplicable = 0xFFFE0000u;  // min 0, max 65534
 
 struct CharacterRecord {
   std::uint32_t states_seen = 1000000;  // states scored in any taxon
@@ -42,6 +57,21 @@ struct CharacterRecord {
   std::int32_t block = 0;               // data block, from 0
 };
 
+// Original scale of a continuous character: stored = (value - shift*1000) * factor.
+struct ScaleRecord {
+  double factor = 1.0;  // 1.0 when the values were not rescaled
+  double shift = 0.0;   // original minimum / 1000
+  double log_base = 0;  // reserved for the logarithm of lstand
+};
+
+// One landmark configuration as read: per taxon the coordinates in reading order
+// (dims per point); an empty vector is a missing configuration.
+struct LandmarkConfig {
+  int character = 0;                            // column in the matrix
+  int dims = 2;                                 // 2 or 3
+  std::vector<std::vector<double>> points;      // [taxon] x,y(,z) ...
+};
+
 struct Dataset {
   int loaded = 0;                               // a matrix is in memory
   int ntax = 0;                                 // taxa
@@ -56,13 +86,42 @@ struct Dataset {
   int outgroup = 0;                             // taxon trees are rooted on
   std::string title;                            // title of the matrix, if any
 
+  // Reading settings (kept across data sets).
+  int data_format = format_numeric;             // format of the next matrix / block
+  int gaps_as_missing = 1;                      // '-' in dna/protein is missing
+  int exact_min = 1;                            // exact minima of polymorphic nonadditive chars
+  int name_length = 32;                         // longest taxon name kept
+  int state_reading_format = format_numeric;    // how commands read states (nstates /dna ...)
+  int show_original_scale = 0;                  // nstates [ : show continuous values unscaled
+  // Derived from the matrix.
+  int nblocks = 1;                              // data blocks
+  int formats_seen = 0;                         // OR of the formats read
+  std::vector<std::string> block_names;         // empty when no block is named
+  std::vector<int> name_significant;            // compared length of each taxon name
+  std::vector<ScaleRecord> scales;              // one per leading continuous character
+  std::vector<LandmarkConfig> landmarks;        // configurations in reading order
+  std::vector<std::vector<std::string>> state_names;  // per character, by cnames
+  std::vector<std::uint32_t> taxon_groups;      // per taxon, bit g = in group g
+  std::vector<std::uint32_t> character_groups;  // per character, bit g = in group g
+  std::vector<std::string> taxon_group_names;   // 32 names
+  std::vector<std::string> character_group_names;  // 32 names
+  std::uint32_t symbols[256] = {};              // symbol table: code -> state set
+
   // Raw state set of a cell, widened; missing is all ones of cell_width.
   std::uint32_t cell(int taxon, int character) const noexcept {
     std::size_t i = static_cast<std::size_t>(taxon) * nchar + character;
     switch (cell_width) {
       case 1: return cells[i];
-      case 2: return reinterpret_cast<const std::uint16_t*>(cells)[i];
-      default: return reinterpret_cast<const std::uint32_t*>(cells)[i];
+      case 2: { std::uint16_t v; std::memcpy(&v, cells + 2 * i, 2); return v; }
+      default: { std::uint32_t v; std::memcpy(&v, cells + 4 * i, 4); return v; }
+    }
+  }
+  void set_cell(int taxon, int character, std::uint32_t value) noexcept {
+    std::size_t i = static_cast<std::size_t>(taxon) * nchar + character;
+    switch (cell_width) {
+      case 1: cells[i] = static_cast<unsigned char>(value); break;
+      case 2: { auto v = static_cast<std::uint16_t>(value); std::memcpy(cells + 2 * i, &v, 2); break; }
+      default: std::memcpy(cells + 4 * i, &value, 4); break;
     }
   }
   std::uint32_t missing_value() const noexcept {
@@ -71,5 +130,33 @@ struct Dataset {
 };
 
 extern Dataset dataset;
+
+// How taxon names appear on output (taxname): read by tree output.
+struct NameOutput {
+  int show = 0;          // taxname = : names instead of numbers on trees
+  int truncate = 0;      // taxname [N : at most N letters on output, 0 no limit
+  int species_only = 0;  // taxname [! : only the text before '@' or "____"
+};
+extern NameOutput name_output;
+
+// Subsystems holding anything derived from the matrix (trees, packing) register here;
+// the hooks run whenever the matrix is replaced or wiped.
+using DatasetHook = void (*)();
+void add_dataset_replaced_hook(DatasetHook hook);
+
+// Releases the matrix and everything derived from it; marks no data. Never fails.
+void dataset_clear();
+// Returns the data set and its reading settings to start-up values (tests, reset).
+void reset_dataset_state();
+// Rebuilds the symbol table for a format and cell width.
+void build_symbol_table(int format, int width);
+// Recomputes states_seen, num_states, min_steps and max_steps of dirty characters.
+void minmax_check();
+// Minimum steps of a nonadditive character over all trees, exact (small set cover).
+int exact_min_steps(const std::uint32_t* cells, int count, std::uint32_t missing);
+// Fails with "No data loaded" style message when no matrix is in memory.
+void require_data();
+// Text of a state set in the output alphabet of the character ("[01]", "?", "A").
+std::string state_text(int character, std::uint32_t value);
 
 }  // namespace qax::dataset

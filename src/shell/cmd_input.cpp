@@ -89,7 +89,9 @@ void cmd_procedure() {
       error_exit("Reading NEXUS files is not available yet in this version");
     }
     import_hooks.nexus();
+    return;
   }
+  if (f.pos == 0 && import_hooks.other_format) import_hooks.other_format();
 }
 
 void cmd_run() {

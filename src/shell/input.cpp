@@ -208,6 +208,7 @@ void close_input() {
 }
 
 void unwind_input() {
+  if (stack_.frames.empty()) return;  // failure before the stack exists
   while (stack_.top > 0) {
     InputFrame& f = current_frame();
     if (f.stream && f.stream != stdin) std::fclose(f.stream);
@@ -450,6 +451,7 @@ std::string read_rest_of_command() {
 
 SourceSpan current_source_span() {
   SourceSpan s;
+  if (stack_.frames.empty()) return s;
   const InputFrame& f = stack_.frames[stack_.top];
   int len = static_cast<int>(std::strlen(f.text));
   int pos = std::min(f.pos, len);

@@ -456,6 +456,11 @@ void show_progress(long long done, long long total, std::string_view label) {
     o.last_report_time = t;
   }
   if (!switches.report || o.progress_suppressed || shell_state.background || (o.silent_flags & 2)) return;
+  // The progress line is drawn over itself with "\r": only a terminal shows it.
+  if (!o.curses_active && !isatty(2)) return;
+  // The progress line is redrawn with "\r": only a terminal can show it (clear_progress
+  // cannot wipe it from a file or pipe either).
+  if (!o.curses_active && !isatty(2)) return;
   if (t - o.progress_last_time < 1.0) return;
   o.progress_last_time = t;
   if (done == 0 && total == 0) {

@@ -23,6 +23,21 @@ void cmd_naked();
 void cmd_macreport();
 void cmd_break();
 void cmd_rseed();
+void cmd_screen();
+void cmd_cls();
+void cmd_txtsize();
+void cmd_svtxt();
+void cmd_lquote();
+void cmd_pause();
+void cmd_report();
+void cmd_watch();
+void cmd_tables();
+void cmd_cdir();
+void cmd_rdir();
+void cmd_timeout();
+void cmd_vversion();
+void cmd_thanks();
+void cmd_mxram();
 void cmd_macros_separator();
 void cmd_macro_not_available();
 
@@ -33,8 +48,25 @@ struct ImportHooks {
   void (*nexus)() = nullptr;                            // reads from the current level
   void (*fasta)(const std::string& name, int group) = nullptr;  // procedure & [=N] name
   void (*newick)(const std::string& name) = nullptr;    // procedure [ name
+  // Any other file, just opened at its start: true when the hook recognised the
+  // format (a PHYLIP header) and took the file, false to read it as commands.
+  bool (*other_format)() = nullptr;
 };
 extern ImportHooks import_hooks;
+
+// What mxram needs to know of the data in memory; the data subsystems install these.
+struct MemoryHooks {
+  bool (*data_loaded)() = nullptr;   // a matrix is in memory
+  void (*discard_data)() = nullptr;  // forget data, trees and names (the arena is re-claimed)
+  int (*ntax)() = nullptr;           // taxa of the matrix
+  int (*nchar)() = nullptr;          // characters of the matrix
+  int (*ntrees)() = nullptr;         // trees in the tree buffer
+  int (*vault_trees)() = nullptr;    // trees in the vault
+};
+extern MemoryHooks memory_hooks;
+
+// The version banner (vversion, and start-up without arguments).
+void print_version_banner();
 
 // Shared switch: "=" on, "-" off, "/" toggle; prints "<label> is ON/OFF" when report is on.
 // Returns true if a switch character was read.

@@ -1,0 +1,138 @@
+// export: the matrix in memory written as a NEXUS file (TAXA and CHARACTERS blocks).
+// Polymorphisms are written in ( ), missing as ?, the data type from each character's
+// format; a file written here reads back to the same cells.
+#include <cstdio>
+
+#include "dataset/dataset.h"
+#include "dataset/import.h"
+#include "shell/failure.h"
+#include "shell/input.h"
+#include "shell/output.h"
+
+namespace qax::dataset {
+
+namespace {
+
+constexpr const char* dna_letters = "?AGRCMSVTWKDYHBN";  // by set of A=1 G=2 C=4 T=8
+constexpr std::uint32_t dna_gap_bit = 16;
+constexpr std::uint32_t protein_gap_bit = 1u << 21;
+
+std::string nexus_name(const std::string& n) {
+  bool plain = !n.empty();
+  for (unsigned char c : n) if (!(std::isalnum(c) || c == '_' || c == '.')) plain = false;
+  if (plain) return n;
+  std::string q = "'";
+  for (char c : n) { q += c; if (c == '\'') q += '\''; }
+  return q + "'";
+}
+
+void put_cell(std::string& out, std::uint32_t s, std::uint32_t missing, std::uint8_t format) {
+  if (s == missing) { out += '?'; return; }
+  if (format == format_dna) {
+    std::uint32_t bases = s & 15;
+    if (bases && !(s & ~15u)) { out += dna_letters[bases]; return; }
+    if (s == dna_gap_bit) { out += '-'; return; }
+    out += '(';
+    for (int b = 0; b < 4; ++b) if (s & (1u << b)) out += "AGCT"[b];
+    out += ')';  // a gap among other states cannot be written; the bases stay
+    if (!bases) { out.resize(out.size() - 2); out += '?'; }
+    return;
+  }
+  const char* alphabet = format == format_protein ? protein_alphabet : numeric_alphabet;
+  int limit = format == format_protein ? 21 : 32;
+  if (format == format_protein && s == protein_gap_bit) { out += '-'; return; }
+  if (format == format_protein) s &= (1u << 21) - 1;
+  if (!s) { out += '?'; return; }
+  if ((s & (s - 1)) == 0) { out += alphabet[__builtin_ctz(s)]; return; }
+  out += '(';
+  for (int b = 0; b < limit; ++b) if (s & (1u << b)) out += alphabet[b];
+  out += ')';
+}
+
+}  // namespace
+
+std::string dataset_to_nexus() {
+  const Dataset& d = dataset;
+  for (int c = 0; c < d.nchar; ++c) {
+    std::uint8_t f = d.chars[c].format;
+    if (f != format_numeric && f != format_dna && f != format_protein) {
+      shell::error_exitf("Character %i is continuous or landmark: such data cannot be exported", c);
+    }
+  }
+  std::string x = "#NEXUS\n\nBEGIN TAXA;\n  DIMENSIONS NTAX=" + std::to_string(d.ntax) + ";\n  TAXLABELS\n";
+  std::size_t width = 0;
+  std::vector<std::string> names;
+  for (int t = 0; t < d.ntax; ++t) {
+    names.push_back(nexus_name(d.taxon_names[t]));
+    width = std::max(width, names.back().size());
+    x += "    " + names.back() + "\n";
+  }
+  x += "  ;\nEND;\n\nBEGIN CHARACTERS;\n  DIMENSIONS NCHAR=" + std::to_string(d.nchar) + ";\n  FORMAT DATATYPE=";
+  // Runs of equal format; the highest numeric state decides the symbols.
+  struct Run { std::uint8_t format; int first, last; };
+  std::vector<Run> runs;
+  std::uint32_t numeric_bits = 0;
+  std::uint32_t missing = d.missing_value();
+  for (int c = 0; c < d.nchar; ++c) {
+    std::uint8_t f = d.chars[c].format;
+    if (runs.empty() || runs.back().format != f) runs.push_back({f, c, c});
+    runs.back().last = c;
+    if (f == format_numeric) {
+      for (int t = 0; t < d.ntax; ++t) {
+        std::uint32_t s = d.cell(t, c);
+        if (s != missing) numeric_bits |= s;
+      }
+    }
+  }
+  auto type_name = [](std::uint8_t f) { return f == format_dna ? "DNA" : f == format_protein ? "PROTEIN" : "STANDARD"; };
+  if (runs.size() > 1) {
+    x += "MIXED(";
+    for (std::size_t i = 0; i < runs.size(); ++i) {
+      if (i) x += ",";
+      x += std::string(type_name(runs[i].format)) + ":" + std::to_string(runs[i].first + 1) + "-" + std::to_string(runs[i].last + 1);
+    }
+    x += ")";
+  } else {
+    x += type_name(runs.empty() ? std::uint8_t{format_numeric} : runs[0].format);
+  }
+  x += " MISSING=? GAP=-";
+  bool has_numeric = false;
+  for (auto& r : runs) if (r.format == format_numeric) has_numeric = true;
+  if (has_numeric) {
+    int top = numeric_bits ? 31 - __builtin_clz(numeric_bits) : 1;
+    if (top < 1) top = 1;
+    x += " SYMBOLS=\"" + std::string(numeric_alphabet, top + 1) + "\"";
+  }
+  x += ";\n  MATRIX\n";
+  for (int t = 0; t < d.ntax; ++t) {
+    x += "    " + names[t];
+    x.append(width + 2 - names[t].size(), ' ');
+    for (int c = 0; c < d.nchar; ++c) put_cell(x, d.cell(t, c), missing, d.chars[c].format);
+    x += '\n';
+  }
+  x += "  ;\nEND;\n";
+  return x;
+}
+
+void cmd_export() {
+  // "export - file" names the format explicitly; NEXUS is the only one.
+  if (shell::peek_char() == '-') {
+    shell::next_nonblank();
+    int c = shell::next_char();
+    shell::unread_char();
+    if (c > 32 && c != ';') shell::unread_char();
+  }
+  if (shell::peek_char() == ';' || !shell::read_token()) shell::error_exit("No file name given");
+  std::string name = shell::token_buffer;
+  if (!dataset.loaded) shell::error_exit("No data file has been read!");
+  std::string text = dataset_to_nexus();
+  std::FILE* f = std::fopen(name.c_str(), "wb");
+  if (!f) shell::error_exit({"Can't open", name});
+  bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+  ok = std::fclose(f) == 0 && ok;
+  if (!ok) shell::error_exit({"Error writing", name});
+  shell::out_line({"Data (" + std::to_string(dataset.ntax) + " taxa, " + std::to_string(dataset.nchar) +
+                   " characters) exported to", name, "as NEXUS"});
+}
+
+}  // namespace qax::dataset

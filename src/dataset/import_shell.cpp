@@ -1,0 +1,82 @@
+// The import readers as the shell sees them: procedure hands NEXUS, FASTA and
+// PHYLIP files here; each is converted to xread text and pushed as an input level.
+#include <fstream>
+#include <sstream>
+
+#include "dataset/dataset.h"
+#include "dataset/import.h"
+#include "shell/failure.h"
+#include "shell/input.h"
+#include "shell/output.h"
+#include "shell/shell_commands.h"
+
+namespace qax::dataset {
+
+namespace {
+
+[[noreturn]] void fail_through_shell(const std::string& message) { shell::error_exit(message); }
+
+NexusTrees last_trees_;
+
+std::string read_whole_file(const std::string& name) {
+  std::ifstream in(name, std::ios::binary);
+  if (!in) shell::error_exit({"Can't open", name});
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+ImportOptions current_options() {
+  ImportOptions o;
+  o.cell_width = dataset.cell_width;
+  return o;
+}
+
+void push_result(ImportResult& r, const std::string& name) {
+  for (const auto& n : r.notes) shell::warning({n});
+  shell::push_text_level(std::move(r.xread), name);
+}
+
+// procedure on a "#NEXUS" file: the level is open on it; read it whole by name.
+void read_nexus_level() {
+  std::string name = shell::current_frame().name;
+  std::string text = read_whole_file(name);
+  shell::close_input();
+  ImportResult r = nexus_to_xread(text, name, current_options());
+  last_trees_ = std::move(r.trees);
+  push_result(r, name);
+}
+
+void read_fasta_file(const std::string& name, int /*group*/) {
+  std::string text = read_whole_file(name);
+  ImportResult r = fasta_to_xread(text, name, current_options());
+  push_result(r, name);
+}
+
+// procedure on any other file: takes it when its first line is a PHYLIP header.
+bool read_other_format_level() {
+  shell::InputFrame& f = shell::current_frame();
+  if (!looks_like_phylip(std::string_view(f.text + f.pos))) return false;
+  std::string name = f.name;
+  std::string text = read_whole_file(name);
+  shell::close_input();
+  ImportResult r = phylip_to_xread(text, name, current_options());
+  push_result(r, name);
+  return true;
+}
+
+}  // namespace
+
+ImportFailFn import_fail = fail_through_shell;
+
+const NexusTrees& nexus_trees() { return last_trees_; }
+void clear_nexus_trees() { last_trees_ = NexusTrees(); }
+
+void install_import_hooks() {
+  import_fail = fail_through_shell;
+  shell::import_hooks.nexus = read_nexus_level;
+  shell::import_hooks.fasta = read_fasta_file;
+  shell::import_hooks.other_format = read_other_format_level;
+}
+
+}  // namespace qax::dataset
