@@ -7,7 +7,8 @@
 #   bash line_editor.test.sh QAX_BINARY DATA_DIR
 set -u
 unset TMUX
-qax=$1
+qax=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+[ -x "$qax" ] || { echo "FAIL: no qax binary at $1"; exit 1; }
 if ! command -v tmux >/dev/null 2>&1; then
   echo "SKIP: tmux not installed"
   exit 0
