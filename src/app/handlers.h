@@ -7,3 +7,4 @@
 #include "dataset/dataset_commands.h"
 #include "shell/viewer.h"
 #include "trees/store.h"
+#include "optim/reports.h"

@@ -18,6 +18,7 @@
 #include "shell/output.h"
 #include "shell/shell_commands.h"
 #include "shell/state.h"
+#include "shell/viewer.h"
 #include "dataset/dataset.h"
 #include "dataset/import.h"
 #include "trees/notation.h"
@@ -73,16 +74,11 @@ bool background_end_of_input() { return take_execute_file(); }
 // What mxram reports and discards of the data in memory.
 void install_memory_hooks() {
   memory_hooks.data_loaded = [] { return qax::dataset::dataset.loaded != 0; };
-  memory_hooks.discard_data = [] {
-    // The arena that held the matrix is gone: only the record is reset here.
-    auto& d = qax::dataset::dataset;
-    d.loaded = 0;
-    d.ntax = 0;
-    d.nchar = 0;
-    d.cells = nullptr;
-  };
+  memory_hooks.discard_data = [] { qax::dataset::dataset_clear(); };
   memory_hooks.ntax = [] { return qax::dataset::dataset.ntax; };
   memory_hooks.nchar = [] { return qax::dataset::dataset.nchar; };
+  memory_hooks.ntrees = [] { return qax::trees::tree_store.ntrees; };
+  memory_hooks.vault_trees = [] { return qax::trees::tree_store.vault_count; };
 }
 
 }  // namespace
@@ -93,6 +89,7 @@ void reset_run_state() {
   run_path.clear();
   qax::trees::tree_store_clear();
   qax::dataset::reset_dataset_state();
+  reset_viewer_state();
 }
 
 int run_program(int argc, char** argv) {

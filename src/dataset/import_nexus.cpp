@@ -78,7 +78,7 @@ class NexusReader {
   int get() {
     if (p_ >= t_.size()) return -1;
     int c = static_cast<unsigned char>(t_[p_++]);
-    if (c == '\n') ++line_;
+    if (c == '\n' || (c == '\r' && (p_ >= t_.size() || t_[p_] != '\n'))) ++line_;
     return c;
   }
 
@@ -98,7 +98,7 @@ class NexusReader {
       int c = peek();
       if (c == '[') { get(); skip_comment(); continue; }
       if (c < 0 || c > 32) return;
-      if (c == '\n' && stop_at_newline) return;
+      if ((c == '\n' || (c == '\r' && p_ + 1 < t_.size() && t_[p_ + 1] != '\n')) && stop_at_newline) return;
       get();
     }
   }
@@ -178,7 +178,8 @@ class NexusReader {
 };
 
 ImportResult NexusReader::run(const ImportOptions& opt) {
-  if (t_.size() >= 6 && upper(std::string(t_.substr(0, 6))) == "#NEXUS") p_ = 6;
+  if (t_.starts_with("\xEF\xBB\xBF")) p_ = 3;  // byte-order mark
+  if (t_.size() >= p_ + 6 && upper(std::string(t_.substr(p_, 6))) == "#NEXUS") p_ += 6;
   while (true) {
     Token k = word();
     if (k.eof) break;
@@ -584,7 +585,7 @@ void NexusReader::read_matrix(int ntax, int nchar) {
       while (true) {
         skip_blanks(true);
         int e = peek();
-        if (e < 0 || e == '\n' || e == ';') break;
+        if (e < 0 || e == '\n' || e == '\r' || e == ';') break;
         if (filled[t] >= nchar) fail("row has more than " + std::to_string(nchar) + " characters");
         row.push_back(read_cell(t, filled[t]));
         ++filled[t];

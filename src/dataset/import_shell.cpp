@@ -53,14 +53,30 @@ void read_fasta_file(const std::string& name, int /*group*/) {
   push_result(r, name);
 }
 
-// procedure on any other file: takes it when its first line is a PHYLIP header.
+constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+
+// procedure on any other file: takes it when it starts with a PHYLIP header, with
+// '>' (FASTA), or with "#NEXUS" after a byte-order mark; otherwise it stays a
+// command file.
 bool read_other_format_level() {
   shell::InputFrame& f = shell::current_frame();
-  if (!looks_like_phylip(std::string_view(f.text + f.pos))) return false;
+  std::string_view head(f.text + f.pos);
+  if (head.starts_with(byte_order_mark)) head.remove_prefix(byte_order_mark.size());
+  std::size_t first = head.find_first_not_of(" \t\r\n");
+  enum { none, phylip, fasta, nexus } kind = none;
+  if (looks_like_phylip(head)) kind = phylip;
+  else if (first != std::string_view::npos && head[first] == '>') kind = fasta;
+  else if (head.size() > 6 && head.starts_with("#NEXUS") && static_cast<unsigned char>(head[6]) < 33 &&
+           head.data() != f.text + f.pos) kind = nexus;
+  if (kind == none) return false;
   std::string name = f.name;
   std::string text = read_whole_file(name);
   shell::close_input();
-  ImportResult r = phylip_to_xread(text, name, current_options());
+  if (std::string_view(text).starts_with(byte_order_mark)) text.erase(0, byte_order_mark.size());
+  ImportOptions o = current_options();
+  ImportResult r = kind == phylip ? phylip_to_xread(text, name, o)
+      : kind == fasta ? fasta_to_xread(text, name, o) : nexus_to_xread(text, name, o);
+  if (kind == nexus) last_trees_ = std::move(r.trees);
   push_result(r, name);
   return true;
 }

@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -83,6 +84,8 @@ int console_get_key() {
   if (!console_.screen) return -1;
   nodelay(stdscr, FALSE);
   int k = wgetch(stdscr);
+  // A signal can break the wait; only a terminal that is gone ends it for good.
+  for (int tries = 0; k == ERR && errno == EINTR && tries < 1000; ++tries) k = wgetch(stdscr);
   if (k == ERR) return -1;
   return translate_key(k);
 }

@@ -54,11 +54,15 @@ void clamp_position(const ViewerPage& p) {
 }
 
 // Line i as shown: control characters as blanks, `shift` columns hidden, at most
-// `width` columns.
+// `width` columns. On the screen each byte must take one column, so bytes beyond
+// ASCII show as "?" there.
 std::string shown_line(int i, int shift, int width) {
   std::string s = text_buffer_line(i);
+  bool screen = console_curses_on();
   for (char& c : s) {
-    if (static_cast<unsigned char>(c) < 32) c = ' ';
+    auto u = static_cast<unsigned char>(c);
+    if (u < 32) c = ' ';
+    else if (screen && u >= 127) c = '?';
   }
   if (static_cast<int>(s.size()) <= shift) return {};
   return s.substr(static_cast<std::size_t>(shift), static_cast<std::size_t>(width));

@@ -2,7 +2,7 @@
 # Builds the import fuzz target with clang and libFuzzer and runs it for a bounded
 # time (default 60 s; first argument overrides), seeded with the small matrices of
 # tests/data. Exits non-zero when the fuzzer finds a crash, leak or hang.
-set -eu
+set -eu -o pipefail
 seconds=${1:-60}
 root=$(cd "$(dirname "$0")/../.." && pwd)
 out=${FUZZ_BUILD_DIR:-$root/build-fuzz}

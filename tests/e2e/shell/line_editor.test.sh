@@ -14,9 +14,11 @@ if ! command -v tmux >/dev/null 2>&1; then
   exit 0
 fi
 work=$(mktemp -d)
-sock="$work/tmux.sock"
+# One tmux server per run of qax, so that a server going down cannot race the next.
+sock="$work/tmux1.sock"
 cleanup() {
-  tmux -S "$sock" kill-server >/dev/null 2>&1
+  local s
+  for s in "$work"/tmux*.sock; do tmux -S "$s" kill-server >/dev/null 2>&1; done
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -52,6 +54,17 @@ wait_for() {
   done
   fail "no match for /$1/ on the screen"
 }
+# Polls until the last non-blank line of the screen (the line being edited) is
+# exactly the prompt followed by the text.
+wait_line() {
+  local i last
+  for ((i = 0; i < 100; i++)); do
+    last=$(screen_text | grep -v '^ *$' | tail -n 1 | sed 's/ *$//')
+    [ "$last" = "qax*>$1" ] && return 0
+    sleep 0.05
+  done
+  fail "the line being edited is not \"qax*>$1\""
+}
 # Polls until the number of lines matching the expression reaches n.
 wait_count() {
   local i
@@ -72,6 +85,7 @@ wait_end() {
 }
 
 start_qax() {
+  sock="$work/tmux$1.sock"
   rm -f "$work/status"
   tmux -S "$sock" -f /dev/null new-session -d -s qx -x 100 -y 40 \
     "cd '$work' && TERM=$term HOME='$HOME' '$qax'; echo \"exit=\$?\" > '$work/status'; sleep 30"
@@ -81,7 +95,7 @@ start_qax() {
 printf '2 quote alpha one;\001quote beta two;\001' >"$HOME/.qax_history"
 
 # --- First run ---
-start_qax
+start_qax 1
 # Left-arrow editing: "quote wrld;" becomes "quote world;".
 type_text 'quote wrld;'
 keys Left Left Left Left
@@ -92,23 +106,23 @@ wait_for '^world *$'
 # TAB completes from the history file.
 type_text 'quote a'
 keys Tab
-wait_for 'qax\*>quote alpha one; *$'
+wait_line 'quote alpha one;'
 keys Enter
 wait_for '^alpha one *$'
 
 # A further TAB looks further back: newest "quote world;", then "quote beta two;".
 type_text 'quote '
 keys Tab
-wait_for 'qax\*>quote world; *$'
+wait_line 'quote world;'
 keys Tab
-wait_for 'qax\*>quote beta two; *$'
+wait_line 'quote beta two;'
 keys Enter
 wait_for '^beta two *$'
 
 # Up-arrow recall: after re-running "quote beta two;" the cursor sits after it, so two
 # steps up give "quote alpha one;"; edit it before the semicolon.
 keys Up Up
-wait_for 'qax\*>quote alpha one; *$'
+wait_line 'quote alpha one;'
 keys End Left
 type_text '!'
 keys Enter
@@ -143,14 +157,13 @@ grep -q 'exit=0' "$work/status" || fail "quit status: $(cat "$work/status")"
 want=$(printf '8 quote alpha one;\001quote beta two;\001quote world;\001quote alpha one!;\001quote esc ok;\001quote one two three;\001quote abcd;\001quit;\001')
 got=$(cat "$HOME/.qax_history")
 [ "$got" = "$want" ] || fail "history after quit: $(printf '%s' "$got" | cat -v)"
-tmux -S "$sock" kill-server >/dev/null 2>&1
 
 # --- Second run: the file is read back; end of input (Ctrl-D) writes it too. ---
-start_qax
+start_qax 2
 keys Up
-wait_for 'qax\*>quit; *$'
+wait_line 'quit;'
 keys Up
-wait_for 'qax\*>quote abcd; *$'
+wait_line 'quote abcd;'
 keys Enter
 wait_count '^abcd *$' 1
 type_text 'quote second run;'

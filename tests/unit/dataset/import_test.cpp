@@ -80,6 +80,17 @@ TEST_F(ImportTest, InterleavedEqualsSequential) {
   EXPECT_EQ(nexus(inter), four_taxa_dna_xread);
 }
 
+TEST_F(ImportTest, OldMacLineEndsAndByteOrderMark) {
+  std::string text = std::string("\xEF\xBB\xBF") +
+      "#NEXUS\rBEGIN DATA; DIMENSIONS NTAX=4 NCHAR=6;\rFORMAT DATATYPE=DNA INTERLEAVE;\rMATRIX\r"
+      "A  ACG\rB  ACG\rC  AC?\rD  ACG\r\r"
+      "A  TAC\rB  -AC\rC  TAC\rD  T(AG){CT}\r;\rEND;\r";
+  EXPECT_EQ(nexus(text), four_taxa_dna_xread);
+  text.replace(text.find("B  -AC"), 6, "B  -AJ");
+  EXPECT_EQ(error_of([&] { nexus(text); }),
+            "Error reading NEXUS file t.nex, line 11, taxon B: alien symbol 'J' at char. 5 (dna)");
+}
+
 TEST_F(ImportTest, CommentsQuotesAndCaseAreHandled) {
   const char* text =
       "#nexus [a comment [nested] here]\n"

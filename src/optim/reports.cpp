@@ -1,0 +1,215 @@
+// Score reports on the trees in memory: length, scores, cscores, chomo. Binary trees on the
+// active taxa are scored by the packed kernels; trees with polytomies or missing taxa by an
+// exact per-character pass on the unpacked matrix (hard polytomies).
+#include <algorithm>
+#include <bit>
+#include <climits>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "dataset/dataset.h"
+#include "dataset/lists_bridge.h"
+#include "optim/field_ops.h"
+#include "optim/kernels.h"
+#include "optim/reports.h"
+#include "shell/failure.h"
+#include "shell/input.h"
+#include "shell/output.h"
+#include "trees/store.h"
+
+namespace qax::optim {
+
+using namespace qax::shell;
+using qax::dataset::dataset;
+using qax::trees::tree_store;
+
+namespace {
+
+// Steps of character c below `node` with every state assignment (cost[s]); hard polytomies.
+void node_costs(const std::vector<std::vector<int>>& kids, int node, int c, bool additive,
+                std::vector<std::int64_t>& out) {
+  constexpr std::int64_t inf = INT_MAX;
+  out.assign(32, 0);
+  if (node < dataset.ntax) {
+    std::uint32_t v = dataset.cell(node, c);
+    const bool active = node < static_cast<int>(dataset.taxon_active.size()) ? dataset.taxon_active[node] : true;
+    if (v == dataset.missing_value() || v == 0 || !active) return;
+    for (int s = 0; s < 32; ++s) out[s] = (v >> s & 1) ? 0 : inf;
+    return;
+  }
+  std::vector<std::int64_t> child;
+  for (int k : kids[node]) {
+    node_costs(kids, k, c, additive, child);
+    for (int s = 0; s < 32; ++s) {
+      std::int64_t best = inf;
+      for (int t = 0; t < 32; ++t)
+        if (child[t] < inf) best = std::min(best, child[t] + (additive ? std::abs(s - t) : (s != t)));
+      out[s] = std::min(inf, out[s] + best);
+    }
+  }
+}
+
+// Unweighted steps per character of the stored tree `k` (inactive characters: -1).
+void tree_char_steps(int k, std::vector<int>& steps) {
+  const int ntax = dataset.ntax;
+  steps.assign(dataset.nchar, -1);
+  std::vector<int> parent(tree_store.row_size);
+  const std::int32_t* row = qax::trees::tree_row(k);
+  for (int i = 0; i < tree_store.row_size; ++i) parent[i] = row[i];
+  WorkTree w;
+  if (load_tree(parent, w)) {
+    tree_score(w, 0);
+    for (int c = 0; c < dataset.nchar; ++c)
+      if (dataset.chars[c].active && dataset.chars[c].weight != 0 && !dataset.chars[c].is_continuous)
+        steps[c] = packed.char_constant[c];
+    // Attribute the empty fields of every inner node to their columns.
+    const Layout& L = packed.layout;
+    const NodeSets* ns = packed.node_sets.data();
+    for (int n : w.preorder) {
+      const std::uint32_t* a = ns[w.left_child[n]].down_set;
+      const std::uint32_t* b = ns[w.right_child[n]].down_set;
+      for (int i = 0; i < L.end4; ++i) {
+        const std::uint32_t x = a[i] & b[i];
+        std::uint32_t e;
+        int shift;
+        if (i < L.end0) { e = ops::empty_of<0>(x); shift = 1; }
+        else if (i < L.end1) { e = ops::empty_of<1>(x); shift = 2; }
+        else if (i < L.end2) { e = ops::empty_of<2>(x); shift = 3; }
+        else { e = x ? 0 : 1; shift = 0; }
+        for (; e; e &= e - 1) {
+          const PackedChar& pc = packed.packed_char[L.record_base[i] + (std::countr_zero(e) >> shift)];
+          if (pc.character >= 0) ++steps[pc.character];
+        }
+      }
+    }
+    return;
+  }
+  const int end = std::max(row[ntax], ntax + 1);
+  std::vector<std::vector<int>> kids(end);
+  for (int n = 0; n < end; ++n)
+    if (n != ntax && row[n] >= ntax && row[n] < end) kids[row[n]].push_back(n);
+  std::vector<std::int64_t> cost;
+  for (int c = 0; c < dataset.nchar; ++c) {
+    const auto& r = dataset.chars[c];
+    if (!r.active || r.weight == 0 || r.is_continuous) continue;
+    node_costs(kids, ntax, c, r.additive != 0, cost);
+    steps[c] = static_cast<int>(*std::min_element(cost.begin(), cost.end()));
+  }
+}
+
+long long weighted_total(const std::vector<int>& steps) {
+  long long total = 0;
+  for (int c = 0; c < dataset.nchar; ++c)
+    if (steps[c] >= 0) total += static_cast<long long>(steps[c]) * dataset.chars[c].weight;
+  return total;
+}
+
+// Values by item in rows of ten, with the item number of each row first.
+void print_table(const std::vector<int>& items, const std::vector<std::string>& values) {
+  if (items.empty()) return;
+  char cell[64];
+  int width = 6;
+  for (const std::string& v : values) width = std::max(width, static_cast<int>(v.size()) + 1);
+  std::string line = "      ";
+  for (int k = 0; k < 10; ++k) { std::snprintf(cell, sizeof cell, "%*i", width, k); line += cell; }
+  out_line({line});
+  line.clear();
+  int row = -1, col = 0;
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    const int r = items[i] / 10 * 10;
+    if (r != row) {
+      if (row >= 0) out_line({line});
+      std::snprintf(cell, sizeof cell, "%5i ", r);
+      line = cell;
+      row = r;
+      col = 0;
+    }
+    for (; col < items[i] % 10; ++col) line += std::string(width, ' ');
+    std::snprintf(cell, sizeof cell, "%*s", width, values[i].c_str());
+    line += cell;
+    ++col;
+  }
+  out_line({line});
+}
+
+// Trees of "N/L": all trees when no list is given. Fails without data or trees.
+std::vector<int> read_trees_argument() {
+  qax::dataset::require_data();
+  if (tree_store.ntrees == 0) error_exit("No trees in memory");
+  std::vector<std::uint8_t> flags;
+  int named = 0;
+  const int c = peek_char();
+  if (c != ';' && c != '/') named = qax::trees::read_tree_list(flags, false);
+  std::vector<int> list;
+  for (int k = 0; k < tree_store.ntrees; ++k)
+    if (!named || (k < static_cast<int>(flags.size()) && flags[k] == 1)) list.push_back(k);
+  if (list.empty()) error_exit("No trees specified");
+  return list;
+}
+
+std::vector<int> read_chars_argument() {
+  std::vector<int> chars;
+  if (accept_char('/')) {
+    std::vector<std::int8_t> flags;
+    qax::dataset::read_character_list(flags);
+    for (int c = 0; c < dataset.nchar; ++c) if (flags[c] == 1) chars.push_back(c);
+  } else {
+    for (int c = 0; c < dataset.nchar; ++c) chars.push_back(c);
+  }
+  return chars;
+}
+
+void prepare() {
+  qax::dataset::minmax_check();
+  pack_data(false, false);
+}
+
+// "scores"/"length": one total per tree.
+void total_report() {
+  if (accept_char('!')) error_exit("Soft polytomies are not available yet");
+  std::vector<int> trees = read_trees_argument();
+  prepare();
+  std::vector<std::string> values;
+  std::vector<int> steps;
+  for (int k : trees) {
+    tree_char_steps(k, steps);
+    const long long total = weighted_total(steps) + 0;
+    tree_store.scores[k] = static_cast<double>(total);
+    values.push_back(std::to_string(total));
+  }
+  out_line({"Tree lengths"});
+  print_table(trees, values);
+}
+
+// "cscores" (homoplasy = false) and "chomo" (homoplasy = true).
+void character_report(bool homoplasy) {
+  std::vector<int> trees = read_trees_argument();
+  std::vector<int> chars = read_chars_argument();
+  prepare();
+  std::vector<int> steps;
+  for (int k : trees) {
+    tree_char_steps(k, steps);
+    std::vector<std::string> values;
+    long long total = 0;
+    for (int c : chars) {
+      const auto& r = dataset.chars[c];
+      if (steps[c] < 0) { values.push_back("--"); continue; }
+      const int v = homoplasy ? steps[c] - r.min_steps + r.internal_steps : steps[c];
+      total += static_cast<long long>(v) * r.weight;
+      values.push_back(std::to_string(v));
+    }
+    if (homoplasy) out_format("Tree %i, homoplasy (total %.0f)\n", k, static_cast<double>(total));
+    else out_format("Tree %i, total length %lli\n", k, total);
+    print_table(chars, values);
+  }
+}
+
+}  // namespace
+
+void cmd_length() { total_report(); }
+void cmd_scores() { total_report(); }
+void cmd_cscores() { character_report(false); }
+void cmd_chomo() { character_report(true); }
+
+}  // namespace qax::optim
