@@ -8,3 +8,4 @@
 #include "shell/viewer.h"
 #include "trees/store.h"
 #include "optim/reports.h"
+#include "support/consensus_commands.h"

@@ -109,7 +109,8 @@ const HelpEntry help_entries[] = {
      "echo =;  echo each command;  echo -;  no echo\n"
      "echo [;  copy prompt and typed line to the log;  echo ];  do not"},
     {"export",
-     "export file;  write data and trees to a file (use \"export -\" for NEXUS)"},
+     "export file;  write the data matrix to a file in NEXUS format\n"
+     "(TAXA and CHARACTERS blocks; polymorphisms in ( ), missing as ?)"},
     {"exit",
      "exit;  end the program (cannot be abbreviated: \"ex\" is export)\n"
      "The tree file gets its closing lines; history is saved."},

@@ -90,6 +90,7 @@ void reset_run_state() {
   qax::trees::tree_store_clear();
   qax::dataset::reset_dataset_state();
   reset_viewer_state();
+  qax::dataset::clear_nexus_trees();
 }
 
 int run_program(int argc, char** argv) {
@@ -116,6 +117,7 @@ int run_program(int argc, char** argv) {
   qax::dataset::install_import_hooks();
   import_hooks.newick = qax::trees::import_newick_file;
   qax::dataset::add_dataset_replaced_hook(qax::trees::tree_store_clear);
+  qax::trees::install_dataset_links();
   install_memory_hooks();
   background_input_end = background_end_of_input;
   text_buffer_init(200);

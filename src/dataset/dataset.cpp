@@ -118,6 +118,16 @@ std::string state_text(int character, std::uint32_t value) {
     if (value == continuous_inapplicable) return "*";
     unsigned lo = value & 0xFFFF, hi = value >> 16;
     char buf[64];
+    // nstates [ : values in the scale they were read in (stored = (x - shift) * factor).
+    if (d.show_original_scale && character < static_cast<int>(d.scales.size())) {
+      const ScaleRecord& s = d.scales[character];
+      if (s.factor != 1.0 || s.shift != 0.0) {
+        double a = lo / s.factor / 1000.0 + s.shift, b = hi / s.factor / 1000.0 + s.shift;
+        if (lo == hi) std::snprintf(buf, sizeof buf, "%.3f", a);
+        else std::snprintf(buf, sizeof buf, "%.3f-%.3f", a, b);
+        return buf;
+      }
+    }
     if (lo == hi) std::snprintf(buf, sizeof buf, "%u.%03u", lo / 1000, lo % 1000);
     else std::snprintf(buf, sizeof buf, "%u.%03u-%u.%03u", lo / 1000, lo % 1000, hi / 1000, hi % 1000);
     return buf;

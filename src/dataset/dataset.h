@@ -144,6 +144,21 @@ extern NameOutput name_output;
 using DatasetHook = void (*)();
 void add_dataset_replaced_hook(DatasetHook hook);
 
+// Hooks that the tree layer installs at start-up (the data set cannot see the trees).
+struct TreeLinkHooks {
+  void (*outgroup_changed)(int outgroup) = nullptr;  // re-roots the stored trees
+  void (*generate_from_tree)() = nullptr;            // xread +T P C N, positioned after '+'
+};
+extern TreeLinkHooks tree_link_hooks;
+
+// Replaces the data set by a generated ntax x nchar matrix of numeric cells for up to
+// `nstates` states (the cell width follows; continuous when `continuous`), taxa named
+// `names`; `fill` writes the cells (all missing on entry). Fails by error_exit, leaving
+// no data.
+void generate_matrix(int ntax, int nchar, int nstates, bool continuous, const std::string& title,
+                     const std::vector<std::string>& names, void (*fill)(Dataset& d, void* context),
+                     void* context);
+
 // Releases the matrix and everything derived from it; marks no data. Never fails.
 void dataset_clear();
 // Returns the data set and its reading settings to start-up values (tests, reset).

@@ -38,7 +38,7 @@ std::string xread_taxon_name(std::string_view name) {
     }
     t += s[i++];
   }
-  if (t.empty()) t = "_";
+  if (t.empty()) t.push_back('_');
   return t;
 }
 
@@ -81,7 +81,8 @@ void put_cell(std::string& out, const ImportedCell& c, std::uint8_t format) {
 std::string matrix_to_xread(const ImportedMatrix& m, const std::string& file, const ImportOptions& opt,
                             std::vector<std::string>* notes) {
   int ntax = static_cast<int>(m.taxa.size());
-  if (ntax < 4) import_error(file + ": a matrix needs at least 4 taxa (found " + std::to_string(ntax) + ")");
+  if (ntax < 4) import_error("Error reading " + file + ": a matrix needs at least 4 taxa (found " + std::to_string(ntax) + ")");
+  if (m.nchar < 1) import_error("Error reading " + file + ": the matrix has no characters");
   std::vector<std::string> names;
   names.reserve(ntax);
   std::unordered_map<std::string, int> seen;
@@ -91,7 +92,7 @@ std::string matrix_to_xread(const ImportedMatrix& m, const std::string& file, co
     if (!fresh) {
       std::string what = m.taxa[it->second] == m.taxa[t] ? "\"" + m.taxa[t] + "\" appears twice"
           : "\"" + m.taxa[it->second] + "\" and \"" + m.taxa[t] + "\" both become " + n;
-      import_error(file + ": duplicate taxon name: " + what);
+      import_error("Error reading " + file + ": duplicate taxon name: " + what);
     }
     if (notes && n != m.taxa[t]) notes->push_back("Taxon name \"" + m.taxa[t] + "\" read as " + n);
     names.push_back(std::move(n));
@@ -197,7 +198,7 @@ void sequence_cells(const std::string& seq, std::uint8_t format, const std::vect
     } else if (c == '-') {
       cell.kind = CellKind::gap;
     } else if (c == '.') {
-      if (!first_row) import_error(file + ", taxon " + taxon + ": the match symbol '.' cannot be used in the first sequence");
+      if (!first_row) import_error("Error reading " + file + ", taxon " + taxon + ": the match symbol '.' cannot be used in the first sequence");
       cell = (*first_row)[i];
     } else {
       cell.set = symbol_set(c, format);
@@ -206,7 +207,7 @@ void sequence_cells(const std::string& seq, std::uint8_t format, const std::vect
         char buf[16];
         if (c > 32 && c < 127) std::snprintf(buf, sizeof buf, "'%c'", c);
         else std::snprintf(buf, sizeof buf, "code %d", c);
-        import_error(file + ", taxon " + taxon + ": alien symbol " + buf + " at char. " + std::to_string(i) +
+        import_error("Error reading " + file + ", taxon " + taxon + ": alien symbol " + buf + " at char. " + std::to_string(i) +
                      (format == format_dna ? " (read as dna)" : format == format_protein ? " (read as protein)" : " (read as numeric)"));
       }
     }

@@ -50,6 +50,7 @@ void read_nexus_level() {
 void read_fasta_file(const std::string& name, int /*group*/) {
   std::string text = read_whole_file(name);
   ImportResult r = fasta_to_xread(text, name, current_options());
+  clear_nexus_trees();
   push_result(r, name);
 }
 
@@ -76,7 +77,7 @@ bool read_other_format_level() {
   ImportOptions o = current_options();
   ImportResult r = kind == phylip ? phylip_to_xread(text, name, o)
       : kind == fasta ? fasta_to_xread(text, name, o) : nexus_to_xread(text, name, o);
-  if (kind == nexus) last_trees_ = std::move(r.trees);
+  last_trees_ = std::move(r.trees);  // empty unless NEXUS
   push_result(r, name);
   return true;
 }

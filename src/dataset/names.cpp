@@ -181,6 +181,7 @@ void cmd_outgroup() {
   if (t < 0 || t >= d.ntax) error_exit({"Outgroup taxon must be 0 -", std::to_string(d.ntax - 1)});
   if (!d.taxon_active[t]) error_exit({"Cannot use an inactive taxon as outgroup -", d.taxon_names[t]});
   d.outgroup = t;
+  if (tree_link_hooks.outgroup_changed) tree_link_hooks.outgroup_changed(t);
 }
 
 // blocks N M ... : blocks start at the characters given (block 0 at 0);
@@ -197,7 +198,8 @@ void cmd_blocks() {
           if (first < 0) first = ch;
           last = ch;
         }
-      std::string name = b < static_cast<int>(d.block_names.size()) ? " (" + d.block_names[b] + ")" : "";
+      std::string name = b < static_cast<int>(d.block_names.size()) && !d.block_names[b].empty()
+                             ? " (" + d.block_names[b] + ")" : "";
       char buf[96];
       if (first < 0) std::snprintf(buf, sizeof buf, "Block %i: empty", b);
       else std::snprintf(buf, sizeof buf, "Block %i: chars. %i-%i", b, first, last);

@@ -120,7 +120,7 @@ void save_matrix() {
     } else {
       shell::out_append(std::string("&[") + block_word(format, gaps));
     }
-    if (!d.block_names.empty() && block < static_cast<int>(d.block_names.size()) && block > 0 &&
+    if (block < static_cast<int>(d.block_names.size()) && !d.block_names[block].empty() &&
         (i == 0 || d.chars[columns[i - 1]].block != block))
       shell::out_append(" /" + d.block_names[block]);
     shell::out_append("]\n");

@@ -514,18 +514,18 @@ void read_blocks(Reader& r) {
           if (c == ';') unread_char();
           break;
         }
-        if (r.block_width >= 0 && ch >= r.block_first + r.block_width)
-          error_exit({"Error reading block " + std::to_string(r.block) + ": too many chars. for ", name});
         if (ch >= d.nchar)
           error_exitf("Error reading block %i, taxon %s: too many characters\n   char. %i (last char.) should be followed by newline",
                       r.block, name.c_str(), d.nchar - 1);
+        if (r.block_width >= 0 && ch >= r.block_first + r.block_width)
+          error_exit({"Error reading block " + std::to_string(r.block) + ": too many chars. for", name});
         read_cell(r, taxon, ch, c);
         ++ch;
       }
       int width = ch - r.block_first;
       if (r.block_width < 0) r.block_width = width;
       else if (width < r.block_width)
-        error_exit({"Error reading block " + std::to_string(r.block) + ": too few chars. for ", name});
+        error_exit({"Error reading block " + std::to_string(r.block) + ": too few chars. for", name});
       for (int t : r.row_targets) {
         r.in_block[t] = 1;
         rows.push_back(t);
@@ -543,7 +543,7 @@ void read_blocks(Reader& r) {
     finish_rescaling(r);
     r.defined_chars = std::max(r.defined_chars, last);
     if (r.verbose)
-      shell::out_printf("\nBlock %i: %i taxa (%i total), %i characters (%i total)", r.block, nrows, r.defined_taxa,
+      shell::out_printf("\nBlock %i: %i taxa (%i total), %i characters (%i total)\n", r.block, nrows, r.defined_taxa,
                         r.block_width, r.defined_chars);
     ++r.block;
     d.nblocks = r.block;
@@ -784,30 +784,47 @@ void random_matrix() {
   if (nstates < 1 || nstates > max_states) error_exit("Number of states must be 1-32");
   char title[64];
   std::snprintf(title, sizeof title, "Random Data (%i states)", nstates);
+  std::vector<std::string> names(ntax);
+  for (int t = 0; t < ntax; ++t) names[t] = "TAX" + std::to_string(t);
+  bool continuous = d.data_format == format_continuous;
+  generate_matrix(ntax, nchar, nstates, continuous, title, names, [](Dataset& m, void* context) {
+    int states = *static_cast<int*>(context);
+    bool cont = m.data_format == format_continuous;
+    for (int t = 0; t < m.ntax; ++t)
+      for (int ch = 0; ch < m.nchar; ++ch) {
+        if (cont) {
+          auto v = static_cast<std::uint32_t>(std::rand() % 10000);
+          m.set_cell(t, ch, v | v << 16);
+        } else {
+          m.set_cell(t, ch, 1u << (std::rand() % states));
+        }
+      }
+  }, &nstates);
+}
+
+}  // namespace
+
+TreeLinkHooks tree_link_hooks;
+
+void generate_matrix(int ntax, int nchar, int nstates, bool continuous, const std::string& title,
+                     const std::vector<std::string>& names, void (*fill)(Dataset& d, void* context),
+                     void* context) {
+  Dataset& d = dataset;
   replace_announcement(title);
   dataset_clear();
   ReadGuard guard;
-  bool continuous = d.data_format == format_continuous;
   if (!continuous) d.cell_width = nstates <= 8 ? 1 : nstates <= 16 ? 2 : 4;
   allocate_matrix(ntax, nchar, title);
-  for (int t = 0; t < ntax; ++t) d.taxon_names[t] = "TAX" + std::to_string(t);
-  for (int t = 0; t < ntax; ++t)
-    for (int ch = 0; ch < nchar; ++ch) {
-      if (continuous) {
-        auto v = static_cast<std::uint32_t>(std::rand() % 10000);
-        d.set_cell(t, ch, v | v << 16);
-      } else {
-        d.set_cell(t, ch, 1u << (std::rand() % nstates));
-      }
-    }
+  for (int t = 0; t < ntax; ++t) {
+    d.taxon_names[t] = names[t];
+    d.name_significant[t] = static_cast<int>(names[t].size());
+  }
+  fill(d, context);
   for (auto& c : d.chars) c.format = static_cast<std::uint8_t>(continuous ? format_continuous : format_numeric);
-  for (int t = 0; t < ntax; ++t) d.name_significant[t] = static_cast<int>(d.taxon_names[t].size());
   finish_matrix();
   build_symbol_table(d.data_format, d.cell_width);
   guard.done = true;
 }
-
-}  // namespace
 
 int peek_raw() {
   int c = next_char();
@@ -825,7 +842,15 @@ void cmd_xread() {
       next_char();
       random_matrix();
       return;
-    case '=': case '<': case '>': case '&': case '+':
+    case '+':
+      if (!tree_link_hooks.generate_from_tree) {
+        shell::cmd_not_available();
+        return;
+      }
+      next_char();
+      tree_link_hooks.generate_from_tree();
+      return;
+    case '=': case '<': case '>': case '&':
       shell::cmd_not_available();
       return;
     default:

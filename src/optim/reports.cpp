@@ -11,6 +11,7 @@
 #include "dataset/dataset.h"
 #include "dataset/lists_bridge.h"
 #include "optim/field_ops.h"
+#include "optim/implied.h"
 #include "optim/kernels.h"
 #include "optim/reports.h"
 #include "shell/failure.h"
@@ -19,6 +20,8 @@
 #include "trees/store.h"
 
 namespace qax::optim {
+
+ImpliedSettings implied_settings;
 
 using namespace qax::shell;
 using qax::dataset::dataset;
@@ -35,6 +38,8 @@ void node_costs(const std::vector<std::vector<int>>& kids, int node, int c, bool
     std::uint32_t v = dataset.cell(node, c);
     const bool active = node < static_cast<int>(dataset.taxon_active.size()) ? dataset.taxon_active[node] : true;
     if (v == dataset.missing_value() || v == 0 || !active) return;
+    // An additive polymorphism is the interval between its lowest and highest state.
+    if (additive) v = (~0u >> std::countl_zero(v)) & (~0u << std::countr_zero(v));
     for (int s = 0; s < 32; ++s) out[s] = (v >> s & 1) ? 0 : inf;
     return;
   }
@@ -50,13 +55,12 @@ void node_costs(const std::vector<std::vector<int>>& kids, int node, int c, bool
   }
 }
 
-// Unweighted steps per character of the stored tree `k` (inactive characters: -1).
-void tree_char_steps(int k, std::vector<int>& steps) {
+}  // namespace
+
+void character_steps(const std::vector<int>& parent, std::vector<int>& steps) {
   const int ntax = dataset.ntax;
+  const int* row = parent.data();
   steps.assign(dataset.nchar, -1);
-  std::vector<int> parent(tree_store.row_size);
-  const std::int32_t* row = qax::trees::tree_row(k);
-  for (int i = 0; i < tree_store.row_size; ++i) parent[i] = row[i];
   WorkTree w;
   if (load_tree(parent, w)) {
     tree_score(w, 0);
@@ -85,7 +89,7 @@ void tree_char_steps(int k, std::vector<int>& steps) {
     }
     return;
   }
-  const int end = std::max(row[ntax], ntax + 1);
+  const int end = std::min(static_cast<int>(parent.size()), std::max(row[ntax], ntax + 1));
   std::vector<std::vector<int>> kids(end);
   for (int n = 0; n < end; ++n)
     if (n != ntax && row[n] >= ntax && row[n] < end) kids[row[n]].push_back(n);
@@ -96,6 +100,15 @@ void tree_char_steps(int k, std::vector<int>& steps) {
     node_costs(kids, ntax, c, r.additive != 0, cost);
     steps[c] = static_cast<int>(*std::min_element(cost.begin(), cost.end()));
   }
+}
+
+namespace {
+
+void tree_char_steps(int k, std::vector<int>& steps) {
+  std::vector<int> parent(tree_store.row_size);
+  const std::int32_t* row = qax::trees::tree_row(k);
+  for (int i = 0; i < tree_store.row_size; ++i) parent[i] = row[i];
+  character_steps(parent, steps);
 }
 
 long long weighted_total(const std::vector<int>& steps) {
@@ -165,20 +178,49 @@ void prepare() {
   pack_data(false, false);
 }
 
-// "scores"/"length": one total per tree.
-void total_report() {
-  if (accept_char('!')) error_exit("Soft polytomies are not available yet");
+double fit_total(const std::vector<int>& steps, bool concave) {
+  const double k = implied_settings.concavity;
+  double total = 0;
+  for (int c = 0; c < dataset.nchar; ++c) {
+    if (steps[c] < 0) continue;
+    const auto& r = dataset.chars[c];
+    const double h = std::max(0, steps[c] - r.min_steps + r.internal_steps);
+    total += r.weight * (concave ? k / (k + h) : h / (k + h));
+  }
+  return total;
+}
+
+// "scores", "length", "fit": one total per tree; fits when `fits` (1 convex, 2 concave "*").
+void total_report(int force) {
+  bool soft = accept_char('!');
+  bool concave = accept_char('*');
+  if (soft && concave) error_exit("Cannot do \"soft\" polytomies with \"*\"");
+  if (soft) error_exit("Soft polytomies are not available yet");
   std::vector<int> trees = read_trees_argument();
   prepare();
+  const bool fits = force == 1 || (force == 0 && (implied_settings.implied_on || concave));
   std::vector<std::string> values;
   std::vector<int> steps;
+  char text[64];
   for (int k : trees) {
     tree_char_steps(k, steps);
-    const long long total = weighted_total(steps) + 0;
-    tree_store.scores[k] = static_cast<double>(total);
-    values.push_back(std::to_string(total));
+    if (fits) {
+      const double f = fit_total(steps, concave);
+      std::snprintf(text, sizeof text, "%.5f", f);
+      if (!concave) tree_store.scores[k] = f;
+    } else {
+      const long long total = weighted_total(steps);
+      std::snprintf(text, sizeof text, "%lli", total);
+      tree_store.scores[k] = static_cast<double>(total);
+    }
+    values.push_back(text);
   }
-  out_line({"Tree lengths"});
+  if (fits) {
+    std::snprintf(text, sizeof text, "%s (K = %.5f)", concave ? "Concave fits" : "Tree fits", implied_settings.concavity);
+    out_line({text});
+  } else {
+    out_line({"Tree lengths"});
+  }
   print_table(trees, values);
 }
 
@@ -199,16 +241,19 @@ void character_report(bool homoplasy) {
       total += static_cast<long long>(v) * r.weight;
       values.push_back(std::to_string(v));
     }
-    if (homoplasy) out_format("Tree %i, homoplasy (total %.0f)\n", k, static_cast<double>(total));
-    else out_format("Tree %i, total length %lli\n", k, total);
+    char title[96];
+    if (homoplasy) std::snprintf(title, sizeof title, "Tree %i, homoplasy (total %.0f)", k, static_cast<double>(total));
+    else std::snprintf(title, sizeof title, "Tree %i, total length %lli", k, total);
+    out_line({title});
     print_table(chars, values);
   }
 }
 
 }  // namespace
 
-void cmd_length() { total_report(); }
-void cmd_scores() { total_report(); }
+void cmd_length() { total_report(-1); }
+void cmd_scores() { total_report(0); }
+void cmd_fit() { total_report(1); }
 void cmd_cscores() { character_report(false); }
 void cmd_chomo() { character_report(true); }
 

@@ -1,13 +1,22 @@
-// Commands that report scores of the trees in memory (length, scores, cscores, chomo).
+// Commands that report scores of the trees in memory (length, scores, fit, cscores, chomo).
 // Each reads "N/L" (trees, then characters after "/"), packs the data and fails through
 // error_exit without data or trees.
 #pragma once
 
+#include <vector>
+
 namespace qax::optim {
+
+// Unweighted steps of every character on a tree given as a parent array (data set numbering),
+// -1 for characters not scored. Needs a current pack (pack_data). Binary trees on the active
+// taxa go through the kernels; others (polytomies, absent taxa) through an exact pass per
+// character that treats polytomies as hard.
+void character_steps(const std::vector<int>& parent, std::vector<int>& steps);
 
 void cmd_length();
 void cmd_scores();
 void cmd_cscores();
 void cmd_chomo();
+void cmd_fit();
 
 }  // namespace qax::optim

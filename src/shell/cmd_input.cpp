@@ -53,10 +53,19 @@ void cmd_procedure() {
     close_input();
     return;
   }
-  if (c == '-' || (c == '/' && at_word_end(1))) {
-    if (c == '-') next_char();
+  if (c == '-') {
+    next_char();
     close_input();
     return;
+  }
+  if (c == '/') {
+    // "proc/;" ends the current file; "/path" is a file name.
+    next_char();
+    if (at_word_end(0)) {
+      close_input();
+      return;
+    }
+    unread_char();
   }
   if (c == '&') {
     next_char();

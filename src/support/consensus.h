@@ -58,8 +58,8 @@ CountResult reference_frequencies(int reference, const std::vector<int>& trees,
 // Frequency difference tree (reference < 0) or the values of the reference's groups.
 CountResult frequency_differences(int reference, const std::vector<int>& trees,
                                   const std::vector<std::uint8_t>& excluded, int cut, std::int32_t* result);
-// Combinable component consensus; *partial is set when some kept group comes from
-// trees that lack some taxa.
+// Combinable component consensus: the groups no group of any tree conflicts with.
+// Returns the number of groups in the result.
 int combinable_consensus(const std::vector<int>& trees, const std::vector<std::uint8_t>& excluded,
                          std::int32_t* result);
 // Rough recovery of each group of the reference in the trees: per node the average

@@ -192,6 +192,8 @@ TEST_F(ImportTest, NexusErrorsNameFileLineAndTaxon) {
             "Error reading NEXUS file t.nex, line 2: comment opened here is never closed (missing ']')");
   EXPECT_EQ(error_of([&] { nexus("#NEXUS\nbegin data; dimensions ntax=4 nchar=3\nformat missing=?;\n"); }),
             "Error reading NEXUS file t.nex, line 3: unknown item 'format' in DIMENSIONS");
+  EXPECT_EQ(error_of([&] { nexus("#NEXUS\nbegin data; dimensions ntax=4 nchar=0; matrix a b c d;\nend;\n"); }),
+            "Error reading t.nex: the matrix has no characters");
   EXPECT_EQ(error_of([&] { nexus("#NEXUS\nbegin trees; tree a = (1,2);\nend;\n"); }),
             "Error reading NEXUS file t.nex: no DATA or CHARACTERS block with a matrix");
   EXPECT_EQ(error_of([&] { nexus(std::string(head) + "a 012\nb 0123\nc 000\nd 111\n;end;"); }),
@@ -216,7 +218,7 @@ TEST_F(ImportTest, NamesBecomeXreadNames) {
   EXPECT_EQ(xread_taxon_name(""), "_");
   const char* text =
       "#NEXUS\nbegin data; dimensions ntax=4 nchar=1;\nmatrix\n'a b' 0\na_b 1\nc 0\nd 1\n;\nend;\n";
-  EXPECT_EQ(error_of([&] { nexus(text); }), "t.nex: duplicate taxon name: \"a b\" and \"a_b\" both become a_b");
+  EXPECT_EQ(error_of([&] { nexus(text); }), "Error reading t.nex: duplicate taxon name: \"a b\" and \"a_b\" both become a_b");
 }
 
 TEST_F(ImportTest, FastaGuessesTypeAndChecksLengths) {
@@ -229,9 +231,9 @@ TEST_F(ImportTest, FastaGuessesTypeAndChecksLengths) {
   EXPECT_EQ(error_of([&] { fasta_to_xread("ACGT\n>a\nACGT\n", "x.fasta"); }),
             "Error reading FASTA file x.fasta, line 1: expected '>' and a taxon name (this does not look like a FASTA file)");
   EXPECT_EQ(error_of([&] { fasta_to_xread(">a\nAC\n>b\nAC\n>c\nAC\n", "x.fasta"); }),
-            "x.fasta: a matrix needs at least 4 taxa (found 3)");
+            "Error reading x.fasta: a matrix needs at least 4 taxa (found 3)");
   EXPECT_EQ(error_of([&] { fasta_to_xread(">a\n0101\n>b\n01#1\n>c\n0011\n>d\n0000\n", "x.fasta"); }),
-            "x.fasta, taxon b: alien symbol '#' at char. 2 (read as numeric)");
+            "Error reading x.fasta, taxon b: alien symbol '#' at char. 2 (read as numeric)");
 }
 
 TEST_F(ImportTest, PhylipSequentialAndInterleavedAgree) {

@@ -9,6 +9,8 @@
 #include "dataset/dataset.h"
 #include "optim/kernels.h"
 #include "optim/packed.h"
+#include "optim/reports.h"
+#include <climits>
 
 using namespace qax::optim;
 namespace ds = qax::dataset;
@@ -181,12 +183,14 @@ TEST(PackData, EdgeCases) {
 
 TEST(Kernels, FullScoreMatchesReference) {
   std::mt19937 rng(12345);
+  int modes[3] = {};
   for (int rep = 0; rep < 500; ++rep) {
     int ntax = 3 + rng() % 30, nchar = 1 + rng() % 70;
     int kind = static_cast<int>(rng() % 7) - 2;  // -2,-1: mixed; 0..4 one kind
     random_matrix(rng, ntax, nchar, kind < 0 ? -1 : kind, rep % 3 == 0);
     packed.xbit = rep % 2;
     pack_data();
+    ++modes[packed.weight_mode];
     auto parent = random_parent(rng, ntax);
     long expect = ref_score(ds::dataset, from_parent(parent, ntax));
     WorkTree w;
@@ -196,6 +200,9 @@ TEST(Kernels, FullScoreMatchesReference) {
       ASSERT_EQ(tree_score(w, 3), expect) << "rep " << rep << " variant " << kernels.name;
     }
   }
+  EXPECT_GT(modes[weights_equal], 50);
+  EXPECT_GT(modes[weights_word], 20);
+  EXPECT_GT(modes[weights_column], 20);
 }
 
 TEST(Kernels, EveryCharacterMatches) {
@@ -337,5 +344,47 @@ TEST(Kernels, MissingClipCostsNothing) {
     join_cost();
     EXPECT_EQ(join_ok, 1);
     EXPECT_EQ(join_value, 0);
+  }
+}
+
+// Per-character steps of the reports: binary trees against the reference, star trees
+// (one hard polytomy) against the count of taxa that lack the best state.
+TEST(Reports, CharacterStepsBinaryAndStar) {
+  std::mt19937 rng(99);
+  for (int rep = 0; rep < 40; ++rep) {
+    random_matrix(rng, 4 + rng() % 12, 30, -1, rep % 2);
+    auto& d = ds::dataset;
+    pack_data();
+    auto parent = random_parent(rng, d.ntax);
+    std::vector<int> steps;
+    character_steps(parent, steps);
+    RefTree t = from_parent(parent, d.ntax);
+    for (int c = 0; c < d.nchar; ++c) {
+      if (!d.chars[c].active) { EXPECT_EQ(steps[c], -1); continue; }
+      std::uint32_t s; int l, h;
+      ASSERT_EQ(steps[c], ref_char(d, t, c, t.root, s, l, h)) << "binary, char " << c;
+    }
+    std::vector<int> star(2 * d.ntax - 1, 0);
+    for (int x = 0; x < d.ntax; ++x) star[x] = d.ntax;
+    star[d.ntax] = d.ntax + 1;
+    character_steps(star, steps);
+    for (int c = 0; c < d.nchar; ++c) {
+      if (!d.chars[c].active) continue;
+      long best = LONG_MAX;
+      for (int st = 0; st < 32; ++st) {
+        long cost = 0;
+        for (int x = 0; x < d.ntax; ++x) {
+          std::uint32_t v = d.cell(x, c);
+          if (!d.taxon_active[x] || v == 0xFFFFFFFFu) continue;
+          if (!d.chars[c].additive) cost += !(v >> st & 1);
+          else {
+            int lo = std::countr_zero(v), hi = 31 - std::countl_zero(v);
+            cost += st < lo ? lo - st : st > hi ? st - hi : 0;
+          }
+        }
+        best = std::min(best, cost);
+      }
+      ASSERT_EQ(steps[c], best) << "star, char " << c;
+    }
   }
 }
