@@ -23,6 +23,7 @@
 #include "dataset/import.h"
 #include "trees/notation.h"
 #include "trees/store.h"
+#include "support/consensus.h"
 
 namespace qax::app {
 
@@ -91,6 +92,7 @@ void reset_run_state() {
   qax::dataset::reset_dataset_state();
   reset_viewer_state();
   qax::dataset::clear_nexus_trees();
+  qax::support::reset_consensus_settings();
 }
 
 int run_program(int argc, char** argv) {

@@ -18,5 +18,9 @@ void cmd_scores();
 void cmd_cscores();
 void cmd_chomo();
 void cmd_fit();
+// Mapping on binary stored trees: state sets by node, changes by node, branch lengths.
+void cmd_map();
+void cmd_apo();
+void cmd_blength();
 
 }  // namespace qax::optim

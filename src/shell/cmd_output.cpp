@@ -27,7 +27,17 @@ bool read_switch(int& flag, const char* label) {
 
 void cmd_beep() { read_switch(switches.beep, "Beep"); }
 void cmd_warn() { read_switch(switches.warn, "Warnings"); }
-void cmd_naked() { read_switch(switches.naked, "Naked trees"); }
+void (*tree_format_hook)(bool narrow) = nullptr;
+
+void cmd_naked() {
+  int c = peek_char();
+  if ((c == '[' || c == ']') && tree_format_hook) {
+    next_char();
+    tree_format_hook(c == ']');
+    return;
+  }
+  read_switch(switches.naked, "Naked trees");
+}
 void cmd_macreport() { read_switch(switches.macreport, "Macro reports"); }
 
 void cmd_break() {

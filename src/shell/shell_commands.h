@@ -20,6 +20,9 @@ void cmd_silent();
 void cmd_beep();
 void cmd_warn();
 void cmd_naked();
+// "naked [" (wide diagrams) and "naked ]" (narrow): installed by the tree layer, which
+// prints the report; without it these forms fail as unknown switches.
+extern void (*tree_format_hook)(bool narrow);
 void cmd_macreport();
 void cmd_break();
 void cmd_rseed();

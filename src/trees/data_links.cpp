@@ -1,6 +1,6 @@
 // What the data set and the list reader need from the trees: re-rooting the stored trees
 // when the outgroup changes, "@T N" in taxon lists, and data simulated along a tree
-// (xread +). The lower layers reach these through hooks installed at start-up.
+// (xread +), and the diagram format of "naked [" / "naked ]". The lower layers reach these through hooks installed at start-up.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -12,6 +12,8 @@
 #include "shell/failure.h"
 #include "shell/input.h"
 #include "shell/lists.h"
+#include "shell/output.h"
+#include "shell/shell_commands.h"
 #include "trees/store.h"
 
 namespace qax::trees {
@@ -159,9 +161,15 @@ void generate_data_from_tree() {
   tree_store_append(sim.tree.data(), 0);
 }
 
+void set_tree_format(bool narrow) {
+  display_settings.narrow = narrow ? 1 : 0;
+  shell::out_text({narrow ? "Drawing trees in narrow format\n" : "Drawing trees in default (wide) format\n"});
+}
+
 }  // namespace
 
 void install_dataset_links() {
+  shell::tree_format_hook = set_tree_format;
   qax::dataset::tree_link_hooks.outgroup_changed = tree_store_reroot_all;
   qax::dataset::tree_link_hooks.generate_from_tree = generate_data_from_tree;
   shell::terminals_below = mark_terminals_below;

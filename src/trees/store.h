@@ -140,7 +140,8 @@ void random_tree(std::int32_t* tree, int ntax, const std::vector<int>& order, in
 // Re-roots every stored tree on the outgroup (the outgroup command calls it).
 void tree_store_reroot_all(int outgroup);
 // Installs the hooks by which the data set and the list reader reach the trees
-// (outgroup re-rooting, "@T N" in taxon lists, xread +). Called once at start-up.
+// (outgroup re-rooting, "@T N" in taxon lists, xread +, naked [ and ]). Called once
+// at start-up.
 void install_dataset_links();
 
 // --- Tree groups ---------------------------------------------------------------
