@@ -122,6 +122,11 @@ int run_program(int argc, char** argv) {
   qax::trees::install_dataset_links();
   install_memory_hooks();
   background_input_end = background_end_of_input;
+  static bool exit_steps_added = false;
+  if (!exit_steps_added) {
+    add_exit_step(qax::trees::tree_files_at_exit);
+    exit_steps_added = true;
+  }
   text_buffer_init(200);
   shell_state.run_start_time = std::time(nullptr);
   shell_state.watch_reference = now_seconds();

@@ -177,6 +177,32 @@ void pack_data(bool reduced, bool keep_search_state) {
   else p.weight_mode = weights_column;
   p.equal_weights = all_one ? 1 : 0;
 
+  // Saving a word at the end of a class: when the last class-0 word is partly used and the
+  // last class-1 word has room for those columns, they move up (whole plan rows, from the end
+  // of the plan); otherwise the same from class 1 to class 2.
+  if (p.weight_mode != weights_word) {
+    auto move_up = [&](int from, int to) {
+      int left = static_cast<int>(by_class[from].size()) % fields_per_word[from];
+      const int used_to = static_cast<int>(by_class[to].size()) % fields_per_word[to];
+      int room = used_to ? fields_per_word[to] - used_to : 0;
+      if (left == 0 || left > room) return false;
+      bool moved = false;
+      for (int r = static_cast<int>(p.pack_plan.size()) - 1; r >= 0 && left > 0; --r) {
+        PackPlan& row = p.pack_plan[r];
+        if (row.cls != from || row.columns > left || row.columns > room) continue;
+        auto& src = by_class[from];
+        for (auto it = src.begin(); it != src.end();)
+          if (it->plan == r) { by_class[to].push_back(*it); it = src.erase(it); } else ++it;
+        row.cls = static_cast<std::uint8_t>(to);
+        left -= row.columns;
+        room -= row.columns;
+        moved = true;
+      }
+      return moved;
+    };
+    if (!move_up(class_2bit, class_4bit)) move_up(class_4bit, class_8bit);
+  }
+
   // Place columns: per class a list of words, each a list of columns (or -1 = padding).
   std::vector<std::vector<Column>> words[class_count];
   for (int k : {0, 1, 2, 4}) {

@@ -159,6 +159,12 @@ void draw_tree(const std::int32_t* tree, int ntax, const std::vector<std::string
 void draw_tree_narrow(const std::int32_t* tree, int ntax, const std::vector<std::string>* labels, const std::string& title) {
   if (!title.empty()) out_text({title, "\n"});
   int start = find_zoom(tree, ntax, labels);
+  // Columns two characters wide leave no room for node numbers: draw naked.
+  struct NakedGuard {
+    int saved = switches.naked;
+    NakedGuard() { switches.naked = 1; }
+    ~NakedGuard() { switches.naked = saved; }
+  } naked_guard;
   for (const auto& line : tree_diagram(tree, ntax, nullptr, 2, start)) out_text({line, "\n"});
   if (labels)
     for (int v = 0; v < tree[ntax] && v < static_cast<int>(labels->size()); ++v)

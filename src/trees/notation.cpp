@@ -1262,3 +1262,18 @@ extern "C" int fuzz_tree_text(const std::uint8_t* data, std::size_t size) {
 }
 
 }  // namespace qax::trees
+
+namespace qax::trees {
+
+void tree_files_at_exit() {
+  tree_autosave_check(true);
+  if (!tree_file.stream) return;
+  // A parenthetical tree file stays a valid command file when the run ends with it open.
+  if (!tree_file.compact) {
+    std::fputs(";\nproc/;\n", tree_file.stream);
+    tree_file.saved = 0;
+  }
+  close_tree_file(false);
+}
+
+}  // namespace qax::trees

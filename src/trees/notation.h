@@ -47,6 +47,8 @@ int read_tree_string(const std::string& text, int group);
 void tree_autosave_check(bool force);
 // Closes an open tree file (exit step and tsave /).
 void close_tree_file(bool report);
+// Exit step: last auto-save, and the closing lines of an open parenthetical tree file.
+void tree_files_at_exit();
 
 // Parses arbitrary bytes as tree text, Newick and compact records without crashing.
 extern "C" int fuzz_tree_text(const std::uint8_t* data, std::size_t size);

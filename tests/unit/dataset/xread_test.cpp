@@ -123,9 +123,9 @@ TEST_F(Xread, MixedDigitsAndLetters) {
 
 TEST_F(Xread, BlockRowLengthsAndRepeats) {
   std::string out = run("xread 4 4\n&\nA 01\nB 0\n;");
-  EXPECT_TRUE(has(out, "Error reading block 0: too few chars. for  B")) << out;
+  EXPECT_TRUE(has(out, "Error reading block 0: too few chars. for B")) << out;
   out = run("xread 4 4\n&\nA 01\nB 011\n;");
-  EXPECT_TRUE(has(out, "Error reading block 0: too many chars. for  B")) << out;
+  EXPECT_TRUE(has(out, "Error reading block 0: too many chars. for B")) << out;
   out = run("xread 2 4\n&\nA 01\nA 01\n;");
   EXPECT_TRUE(has(out, "each taxon can appear only once - A appears twice")) << out;
   out = run("xread 2 4\n&\nA 012\n;");

@@ -388,3 +388,28 @@ TEST(Reports, CharacterStepsBinaryAndStar) {
     }
   }
 }
+
+// 17 binary characters and 3 four-state ones: the 17th binary column moves to the free
+// fields of the class-1 word, saving a word (xbit off, so no pairing).
+TEST(PackData, WordSavingMove) {
+  ds::Dataset& d = ds::dataset;
+  d = ds::Dataset{};
+  d.loaded = 1; d.ntax = 8; d.nchar = 20; d.cell_width = 4;
+  d.taxon_active.assign(8, 1);
+  d.chars.assign(20, ds::CharacterRecord{});
+  cell_store.assign(8 * 20, 0);
+  for (int t = 0; t < 8; ++t)
+    for (int c = 0; c < 20; ++c) cell_store[t * 20 + c] = c < 17 ? 1u << (t / 4) : 1u << (t / 2);
+  d.cells = reinterpret_cast<unsigned char*>(cell_store.data());
+  packed.xbit = 0;
+  pack_data();
+  EXPECT_EQ(packed.w[0], 1);
+  EXPECT_EQ(packed.w[1], 1);
+  EXPECT_EQ(packed.columns[1], 4);
+  std::mt19937 rng(3);
+  std::vector<int> parent = random_parent(rng, 8);
+  WorkTree w;
+  ASSERT_TRUE(load_tree(parent, w));
+  EXPECT_EQ(tree_score(w, 0), ref_score(d, from_parent(parent, 8)));
+  packed.xbit = 1;
+}

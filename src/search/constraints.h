@@ -1,0 +1,83 @@
+// Topological constraints: groups that must exist (positive), groups that must not
+// (negative) and a tree whose groups must all hold. Each group is a binary character over
+// the terminals, packed as 2-bit fields, 16 groups a word: 01 outside, 10 inside, 11
+// floating (either side). A tree keeps a positive group when the group costs at most one
+// change on it, and breaks a negative group when it costs two or more; unused fields of the
+// last word are 11 (floating), so they never cost anything.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "optim/kernels.h"
+
+namespace qax::search {
+
+constexpr std::uint32_t field_outside = 1;   // terminal outside the group
+constexpr std::uint32_t field_inside = 2;    // terminal inside the group
+constexpr std::uint32_t field_floating = 3;  // terminal may be on either side
+
+// One group as the user defined it, in data set numbering.
+struct ConstraintGroup {
+  std::vector<std::uint8_t> field;  // per taxon: field_outside, field_inside or field_floating
+};
+
+// The definitions of `force` and the switch of `constrain`.
+struct ConstraintDefs {
+  int defined = 0;                          // force has defined something
+  int active = 0;                           // constrain = (enforced by searches)
+  std::vector<ConstraintGroup> positive;    // + groups (and those of force = / force /)
+  std::vector<ConstraintGroup> negative;    // - groups (and those of force :)
+  int tree_groups = 0;                      // how many of `positive` (force =, /) or of
+                                            // `negative` (force :) come from a tree
+  int tree_kind = 0;                        // 0 none, 1 force =, 2 force /, 3 force :
+  std::vector<std::int32_t> tree;           // the constraint tree (parent array), empty: none
+};
+extern ConstraintDefs constraint_defs;
+
+// True when constraints are defined and switched on: searches must call the routines below.
+[[nodiscard]] bool constraints_in_force() noexcept;
+
+// --- Packing ---------------------------------------------------------------------------
+// Builds the per-terminal fields in packed numbering (optim::packed must be valid) and
+// checks the groups against one another; fails by error_exit with the conflict messages.
+// Called by `pack_data` users before a search when constraints_in_force(); cheap.
+void constraints_pack();
+
+// --- The per-candidate test -----------------------------------------------------------
+// Usage by Wagner insertion and the swappers, in WorkTree numbering:
+//   1. Detach the clip (cut_node, or for Wagner the new terminal not yet in the tree).
+//   2. constraint_clip(tree, clip): the main tree is what is reachable from the root; the
+//      clip is the subtree below `clip`, not attached to the main tree. Recomputes the
+//      group sets of both, with every rerooting of the clip, and the changes per group.
+//      O(nodes * words). Call again after every change of the tree or of the clip.
+//   3. constraint_allows(reroot, target): may the clip, rooted on the branch above its node
+//      `reroot` (the clip itself under SPR and Wagner; for TBR the node below the rerooting
+//      branch), go on the branch above main-tree node `target`? O(words), no allocation.
+// Terminals absent from both parts float in every group. A negative group is enforced only
+// when all its non-floating taxa are in the tree (main or clip), so a Wagner tree can grow
+// through states where the group is still present; a positive group is enforced always,
+// which never leaves a taxon without a legal place when the positive groups are compatible.
+// If no place is legal (negative groups), the caller takes the best place and the finished
+// tree is checked with tree_satisfies.
+void constraint_clip(const optim::WorkTree& tree, int clip);
+[[nodiscard]] bool constraint_allows(int reroot, int target) noexcept;
+
+// --- Whole trees ------------------------------------------------------------------------
+// Changes per group of a binary WorkTree; *pos_bad and *neg_bad count violated groups.
+void constraint_tree_counts(const optim::WorkTree& tree, int* pos_bad, int* neg_bad);
+// Number of groups a stored tree (data set numbering, any parent array, polytomies
+// allowed) violates: a positive group must be a split of the tree after the floating taxa
+// are placed, a negative one must not be. Needs no packing. Absent taxa float.
+[[nodiscard]] int tree_violations(const std::int32_t* tree, int ntax);
+[[nodiscard]] inline bool tree_satisfies(const std::int32_t* tree, int ntax) { return tree_violations(tree, ntax) == 0; }
+
+// Returns the definitions to start-up values (new data set, reset).
+void constraints_reset() noexcept;
+
+// Commands.
+void cmd_force();
+void cmd_constrain();
+void cmd_mono();
+
+}  // namespace qax::search

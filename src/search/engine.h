@@ -1,0 +1,65 @@
+// The search engine: one binary tree in packed numbering with directional state sets on
+// every branch, so that the cost of putting any subtree on any branch is one join.
+// Invariant after compute_all(): down(n) is the first-pass set of the subtree of n, up(n)
+// the first-pass set of everything outside it seen across the branch above n, and
+// edge(n) = fitch(down(n), up(n)); the length of the tree with a set S attached on the
+// branch above n is length + join(S, edge(n)), exactly.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "optim/packed.h"
+
+namespace qax::search {
+
+// Set of two children in one pass over the words (no counting): where the two sets meet,
+// the intersection, elsewhere the union. Class 0, fields {1},{0,1} and {0},{1} give
+// {1} and {0,1}: 10'11 & 01'10 = 00'10 -> field 1 empty -> 11, field 0 -> 10.
+void fitch_sets(const optim::Layout& L, const std::uint32_t* a, const std::uint32_t* b, std::uint32_t* out) noexcept;
+// Field-wise union, for the region tests.
+void union_sets(int nwords, const std::uint32_t* a, std::uint32_t* out) noexcept;
+// Weighted count of fields where a and b don't meet; stops above bound (ok = 0).
+std::int32_t join_count(const std::uint32_t* a, const std::uint32_t* b, std::int32_t bound, std::int32_t* ok) noexcept;
+
+struct Move {
+  int clip = -1;     // root of the clipped subtree
+  int reroot = -1;   // node whose branch becomes the clip's root branch (-1: as it was)
+  int target = -1;   // node whose branch (in the tree without the clip) receives the clip
+  std::int32_t cost = 0;  // join cost of the move
+};
+
+struct Engine {
+  int nt = 0;                 // terminals (packed)
+  int nn = 0;                 // 2*nt - 1 nodes; root nt
+  int W = 0;                  // words per set
+  std::vector<int> anc, left, right;  // rooted at nt; left[nt] is terminal 0 on finished trees
+  std::vector<std::uint32_t> down, up, edge;      // per node sets, nn*W
+  std::vector<std::uint32_t> down2, up2;          // sets of the tree without the clip
+  std::vector<std::uint32_t> upc;                 // sets of the clip seen from above
+  std::vector<std::uint32_t> tgt, tunion;         // target branch sets in list order, block unions
+  std::vector<std::uint32_t> cset, cunion;        // rerooting sets of the clip, block unions
+  std::vector<int> tnode, cnode;                  // node of each list entry
+  std::vector<int> stamp;                         // path marks of the current clip
+  int stamp_now = 0;
+  std::vector<int> stack, order;                  // work lists
+  std::vector<int> nbr;                           // unrooted adjacency, 3 per node
+  double score = 0;                               // length of the tree (constant steps included)
+
+  std::uint32_t* D(int n) { return down.data() + static_cast<std::size_t>(n) * W; }
+  std::uint32_t* U(int n) { return up.data() + static_cast<std::size_t>(n) * W; }
+  std::uint32_t* E(int n) { return edge.data() + static_cast<std::size_t>(n) * W; }
+
+  void init();                                    // sizes from the current pack, empty tree
+  bool load(const std::vector<std::int32_t>& parent);   // from a data set parent array
+  void export_tree(std::vector<std::int32_t>& parent) const;  // canonical data set parent array
+  double compute_all();                           // all sets and the score
+  void reroot_on_zero();                          // rebuilds the rooted arrays rooted on terminal 0
+  // Evaluates every move of clip n; fills best (cost below base) and, when saving, the records
+  // of cost up to base + save_slack. Returns base, or -1 when the clip has nothing to try.
+  std::int32_t evaluate_clip(int n, bool tbr, bool saving, std::int32_t save_slack, Move& best,
+                             std::vector<Move>& records, std::uint64_t& examined);
+  void apply_move(const Move& m);                 // topology only; call compute_all after
+};
+
+}  // namespace qax::search

@@ -1,0 +1,101 @@
+// Search settings, counters and the entry points of tree building and branch swapping.
+// All settings are plain fields of `search_settings`, global for the run; the swappers and
+// the Wagner build read them once per call and keep their working sets in the engine.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace qax::search {
+
+enum SequenceKind : int { sequence_plain = 0, sequence_closest = 1, sequence_furthest = 2, sequence_spread = 3 };
+enum Swapper : int { swapper_none = 0, swapper_spr = 1, swapper_tbr = 2 };
+
+constexpr int lookahead_all = 1000000000;   // "all remaining taxa"
+constexpr int max_replications = 100000;
+
+struct SearchSettings {
+  int seed = 1;                 // random seed; 0 means time
+  int seed_step = 0;            // rseed :N: replication seeds grow by N (0: drawn, never repeated)
+  int sequence_kind = sequence_plain;  // what the look-ahead of selected sequences maximises
+  int lookahead = 0;            // taxa examined before one is picked (0: plain ras)
+  int ias_lookahead = 0;        // ias N: taxa examined for the informativeness order
+  int random_insertion = 0;     // branches tried in random order
+  int random_outgroup = 0;      // another terminal may start the tree
+  int wcluster = 0;             // node clusters from this many taxa on (0: none)
+  int clustersize = 15;         // target size of a node cluster
+  // mult
+  int replications = 10;        // replications of mult
+  int hold = 10;                // trees kept per replication
+  int swapper = swapper_tbr;    // swapper of mult
+  int ratchet = 0;              // ratchet after each replication (not built here)
+  int drift = 0;                // drift after each replication (not built here)
+  int keepall = 0;              // keep trees of all replications
+  int outfreq = 0;              // progress every N clips (0: automatic)
+  // bbreak
+  int bb_swapper = swapper_tbr; // swapper of bbreak
+  int mulpars = 1;              // save all equally good trees
+  int fillonly = 0;             // stop when the tree buffer is full
+  int safe = 0;                 // re-score the whole tree after each accepted move
+  int skipspr = 1;              // skip the SPR phase of a replication
+  int randclip = 0;             // clip in random order
+  int preproc = 0;              // sort clips by expected gain
+  int limit = 0;                // TBR within this many nodes of the clip point (0: none)
+  int qcollapse = 1;            // quick collapse flags while swapping
+  double suboptimal = 0;        // subopt: trees up to best + this are kept
+};
+
+extern SearchSettings search_settings;
+
+// Counters of the swappers, reset by each search command.
+struct Rearrangements {
+  std::uint32_t units = 0;      // kept below 1000000000
+  std::uint32_t billions = 0;   // overflow of units
+  void add(std::uint64_t n) noexcept {
+    std::uint64_t u = units + n;
+    billions += static_cast<std::uint32_t>(u / 1000000000u);
+    units = static_cast<std::uint32_t>(u % 1000000000u);
+  }
+  [[nodiscard]] std::uint64_t total() const noexcept { return billions * 1000000000ull + units; }
+};
+extern Rearrangements rearrangements_examined;
+extern std::uint64_t replacements_done;   // accepted moves
+extern int search_status_code;            // 0 Wagner, 1 SPR, 2 TBR
+extern double last_best_score;            // best score of the last search (macros)
+extern int last_hits;                     // hits of the last mult
+
+// Hooks for constraints and collapsing, null when not in force.
+// A candidate move (clip node, rerooting node, target node) in engine numbering; 0 refuses it.
+using CandidateTestFn = int (*)(int clip, int reroot, int target);
+extern CandidateTestFn constraint_allows;
+// Applied to a tree (data set numbering, 2*ntax-1 cells) before it is stored: collapses
+// zero-length branches in place. Null stores binary trees as they are.
+using CollapseFn = void (*)(std::int32_t* tree);
+extern CollapseFn collapse_before_store;
+
+// Random numbers: a 31-bit generator under `seed`, reproducible across platforms.
+void set_random_seed(std::uint32_t seed) noexcept;
+[[nodiscard]] std::uint32_t random_state() noexcept;
+[[nodiscard]] int random_next() noexcept;   // 0 .. 2147483647
+void random_shuffle(int count, int* array) noexcept;
+
+// Builds a Wagner tree of the active taxa into `parent_array` (data set numbering, 2*ntax-1
+// cells). Returns its score; on interruption returns -1 with the tree unfinished.
+double wagner_build(std::vector<std::int32_t>& parent_array, std::uint32_t seed);
+
+// Swaps the tree; mode 0 hill-climbs, above 0 saves equal trees into the store from `first`
+// on up to `limit` trees, below 0 as 0 with the tree SPR-optimal. Returns the final score.
+// The tree in parent_array is replaced by the swapped tree.
+double swap_tbr(std::vector<std::int32_t>& parent_array, int first, int mode, int limit);
+double swap_spr(std::vector<std::int32_t>& parent_array, int first, int mode, int limit);
+
+// Start-up values of settings and counters.
+void reset_search_state();
+
+// Commands.
+void cmd_mult();
+void cmd_bbreak();
+void cmd_rseed();
+void cmd_subopt();
+
+}  // namespace qax::search
