@@ -9,3 +9,5 @@
 #include "trees/store.h"
 #include "optim/reports.h"
 #include "support/consensus_commands.h"
+#include "support/pruning_commands.h"
+#include "search/settings.h"

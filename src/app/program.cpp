@@ -9,6 +9,7 @@
 #include <string>
 
 #include "app/command_table.h"
+#include "search/settings.h"
 #include "app/help_text.h"
 #include "shell/arena.h"
 #include "shell/commands.h"
@@ -93,6 +94,7 @@ void reset_run_state() {
   reset_viewer_state();
   qax::dataset::clear_nexus_trees();
   qax::support::reset_consensus_settings();
+  qax::search::reset_search_state();
 }
 
 int run_program(int argc, char** argv) {

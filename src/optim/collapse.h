@@ -56,6 +56,12 @@ void collapse_in_place(std::int32_t* tree, int ntax, const std::vector<std::uint
 // packed.node_sets (tree_score mode 2 or more). flags is sized tree.nnodes. No allocation.
 void collapse_work_flags(const WorkTree& tree, std::uint8_t* flags) noexcept;
 
+// Installed by the constraint code when constraints are defined: true when the taxa flagged
+// in `inside` (one byte per taxon of the data set) form a positive constraint group, so that
+// `condense [` keeps the node. Null: no constraints.
+using ConstrainedGroupFn = bool (*)(const std::uint8_t* inside, int ntax);
+extern ConstrainedGroupFn constrained_group_hook;
+
 // Start-up values of the settings.
 void collapse_reset() noexcept;
 

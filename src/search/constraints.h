@@ -43,6 +43,9 @@ extern ConstraintDefs constraint_defs;
 // checks the groups against one another; fails by error_exit with the conflict messages.
 // Called by `pack_data` users before a search when constraints_in_force(); cheap.
 void constraints_pack();
+// The conflict checks alone (tree against positive, tree against negative, positive
+// against negative, positive against each other); fails by error_exit on the first.
+void check_constraint_conflicts();
 
 // --- The per-candidate test -----------------------------------------------------------
 // Usage by Wagner insertion and the swappers, in WorkTree numbering:
@@ -70,6 +73,8 @@ void constraint_tree_counts(const optim::WorkTree& tree, int* pos_bad, int* neg_
 // allowed) violates: a positive group must be a split of the tree after the floating taxa
 // are placed, a negative one must not be. Needs no packing. Absent taxa float.
 [[nodiscard]] int tree_violations(const std::int32_t* tree, int ntax);
+// The same, with which[g] = 1 for each violated group (positive groups first).
+int tree_violations_by_group(const std::int32_t* tree, int ntax, std::vector<std::uint8_t>& which);
 [[nodiscard]] inline bool tree_satisfies(const std::int32_t* tree, int ntax) { return tree_violations(tree, ntax) == 0; }
 
 // Returns the definitions to start-up values (new data set, reset).

@@ -52,6 +52,9 @@ struct CountResult {
 // Majority rule tree for a cut (50..99; 100 is strict).
 CountResult majority_consensus(const std::vector<int>& trees, const std::vector<std::uint8_t>& excluded,
                                int cut, std::int32_t* result);
+// The same without a group table (no taxon may be excluded or absent): each group is
+// looked up in the other trees by the common ancestor of its terminals.
+CountResult majority_low_memory(const std::vector<int>& trees, int cut, std::int32_t* result);
 // Frequencies of the groups of a reference tree in the trees.
 CountResult reference_frequencies(int reference, const std::vector<int>& trees,
                                   const std::vector<std::uint8_t>& excluded);

@@ -16,6 +16,8 @@
 #include "shell/shell_commands.h"
 #include "shell/state.h"
 #include "support/consensus.h"
+#include "support/pruning_commands.h"
+#include "support/command_helpers.h"
 #include "trees/display.h"
 #include "trees/store.h"
 
@@ -24,8 +26,6 @@ namespace qax::support {
 using namespace qax::shell;
 using qax::trees::tree_row;
 using qax::trees::tree_store;
-
-namespace {
 
 // Trees named before "/" or ";": all trees when the list is empty.
 std::vector<int> read_selected_trees() {
@@ -52,6 +52,8 @@ std::vector<std::uint8_t> read_excluded_taxa() {
   return user;
 }
 
+namespace {
+
 int excluded_count(const std::vector<std::uint8_t>& excluded) {
   int n = 0;
   for (auto e : excluded) n += e != 0;
@@ -66,6 +68,8 @@ int read_reference(char close) {
   if (!accept_char(close)) error_exitf("Expected \"%c\" after reference tree", close);
   return j;
 }
+
+}  // namespace
 
 // Keeps a result as the last tree of the store. Returns its number.
 int keep_tree(const std::vector<std::int32_t>& tree, const char* group_name) {
@@ -84,6 +88,8 @@ std::vector<std::string> percent_labels(const std::vector<int>& values, int d, i
     if (values[v] != missing && d > 0) labels[v] = std::to_string(static_cast<long long>(values[v]) * 100 / d);
   return labels;
 }
+
+namespace {
 
 // Values by node, ten a row, with the node number of each row first.
 void print_node_table(const std::string& title, const std::vector<std::string>& labels, int from, int to) {
@@ -115,6 +121,8 @@ void print_node_table(const std::string& title, const std::vector<std::string>& 
   out_text({"\n"});
 }
 
+}  // namespace
+
 bool use_low_memory(int ntax) {
   auto& cs = consensus_settings;
   if (cs.low_memory_always) return true;
@@ -127,6 +135,8 @@ bool use_low_memory(int ntax) {
   }
   return true;
 }
+
+namespace {
 
 std::string excluded_suffix(int x) {
   return x ? " (" + std::to_string(x) + " taxa excluded)" : std::string();
@@ -148,7 +158,8 @@ void cmd_nelsen() {
   std::vector<std::uint8_t> user = read_excluded_taxa();
   if (accept_char('/')) {
     if (keep) error_exit("Can't save tree with location of excluded taxa");
-    error_exit("Showing the location of pruned taxa is not available yet in this version");
+    nelsen_placement(trees, user);
+    return;
   }
   std::vector<std::uint8_t> excluded;
   prepare_exclusions(trees, user, cs.unshared, excluded);
@@ -229,6 +240,11 @@ void frequency_command(bool differences) {
     r.counted = static_cast<int>(trees.size());
     r.node_value.assign(2 * ntax - 1, -1);
     for (int v = ntax + 1; v < result[ntax]; ++v) r.node_value[v] = r.counted;
+  } else if (!differences && use_low_memory(ntax)) {
+    if (excluded_count(excluded))
+      error_exit("Low memory majority rule doesn't allow exclusion of taxa\n"
+                 "Condense trees (excluding taxa, if needed) and then consense");
+    r = majority_low_memory(trees, cut, result.data());
   } else {
     r = differences ? frequency_differences(-1, trees, excluded, cut, result.data())
                     : majority_consensus(trees, excluded, cut, result.data());

@@ -1,6 +1,7 @@
 // The matrix reader, saving forms, min-max steps, lists and character settings, driven
 // in-process through the command shell. Messages are read back from a log file.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <bit>
 #include <cstdio>
@@ -28,7 +29,8 @@ namespace ds = qax::dataset;
 
 namespace {
 
-const std::string log_name = "xread_test.log";
+// Each test process logs to its own file: ctest runs tests in parallel.
+const std::string log_name = ::testing::TempDir() + "xread_test_" + std::to_string(::getpid()) + ".log";
 
 void setup_shell() {
   app::reset_run_state();

@@ -2,6 +2,7 @@
 // "@T N" in taxon lists, driven in-process through the command shell. The simulated
 // characters are checked against a small Fitch count on the generating tree.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <bit>
@@ -26,7 +27,8 @@ namespace ds = qax::dataset;
 
 namespace {
 
-const std::string log_name = "data_links_test.log";
+// Each test process logs to its own file: ctest runs tests in parallel.
+const std::string log_name = ::testing::TempDir() + "data_links_test_" + std::to_string(::getpid()) + ".log";
 
 void setup_shell() {
   app::reset_run_state();

@@ -1,0 +1,224 @@
+// SPR and TBR branch swapping on the engine, and the store of the trees they find.
+// A clip's moves are all costed by joins against branch sets; only accepted moves change
+// the tree, after which all sets are recomputed once.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <unordered_map>
+
+#include "optim/kernels.h"
+#include "search/search_internal.h"
+#include "search/settings.h"
+#include "shell/failure.h"
+#include "shell/output.h"
+#include "shell/state.h"
+#include "trees/store.h"
+
+namespace qax::search {
+
+using qax::optim::packed;
+using qax::trees::tree_store;
+
+namespace {
+
+std::unordered_multimap<std::uint64_t, int> seen;   // hash of a stored row -> row
+
+std::uint64_t row_hash(const std::int32_t* row, int cells) {
+  std::uint64_t h = 1469598103934665603ull;
+  for (int i = 0; i < cells; ++i) h = (h ^ static_cast<std::uint32_t>(row[i])) * 1099511628211ull;
+  return h;
+}
+
+}  // namespace
+
+void store_begin() {
+  seen.clear();
+  for (int k = 0; k < tree_store.ntrees; ++k) seen.emplace(row_hash(trees::tree_row(k), tree_store.row_size), k);
+}
+
+int store_find(const std::vector<std::int32_t>& tree) {
+  const int cells = tree_store.row_size;
+  auto range = seen.equal_range(row_hash(tree.data(), cells));
+  for (auto it = range.first; it != range.second; ++it) {
+    const int k = it->second;
+    if (k < tree_store.ntrees && std::memcmp(trees::tree_row(k), tree.data(), sizeof(std::int32_t) * cells) == 0)
+      return k;
+  }
+  return -1;
+}
+
+int store_add(std::vector<std::int32_t>& tree, double score) {
+  if (collapse_before_store) {
+    collapse_before_store(tree.data());
+    trees::reset_node_numbers(tree.data(), tree_store.ntax);
+  }
+  if (store_find(tree) >= 0) return -1;
+  const int k = trees::tree_store_add(-1, false);
+  std::memcpy(trees::tree_row(k), tree.data(), sizeof(std::int32_t) * tree_store.row_size);
+  tree_store.scores[k] = score;
+  seen.emplace(row_hash(tree.data(), tree_store.row_size), k);
+  return k;
+}
+
+int store_discard_above(int first, double bound, int keep) {
+  std::vector<std::uint8_t> flags(tree_store.ntrees, 1);
+  int new_keep = keep;
+  int dropped_before = 0;
+  for (int k = first; k < tree_store.ntrees; ++k) {
+    if (tree_store.scores[k] > bound + 1e-8) {
+      flags[k] = 0;
+      if (k < keep) ++dropped_before;
+      if (k == keep) new_keep = -1;
+    }
+  }
+  if (new_keep >= 0) new_keep -= dropped_before;
+  trees::tree_store_compact(flags);
+  store_begin();
+  return new_keep;
+}
+
+namespace {
+
+// Terminals below each node, for the clip-size rules.
+void count_tips(Engine& e, std::vector<int>& tips) {
+  tips.assign(e.nn, 0);
+  for (int t = 0; t < e.nt; ++t) tips[t] = 1;
+  // Postorder through the preorder list left in e.order by compute_all.
+  int cnt = 0, top = 0;
+  e.stack[top++] = e.nt;
+  while (top) {
+    int n = e.stack[--top];
+    e.order[cnt++] = n;
+    if (e.right[n] >= e.nt) e.stack[top++] = e.right[n];
+    if (e.left[n] >= e.nt) e.stack[top++] = e.left[n];
+  }
+  for (int k = cnt - 1; k >= 0; --k) {
+    int n = e.order[k];
+    tips[n] = tips[e.left[n]] + tips[e.right[n]];
+  }
+}
+
+std::string score_text(double s) {
+  char buf[64];
+  if (std::fabs(s - std::round(s)) < 1e-9) std::snprintf(buf, sizeof buf, "%.0f", s);
+  else std::snprintf(buf, sizeof buf, "%.3f", s);
+  return buf;
+}
+
+double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int limit, bool tbr, int* slot_io,
+                 bool* improved_out) {
+  Engine& e = engine();
+  if (!e.load(parent)) qax::shell::error_exit("Tree cannot be swapped (not binary on the active taxa)");
+  double score = e.compute_all();
+  if (improved_out) *improved_out = false;
+  const int nn = e.nn;
+  if (e.nt < 4) return score;
+  const bool saving = mode > 0;
+  const std::int32_t save_slack = static_cast<std::int32_t>(std::floor(search_settings.suboptimal + 1e-9));
+  int slot = slot_io ? *slot_io : -1;
+  std::vector<int> clip_order(nn);
+  if (search_settings.randclip) random_shuffle(nn, clip_order.data());
+  else for (int i = 0; i < nn; ++i) clip_order[i] = i;
+  std::vector<int> tips;
+  count_tips(e, tips);
+  bool improved = false;
+  int failures = 0, pos = 0, clips = 0;
+  const int report_every = search_settings.outfreq > 0 ? search_settings.outfreq : (e.nt <= 49 ? 2 : 10);
+  std::vector<Move> records;
+  std::vector<int> keep_anc, keep_left, keep_right;
+  std::vector<std::int32_t> row;
+  Move best;
+  std::uint64_t examined = 0;
+  while (failures < nn) {
+    if (++clips % report_every == 0) {
+      qax::shell::show_progress(failures, nn, tbr ? "TBR" : "SPR");
+      if (qax::shell::shell_state.stop_search_flag) break;
+    }
+    const int n = clip_order[pos];
+    pos = pos + 1 == nn ? 0 : pos + 1;
+    if (mode < 0 && !improved && tips[n] < 3) { ++failures; continue; }
+    records.clear();
+    const bool room = saving && tree_store.ntrees < limit;
+    const std::int32_t base = e.evaluate_clip(n, tbr, room, save_slack, best, records, examined);
+    if (base < 0) { ++failures; continue; }
+    if (best.clip >= 0) {
+      const double expect = score - (base - best.cost);
+      if (saving) {
+        // Worse trees of this replication go; the tree in swap is no longer stored.
+        store_discard_above(first, expect + search_settings.suboptimal, -1);
+        slot = -1;
+      }
+      e.apply_move(best);
+      score = e.compute_all();
+      if (std::fabs(score - expect) > 1e-8) {
+        qax::shell::out_printf("\n%s --- %s, move %i -> %i, score is %s", "OOpps", tbr ? "tbr" : "spr", best.clip,
+                               best.target, score_text(score).c_str());
+      }
+      count_tips(e, tips);
+      ++replacements_done;
+      improved = true;
+      failures = search_settings.mulpars ? 1 : 2;
+      if (saving && first > 0) {
+        // A better tree already found by an earlier replication: its island has been seen.
+        e.export_tree(row);
+        if (store_find(row) >= 0) {
+          rearrangements_examined.add(examined);
+          parent = row;
+          if (slot_io) *slot_io = -1;
+          if (improved_out) *improved_out = true;
+          return score;
+        }
+      }
+      continue;
+    }
+    ++failures;
+    if (!records.empty() && room) {
+      if (slot < 0) {
+        e.export_tree(row);
+        slot = store_add(row, score);
+        if (slot < 0) break;   // the tree is a duplicate: its neighbours are known
+      }
+      keep_anc = e.anc;
+      keep_left = e.left;
+      keep_right = e.right;
+      for (const Move& m : records) {
+        if (tree_store.ntrees >= limit) break;
+        e.apply_move(m);
+        e.export_tree(row);
+        store_add(row, score + (m.cost - base));
+        e.anc = keep_anc;
+        e.left = keep_left;
+        e.right = keep_right;
+        ++replacements_done;
+      }
+    }
+  }
+  rearrangements_examined.add(examined);
+  e.export_tree(parent);
+  if (saving && slot < 0 && tree_store.ntrees < limit) slot = store_add(parent, score);
+  if (slot_io) *slot_io = slot;
+  if (improved_out) *improved_out = improved;
+  return score;
+}
+
+}  // namespace
+
+double swap_tbr_slot(std::vector<std::int32_t>& parent, int first, int mode, int limit, int* slot, bool* improved) {
+  search_status_code = 2;
+  return swap_core(parent, first, mode, limit, true, slot, improved);
+}
+double swap_spr_slot(std::vector<std::int32_t>& parent, int first, int mode, int limit, int* slot, bool* improved) {
+  search_status_code = 1;
+  return swap_core(parent, first, mode, limit, false, slot, improved);
+}
+
+double swap_tbr(std::vector<std::int32_t>& parent_array, int first, int mode, int limit) {
+  return swap_tbr_slot(parent_array, first, mode, limit, nullptr, nullptr);
+}
+double swap_spr(std::vector<std::int32_t>& parent_array, int first, int mode, int limit) {
+  return swap_spr_slot(parent_array, first, mode, limit, nullptr, nullptr);
+}
+
+std::string search_score_text(double s) { return score_text(s); }
+
+}  // namespace qax::search
