@@ -11,3 +11,4 @@
 #include "support/consensus_commands.h"
 #include "support/pruning_commands.h"
 #include "search/settings.h"
+#include "search/constraints.h"

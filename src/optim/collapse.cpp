@@ -6,6 +6,7 @@
 #include "optim/collapse.h"
 
 #include <algorithm>
+#include <bit>
 #include <climits>
 #include <cstdlib>
 
@@ -141,7 +142,12 @@ void max_length_flags(const CollapseWork& w, std::vector<std::uint8_t>& changes)
   for (int c = 0; c < dataset.nchar; ++c) {
     const auto& ch = dataset.chars[c];
     if (!ch.active || ch.is_continuous || ch.sankoff) continue;
-    const int ns = std::clamp(ch.num_states, 1, 32);
+    // States from 0 to the highest one observed on the tree's terminals.
+    int ns = 1;
+    for (int t = 0; t < w.nterm; ++t) {
+      const std::uint32_t v = dataset.cell(packed.from_packed[t], c);
+      if (v != dataset.missing_value() && v != 0) ns = std::max(ns, 32 - std::countl_zero(v));
+    }
     const bool add = ch.additive;
     auto cost = [&](int s, int t) -> long long { return add ? std::abs(s - t) : (s != t); };
     auto d = [&](int n) { return D.data() + static_cast<std::size_t>(n) * 32; };
@@ -269,6 +275,13 @@ int collapsed_copy(const std::int32_t* tree, std::vector<std::int32_t>& out, int
   for (int v = ntax + 1; v < end; ++v) removed += keep[v] == 0;
   if (removed) collapse_in_place(out.data(), ntax, keep);
   return removed;
+}
+
+void collapse_for_store(std::int32_t* tree) {
+  if (collapse_settings.rule == collapse_none) return;
+  std::vector<std::uint8_t> keep;
+  collapse_tree(tree, keep, nullptr);
+  collapse_in_place(tree, dataset.ntax, keep);
 }
 
 void collapse_work_flags(const WorkTree& t, std::uint8_t* flags) noexcept {

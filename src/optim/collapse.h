@@ -49,6 +49,10 @@ void collapse_marks(const std::int32_t* tree, std::uint8_t* collapsed);
 // canonically. The store is not touched. Returns the number of nodes removed.
 int collapsed_copy(const std::int32_t* tree, std::vector<std::int32_t>& out, int rule = -1);
 
+// The search's store hook: collapses the tree in place under the current rule (rules 4 to 6
+// act as rule 1 here) and renumbers it canonically. Nothing happens under rule 0.
+void collapse_for_store(std::int32_t* tree);
+
 // Removes the nodes with keep[v] == 0 from a parent array in place and renumbers it.
 void collapse_in_place(std::int32_t* tree, int ntax, const std::vector<std::uint8_t>& keep);
 

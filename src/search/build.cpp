@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "optim/kernels.h"
+#include "search/constraints.h"
 #include "search/engine.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
@@ -129,6 +130,8 @@ double wagner_build(std::vector<std::int32_t>& parent_array, std::uint32_t seed)
   Engine& e = engine();
   const int nt = e.nt;
   if (nt < 3) qax::shell::error_exit("Need at least 3 active taxa to build a tree");
+  constraints_start_search(e.anc.data(), e.left.data(), e.right.data(), e.nt);
+  struct EndConstraints { ~EndConstraints() { constraints_end_search(); } } end_constraints;
   const std::uint32_t caller_state = random_state();
   set_random_seed(seed);
   std::vector<int> seq(nt);
@@ -151,6 +154,7 @@ double wagner_build(std::vector<std::int32_t>& parent_array, std::uint32_t seed)
     e.right[q] = seq[2];
     e.anc[seq[1]] = e.anc[seq[2]] = q;
   }
+  constraint_tree_changed();
   std::vector<int> list(e.nn + 1), visit(e.nn + 1);
   const int kind = search_settings.sequence_kind;
   const int look = search_settings.lookahead;
@@ -197,6 +201,7 @@ double wagner_build(std::vector<std::int32_t>& parent_array, std::uint32_t seed)
       chosen.branch = list[0];
     }
     insert_terminal(e, seq[i], chosen.branch, nt + i - 1);
+    if (constraint_allows) constraint_tree_changed();
   }
   if (nt >= 3 && e.left[root] != 0) e.reroot_on_zero();
   const double score = e.compute_all();

@@ -179,7 +179,8 @@ std::uint32_t command_seed() {
 
 void prepare() {
   qax::trees::require_data();
-  optim::ensure_packed();
+  // Packed afresh: settings and data may have changed since the last pack.
+  optim::pack_data();
   engine_refresh();
   if (optim::packed.nterm < 4) error_exit("Need at least 4 active taxa to search");
   rearrangements_examined = Rearrangements{};

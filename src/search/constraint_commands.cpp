@@ -5,6 +5,7 @@
 
 #include "dataset/dataset.h"
 #include "dataset/lists_bridge.h"
+#include "optim/collapse.h"
 #include "optim/packed.h"
 #include "search/constraints.h"
 #include "shell/failure.h"
@@ -122,48 +123,70 @@ void tree_groups(const std::vector<std::int32_t>& tree, std::uint8_t absent_fiel
 }
 
 void show_group(const ConstraintGroup& g, int number, bool numbers) {
-  out_format("    Group %i:", number);
+  std::string line = "    Group " + std::to_string(number) + ":";
   auto name = [&](int t) { return numbers ? std::to_string(t) : trees::display_name(t); };
   for (int t = 0; t < static_cast<int>(g.field.size()); ++t)
-    if (g.field[t] == field_inside) out_text({" ", name(t)});
+    if (g.field[t] == field_inside) line += " " + name(t);
   bool any = false;
   for (int t = 0; t < static_cast<int>(g.field.size()); ++t)
     if (g.field[t] == field_floating) {
-      out_text({any ? " " : " (", name(t)});
+      line += (any ? " " : " (") + name(t);
       any = true;
     }
-  if (any) out_text({")"});
-  out_line({});
+  if (any) line += ")";
+  out_printf("%s\n", line.c_str());
 }
 
 void report_constraints(bool numbers) {
   const ConstraintDefs& d = constraint_defs;
-  if (!d.defined) { out_line({"No constraints defined"}); return; }
+  if (!d.defined) { out_printf("%s\n", "No constraints defined"); return; }
   const bool pos_tree = d.tree_kind == 1 || d.tree_kind == 2;
   const int pos_user = static_cast<int>(d.positive.size()) - (pos_tree ? d.tree_groups : 0);
   const int neg_user = static_cast<int>(d.negative.size()) - (d.tree_kind == 3 ? d.tree_groups : 0);
-  out_line({"List of constraints:"});
+  out_printf("%s\n", "List of constraints:");
   if (pos_user > 0) {
-    out_line({"  Positive constraints:"});
+    out_printf("%s\n", "  Positive constraints:");
     for (int g = 0; g < pos_user; ++g) show_group(d.positive[g], g, numbers);
   }
   if (neg_user > 0) {
-    out_line({"  Negative constraints:"});
+    out_printf("%s\n", "  Negative constraints:");
     for (int g = 0; g < neg_user; ++g) show_group(d.negative[g], g, numbers);
   }
   if (d.tree_kind) {
     static const char* kinds[] = {"", "  Tree constraint (groups of the tree):", "  Tree constraint (skeleton):",
                                   "  Tree constraint (negative skeleton):"};
-    out_line({kinds[d.tree_kind]});
-    out_line({"    ", trees::tree_to_text(d.tree.data(), dataset.ntax, !numbers, nullptr)});
+    out_printf("%s\n", kinds[d.tree_kind]);
+    out_printf("    %s\n", trees::tree_to_text(d.tree.data(), dataset.ntax, !numbers, nullptr).c_str());
   }
-  if (!d.active) out_line({"Constraints are not enforced (constrain -)"});
+  if (!d.active) out_printf("%s\n", "Constraints are not enforced (constrain -)");
+}
+
+// condense [ : does the cluster `inside` separate the firm sides of a positive group?
+bool is_positive_group(const std::uint8_t* inside, int ntax) {
+  for (const ConstraintGroup& g : constraint_defs.positive) {
+    bool in_c = true, out_free = true, out_c = true, in_free = true, any_in = false;
+    for (int t = 0; t < ntax && t < static_cast<int>(g.field.size()); ++t) {
+      if (g.field[t] == field_inside) {
+        any_in = true;
+        if (inside[t]) in_free = false; else in_c = false;
+      } else if (g.field[t] == field_outside) {
+        if (inside[t]) out_free = false; else out_c = false;
+      }
+    }
+    if (any_in && ((in_c && out_free) || (out_c && in_free))) return true;
+  }
+  return false;
 }
 
 }  // namespace
 
 void cmd_force() {
   dataset::require_data();
+  static bool hooked = false;
+  if (!hooked) {
+    dataset::add_dataset_replaced_hook([] { constraints_reset(); });
+    hooked = true;
+  }
   int c = peek_char();
   if (c == ';') { report_constraints(false); return; }
   if (c == '*') { next_char(); report_constraints(true); return; }
@@ -171,7 +194,7 @@ void cmd_force() {
     next_char();
     if (constraint_defs.active) optim::invalidate_pack();
     constraint_defs.active = 0;
-    out_line({"Constraints de-activated"});
+    out_printf("%s\n", "Constraints de-activated");
     return;
   }
   ConstraintDefs nd;
@@ -228,8 +251,9 @@ void cmd_force() {
   nd.defined = npos_user + nneg_user > 0 || nd.tree_kind != 0;
   nd.active = nd.defined;
   constraint_defs = std::move(nd);
+  optim::constrained_group_hook = constraint_defs.defined ? is_positive_group : nullptr;
   optim::invalidate_pack();
-  out_format("Read %i negative constraints, %i positive constraints, %i tree-constraints\n", nneg_user, npos_user,
+  out_printf("Read %i negative constraints, %i positive constraints, %i tree-constraints\n", nneg_user, npos_user,
              constraint_defs.tree_kind ? 1 : 0);
 }
 
@@ -245,7 +269,7 @@ void cmd_constrain() {
     read_token();
     error_exit({"Unidentified string in constrain options:", token_buffer});
   }
-  out_line({"Enforcing constraints is ", constraint_defs.active ? "ON" : "OFF"});
+  out_printf("Enforcing constraints is %s\n", constraint_defs.active ? "ON" : "OFF");
 }
 
 void cmd_mono() {
@@ -269,25 +293,25 @@ void cmd_mono() {
     const int bad = tree_violations_by_group(trees::tree_row(k), ntax, which);
     if (mode == 2) {
       if (bad) {
-        out_format("Tree %i, %i constraints violated\n", k, bad);
+        out_printf("Tree %i, %i constraints violated\n", k, bad);
         for (int g = 0; g < total; ++g)
-          if (which[g]) out_format("    %s group %i\n", g < npos ? "Positive" : "Negative", g < npos ? g : g - npos);
+          if (which[g]) out_printf("    %s group %i\n", g < npos ? "Positive" : "Negative", g < npos ? g : g - npos);
       } else {
-        out_format("Tree %i, %i constraints fulfilled\n", k, total);
+        out_printf("Tree %i, %i constraints fulfilled\n", k, total);
       }
     } else if ((bad == 0) == (mode == 0)) {
       listed.push_back(k);
     }
   }
   if (mode == 2) return;
-  out_line({mode == 0 ? "Tree(s) fulfilling constraints:" : "Tree(s) violating constraints:"});
-  if (listed.empty()) { out_line({"    none"}); return; }
+  out_printf("%s\n", mode == 0 ? "Tree(s) fulfilling constraints:" : "Tree(s) violating constraints:");
+  if (listed.empty()) { out_printf("%s\n", "    none"); return; }
   std::string line;
   for (int k : listed) {
     line += " " + std::to_string(k);
-    if (line.size() > 70) { out_line({line}); line.clear(); }
+    if (line.size() > 70) { out_printf("%s\n", line.c_str()); line.clear(); }
   }
-  if (!line.empty()) out_line({line});
+  if (!line.empty()) out_printf("%s\n", line.c_str());
 }
 
 }  // namespace qax::search

@@ -7,6 +7,7 @@
 
 #include "dataset/dataset.h"
 #include "optim/packed.h"
+#include "search/settings.h"
 #include "shell/failure.h"
 
 namespace qax::search {
@@ -45,6 +46,12 @@ struct ConstraintSets {
   std::vector<std::uint8_t> neg_enforced;  // per negative group: enforced for this tree
   std::vector<std::uint8_t> present;       // per terminal: in the main tree or the clip
   std::vector<int> order;                  // preorder scratch
+  std::vector<int> par, c0, c1;            // effective links of the prepared parts
+  const int* anc = nullptr;                // bound tree: ancestors
+  const int* left = nullptr;               // bound tree: first children
+  const int* right = nullptr;              // bound tree: second children
+  int bound_nterm = 0;                     // bound tree: terminals (root = bound_nterm)
+  int prepared_clip = -2;                  // clip of the last prepare, -2 none (stale)
   std::vector<int> stack;                  // traversal scratch
   int impossible = 0;                      // no placement of this clip is legal
 };
@@ -94,38 +101,54 @@ void combine(const std::uint32_t* x, const std::uint32_t* y, std::uint32_t* out)
   }
 }
 
-// Nodes below `top` in preorder into cs.order (from `start`); returns the new end.
-int collect(const WorkTree& t, int top, int start) {
+// Nodes below `top` in preorder into cs.order (from `start`) with their effective links;
+// `skip` is the clip (left out) and `pass` its parent (replaced by the clip's sister).
+// Returns the new end.
+int collect(int top, int start, int skip, int pass) {
+  const int nterm = cs.bound_nterm;
+  auto child = [&](int c) {
+    if (c < 0 || c == skip) return -1;
+    if (c == pass) {
+      const int l = cs.left[c], r = cs.right[c];
+      return l == skip ? r : l;
+    }
+    return c;
+  };
   int n = start, sp = 0;
   cs.stack[sp++] = top;
+  cs.par[top] = -1;
   while (sp) {
     const int v = cs.stack[--sp];
     cs.order[n++] = v;
-    if (v < t.nterm) { cs.present[v] = 1; continue; }
-    if (t.right_child[v] >= 0) cs.stack[sp++] = t.right_child[v];
-    if (t.left_child[v] >= 0) cs.stack[sp++] = t.left_child[v];
+    cs.c0[v] = cs.c1[v] = -1;
+    if (v < nterm) { cs.present[v] = 1; continue; }
+    const int a = child(cs.left[v]), b = child(cs.right[v]);
+    cs.c0[v] = a;
+    cs.c1[v] = b;
+    if (b >= 0) { cs.par[b] = v; cs.stack[sp++] = b; }
+    if (a >= 0) { cs.par[a] = v; cs.stack[sp++] = a; }
   }
   return n;
 }
 
-void down_range(const WorkTree& t, int from, int to) {
+void down_range(int from, int to) {
   for (int k = to - 1; k >= from; --k) {
     const int v = cs.order[k];
-    if (v >= t.nterm) down_node(v, t.left_child[v], t.right_child[v], true);
+    if (v >= cs.bound_nterm) down_node(v, cs.c0[v], cs.c1[v], true);
   }
 }
 
 // Second pass of the main tree and the branch sets. For a field where the ancestor's set
 // is not inside the node's, the node takes its own set plus the ancestor's states found in
 // a child: d = 01, f = 11, children 01 and 11 -> 11 (either state is optimal).
-void final_range(const WorkTree& t, int count) {
+void final_range(int count) {
   const int root = cs.order[0];
   std::copy(row(cs.down, root), row(cs.down, root) + cs.words, row(cs.final_sets, root));
   for (int k = 1; k < count; ++k) {
     const int v = cs.order[k];
-    const std::uint32_t* f = row(cs.final_sets, t.ancestor[v]);
+    const std::uint32_t* f = row(cs.final_sets, cs.par[v]);
     const std::uint32_t* d = row(cs.down, v);
-    const int a = v < t.nterm ? -1 : t.left_child[v], b = v < t.nterm ? -1 : t.right_child[v];
+    const int a = cs.c0[v], b = cs.c1[v];
     std::uint32_t* out = row(cs.final_sets, v);
     for (int w = 0; w < cs.words; ++w) {
       std::uint32_t lr = 0;
@@ -141,11 +164,11 @@ void final_range(const WorkTree& t, int count) {
     std::uint32_t* br = row(cs.branch, v);
     const std::uint32_t* fv = row(cs.final_sets, v);
     if (v == root) { std::copy(fv, fv + cs.words, br); continue; }
-    const std::uint32_t* fa = row(cs.final_sets, t.ancestor[v]);
+    const std::uint32_t* fa = row(cs.final_sets, cs.par[v]);
     for (int w = 0; w < cs.words; ++w) br[w] = fv[w] | fa[w];
   }
   // The two branches at the root are one branch of the unrooted tree.
-  const int a = t.left_child[root], b = t.right_child[root];
+  const int a = cs.c0[root], b = cs.c1[root];
   if (a >= 0 && b >= 0) {
     std::uint32_t* ba = row(cs.branch, a);
     std::uint32_t* bb = row(cs.branch, b);
@@ -156,12 +179,12 @@ void final_range(const WorkTree& t, int count) {
 }
 
 // The clip's set when rooted above each of its nodes.
-void reroot_range(const WorkTree& t, int clip, int from, int to) {
+void reroot_range(int clip, int from, int to) {
   std::copy(row(cs.down, clip), row(cs.down, clip) + cs.words, row(cs.reroot, clip));
   for (int k = from + 1; k < to; ++k) {
     const int v = cs.order[k];
-    const int p = t.ancestor[v];
-    const int s = t.left_child[p] == v ? t.right_child[p] : t.left_child[p];
+    const int p = cs.par[v];
+    const int s = cs.c0[p] == v ? cs.c1[p] : cs.c0[p];
     std::uint32_t* u = row(cs.up, v);
     if (p == clip) {
       if (s >= 0) std::copy(row(cs.down, s), row(cs.down, s) + cs.words, u);
@@ -312,6 +335,9 @@ void constraints_pack() {
   cs.neg_need.assign(wneg, 0);
   cs.present.assign(cs.nterm, 0);
   cs.order.assign(cs.nnodes + 1, 0);
+  cs.par.assign(cs.nnodes + 1, -1);
+  cs.c0.assign(cs.nnodes + 1, -1);
+  cs.c1.assign(cs.nnodes + 1, -1);
   cs.stack.assign(cs.nnodes + 1, 0);
   for (int g = 0; g < cs.npos; ++g) put_group(0, g, d.positive[g]);
   for (int g = 0; g < cs.nneg; ++g) put_group(cs.wpos, g, d.negative[g]);
@@ -328,24 +354,66 @@ void constraints_pack() {
   cs.ready = 1;
 }
 
-void constraint_clip(const WorkTree& t, int clip) {
-  if (!cs.ready || cs.words == 0) { cs.impossible = 0; return; }
+void constraint_bind(const int* anc, const int* left, const int* right, int nterm) {
+  cs.anc = anc;
+  cs.left = left;
+  cs.right = right;
+  cs.bound_nterm = nterm;
+  cs.prepared_clip = -2;
+}
+
+void constraint_prepare(int clip) {
+  cs.prepared_clip = clip;
+  cs.impossible = 0;
+  if (!cs.ready || cs.words == 0 || !cs.anc) return;
+  if (cs.bound_nterm != cs.nterm) error_exit("Internal error: constraints packed for another tree size");
   std::fill(cs.present.begin(), cs.present.end(), 0);
   std::fill(cs.changes.begin(), cs.changes.end(), 0);
-  const int main_end = collect(t, t.nterm, 0);
-  down_range(t, 0, main_end);
-  final_range(t, main_end);
+  const int root = cs.bound_nterm;
+  int skip = -1, pass = -1;
+  if (clip >= 0 && cs.anc[clip] >= 0) {
+    skip = clip;
+    pass = cs.anc[clip] == root ? -1 : cs.anc[clip];
+  }
+  const int main_end = collect(root, 0, skip, pass);
+  down_range(0, main_end);
+  final_range(main_end);
   if (clip >= 0) {
-    const int clip_end = collect(t, clip, main_end);
-    down_range(t, main_end, clip_end);
-    reroot_range(t, clip, main_end, clip_end);
+    const int clip_end = collect(clip, main_end, -1, -1);
+    down_range(main_end, clip_end);
+    reroot_range(clip, main_end, clip_end);
   }
   set_masks();
 }
 
+void constraint_clip(const WorkTree& t, int clip) {
+  constraint_bind(t.ancestor.data(), t.left_child.data(), t.right_child.data(), t.nterm);
+  constraint_prepare(clip);
+}
+
+void constraint_tree_changed() noexcept { cs.prepared_clip = -2; }
+
+int constraint_candidate(int clip, int reroot, int target) {
+  if (clip != cs.prepared_clip) constraint_prepare(clip);
+  return constraint_test(reroot < 0 ? clip : reroot, target) ? 1 : 0;
+}
+
+void constraints_start_search(const int* anc, const int* left, const int* right, int nterm) {
+  if (!constraints_in_force()) { constraint_allows = nullptr; return; }
+  constraints_pack();
+  constraint_bind(anc, left, right, nterm);
+  constraint_allows = constraint_candidate;
+}
+
+void constraints_end_search() noexcept {
+  constraint_allows = nullptr;
+  cs.anc = cs.left = cs.right = nullptr;
+  cs.prepared_clip = -2;
+}
+
 // Example, one positive word: clip 10'10, branch 01'11 -> x = 00'10: the high field
 // (group 1) is empty, a new change; allowed only if group 1 had none (pos_forbid 0 there).
-bool constraint_allows(int reroot, int target) noexcept {
+bool constraint_test(int reroot, int target) noexcept {
   if (!cs.ready || cs.words == 0) return true;
   if (cs.impossible) return false;
   const std::uint32_t* c = cs.reroot.data() + static_cast<std::size_t>(reroot) * cs.words;
@@ -365,6 +433,7 @@ void constraint_tree_counts(const WorkTree& t, int* pos_bad, int* neg_bad) {
   *pos_bad = *neg_bad = 0;
   if (!cs.ready || cs.words == 0) return;
   constraint_clip(t, -1);
+  cs.prepared_clip = -2;
   for (int g = 0; g < cs.npos; ++g) *pos_bad += cs.changes[g] >= 2;
   for (int g = 0; g < cs.nneg; ++g)
     *neg_bad += cs.neg_enforced[g] && cs.changes[cs.wpos * groups_per_word + g] <= 1;

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "optim/collapse.h"
 #include "optim/kernels.h"
 
 namespace qax::search {
@@ -48,30 +49,48 @@ void constraints_pack();
 void check_constraint_conflicts();
 
 // --- The per-candidate test -----------------------------------------------------------
-// Usage by Wagner insertion and the swappers, in WorkTree numbering:
-//   1. Detach the clip (cut_node, or for Wagner the new terminal not yet in the tree).
-//   2. constraint_clip(tree, clip): the main tree is what is reachable from the root; the
-//      clip is the subtree below `clip`, not attached to the main tree. Recomputes the
-//      group sets of both, with every rerooting of the clip, and the changes per group.
-//      O(nodes * words). Call again after every change of the tree or of the clip.
-//   3. constraint_allows(reroot, target): may the clip, rooted on the branch above its node
-//      `reroot` (the clip itself under SPR and Wagner; for TBR the node below the rerooting
-//      branch), go on the branch above main-tree node `target`? O(words), no allocation.
+// A tree is seen through its link arrays in packed numbering (ancestor, left and right
+// child, -1 none; the root is nterm), e.g. those of the search engine or of a WorkTree.
+//   constraint_prepare(clip): the main tree is the bound tree without the subtree of
+//     `clip` (the clip's parent is passed over, its sister takes its place); a clip that is
+//     not attached (a Wagner terminal, ancestor -1) leaves the tree as it is. Recomputes
+//     the group sets of both parts, with every rerooting of the clip, and the changes per
+//     group. O(nodes * words), no allocation. Call for every clip, and again after the tree
+//     changed.
+//   constraint_test(reroot, target): may the clip, rooted on the branch above its node
+//     `reroot` (the clip itself under SPR and Wagner; for TBR the node below the rerooting
+//     branch), go on the branch above main-tree node `target`? O(words), no allocation.
 // Terminals absent from both parts float in every group. A negative group is enforced only
 // when all its non-floating taxa are in the tree (main or clip), so a Wagner tree can grow
 // through states where the group is still present; a positive group is enforced always,
 // which never leaves a taxon without a legal place when the positive groups are compatible.
-// If no place is legal (negative groups), the caller takes the best place and the finished
-// tree is checked with tree_satisfies.
+// When no place is legal (negative groups), the caller may take the best place and check
+// the finished tree with tree_violations.
+void constraint_bind(const int* anc, const int* left, const int* right, int nterm);
+void constraint_prepare(int clip);
+[[nodiscard]] bool constraint_test(int reroot, int target) noexcept;
+// The same in the form of the search hook (clip, reroot or -1 for the clip, target): it
+// prepares by itself when the clip differs from the last one prepared or after
+// constraint_tree_changed(); a caller that changes the tree must call that (or prepare).
+int constraint_candidate(int clip, int reroot, int target);
+void constraint_tree_changed() noexcept;
+// For a search: packs the constraints for the current pack (constraints_pack), binds the
+// engine's arrays and installs constraint_candidate as the search's `constraint_allows`
+// hook when constraints are in force (clears it otherwise). constraints_end_search clears it.
+void constraints_start_search(const int* anc, const int* left, const int* right, int nterm);
+void constraints_end_search() noexcept;
+// WorkTree convenience: binds the tree and prepares the clip (-1: no clip).
 void constraint_clip(const optim::WorkTree& tree, int clip);
-[[nodiscard]] bool constraint_allows(int reroot, int target) noexcept;
 
 // --- Whole trees ------------------------------------------------------------------------
-// Changes per group of a binary WorkTree; *pos_bad and *neg_bad count violated groups.
+// Violated groups of a binary WorkTree by the packed test (positive: 2 changes or more;
+// negative, complete and not trivial: fewer than 2).
 void constraint_tree_counts(const optim::WorkTree& tree, int* pos_bad, int* neg_bad);
 // Number of groups a stored tree (data set numbering, any parent array, polytomies
 // allowed) violates: a positive group must be a split of the tree after the floating taxa
-// are placed, a negative one must not be. Needs no packing. Absent taxa float.
+// are placed, a negative one must not be. Needs no packing. Absent and inactive taxa float;
+// a negative group is checked only when all its firm taxa are present and it has at least
+// two firm taxa on each side.
 [[nodiscard]] int tree_violations(const std::int32_t* tree, int ntax);
 // The same, with which[g] = 1 for each violated group (positive groups first).
 int tree_violations_by_group(const std::int32_t* tree, int ntax, std::vector<std::uint8_t>& which);

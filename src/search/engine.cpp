@@ -8,6 +8,7 @@
 
 #include "optim/field_ops.h"
 #include "optim/kernels.h"
+#include "search/settings.h"
 #include "trees/store.h"
 
 namespace qax::search {
@@ -231,14 +232,16 @@ void Engine::apply_move(const Move& m) {
   const int e = m.target;
   int y = e == s ? g : anc[e];
   if (y == nt) y = 0;
-  // Cut: p leaves, s joins g.
-  unlink(p, s);
-  unlink(p, g);
-  link(s, g);
-  // Insert p on (e, y).
-  unlink(e, y);
-  link(p, e);
-  link(p, y);
+  if (p != nt) {
+    // Cut: p leaves, s joins g.
+    unlink(p, s);
+    unlink(p, g);
+    link(s, g);
+    // Insert p on (e, y).
+    unlink(e, y);
+    link(p, e);
+    link(p, y);
+  }
   // Reroot the clip on the branch above m.reroot.
   if (n >= nt && m.reroot >= 0 && m.reroot != left[n] && m.reroot != right[n]) {
     const int a = left[n], b = right[n];
@@ -283,10 +286,18 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
   const optim::Layout& L = packed.layout;
   const std::size_t WS = static_cast<std::size_t>(W);
   best = Move{};
-  if (n == nt || n == left[nt] || n == right[nt] || anc[n] < 0) return -1;
+  if (n == nt || n == left[nt] || anc[n] < 0) return -1;
+  if (n == right[nt] && (!tbr || n < nt)) return -1;
   const int p = anc[n];
+  const bool whole = p == nt;  // the clip is all but terminal 0: the only target is terminal 0
   const int s = left[p] == n ? right[p] : left[p];
   const int g = anc[p];
+  int ntg = 0, ks = -1;
+  if (whole) {
+    std::memcpy(tgt.data(), D(left[nt]), sizeof(std::uint32_t) * WS);
+    tnode[ntg++] = left[nt];
+    ks = 0;
+  } else {
   // Down sets of the path from g to the root, in the tree without the clip.
   ++stamp_now;
   auto dn = [&](int x) -> const std::uint32_t* {
@@ -310,7 +321,6 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
   const int x = kid(right[nt]);
   std::uint32_t* u2 = up2.data();
   std::memcpy(u2 + x * WS, D(l0), sizeof(std::uint32_t) * WS);
-  int ntg = 0, ks = -1;
   auto add_target = [&](int node) {
     if (node == s) ks = ntg;
     fitch_sets(L, dn(node), u2 + node * WS, tgt.data() + ntg * WS);
@@ -328,6 +338,8 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
     stack[top++] = c2;
     stack[top++] = c1;
   }
+  }
+  int top = 0;
   // Block unions of the targets.
   const int ntb = (ntg + block_size - 1) / block_size;
   for (int b = 0; b < ntb; ++b) {
@@ -393,6 +405,7 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
           if (j == 0 && k == ks) continue;
           const std::int32_t c = join_count(cj, tgt.data() + k * WS, bound, &ok);
           if (!ok) continue;
+          if (constraint_allows && !constraint_allows(n, j == 0 ? -1 : cnode[j], tnode[k])) continue;
           if (c < best_cost) {
             best_cost = c;
             best = Move{n, j == 0 ? -1 : cnode[j], tnode[k], c};

@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include "optim/kernels.h"
+#include "search/constraints.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
 #include "shell/failure.h"
@@ -110,6 +111,8 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
   Engine& e = engine();
   if (!e.load(parent)) qax::shell::error_exit("Tree cannot be swapped (not binary on the active taxa)");
   double score = e.compute_all();
+  constraints_start_search(e.anc.data(), e.left.data(), e.right.data(), e.nt);
+  struct EndConstraints { ~EndConstraints() { constraints_end_search(); } } end_constraints;
   if (improved_out) *improved_out = false;
   const int nn = e.nn;
   if (e.nt < 4) return score;
@@ -150,6 +153,7 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
       }
       e.apply_move(best);
       score = e.compute_all();
+      if (constraint_allows) constraint_tree_changed();
       if (std::fabs(score - expect) > 1e-8) {
         qax::shell::out_printf("\n%s --- %s, move %i -> %i, score is %s", "OOpps", tbr ? "tbr" : "spr", best.clip,
                                best.target, score_text(score).c_str());
@@ -191,6 +195,7 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
         e.right = keep_right;
         ++replacements_done;
       }
+      if (constraint_allows) constraint_tree_changed();
     }
   }
   rearrangements_examined.add(examined);

@@ -321,8 +321,4 @@ void cmd_rfreqs() {
 
 void cmd_unshared() { read_switch(consensus_settings.unshared, "Pruning of taxa absent from some trees"); }
 
-void cmd_qnelsen() {
-  error_exit("Estimated consensus needs searches, which are not available yet in this version");
-}
-
 }  // namespace qax::support

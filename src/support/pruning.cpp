@@ -6,6 +6,7 @@
 #include <map>
 
 #include "shell/output.h"
+#include "shell/state.h"
 #include "support/consensus.h"
 #include "support/group_set.h"
 #include "trees/store.h"
@@ -123,6 +124,7 @@ std::vector<Pruning> find_prunings(PruneBase base, const std::vector<int>& trees
         out.push_back({taxa, gain, per_node, tree});
       }
       shell::show_progress(++tried, 0, "Pruning taxa");
+      if (shell::shell_state.stop_search_flag) return out;  // interrupted: keep what was found
       // Next combination.
       int i = size - 1;
       while (i >= 0 && pick[i] == ncand - size + i) --i;
@@ -305,7 +307,7 @@ UpdnResult updn_search(const std::vector<int>& trees, const std::vector<std::uin
       }
     }
     shell::show_progress(stage + 1, options.max_stages, "Pruning taxa");
-    if (best_set.empty()) break;
+    if (best_set.empty() || shell::shell_state.stop_search_flag) break;
     for (int t : best_set) res.pruned[t] = options.up ? 0 : 1;
     current = updn_value(trees, excluded, res.pruned, base_taxa, options, &tree, &support);
     res.stages.push_back({best_set, current});

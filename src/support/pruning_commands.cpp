@@ -85,7 +85,7 @@ int child_count(const std::int32_t* tree, int ntax, int node) {
 // prunnelsen and pruncom.
 void pruning_command(PruneBase base) {
   const char* name = base == PruneBase::strict ? "prunnelsen" : "pruncom";
-  qax::dataset::require_data();
+  qax::trees::require_data();
   PruneOptions options;
   bool list = false, store = false, max_given = false, agreement = false;
   for (;;) {
@@ -245,7 +245,7 @@ void cmd_prunmajor() {
     }
   }
   if (set_something && peek_char() == ';') return;
-  qax::dataset::require_data();
+  qax::trees::require_data();
   if (!std::isdigit(peek_char())) error_exit("Must specify tree with reference groups");
   const int reference = read_int();
   if (reference >= tree_store.ntrees) error_exit({"No tree", number_text(reference)});
@@ -306,7 +306,7 @@ void cmd_prunmajor() {
 }
 
 void cmd_prupdn() {
-  qax::dataset::require_data();
+  qax::trees::require_data();
   if (!std::isdigit(peek_char())) error_exit("Invalid option for prupdn");
   const int from = read_int();
   if (!std::isdigit(peek_char())) error_exit("Invalid option for prupdn");
@@ -438,7 +438,7 @@ std::string resolution_text(const PolytomyResolutions& p, const std::vector<std:
 }  // namespace
 
 void cmd_resols() {
-  qax::dataset::require_data();
+  qax::trees::require_data();
   int node = -1;
   bool list = false;
   for (;;) {

@@ -1,0 +1,389 @@
+// Tree search checked against independent computation: a slow Fitch scorer written here
+// (one character at a time on the unpacked matrix), exhaustive enumeration of small trees,
+// and a brute-force list of the TBR neighbours of a tree compared as sets of splits.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "app/command_table.h"
+#include "app/program.h"
+#include "dataset/dataset.h"
+#include "optim/packed.h"
+#include "search/engine.h"
+#include "search/search_internal.h"
+#include "search/settings.h"
+#include "shell/arena.h"
+#include "shell/commands.h"
+#include "shell/input.h"
+#include "shell/output.h"
+#include "shell/state.h"
+#include "trees/store.h"
+
+using namespace qax;
+namespace ds = qax::dataset;
+
+namespace {
+
+const std::string log_name = ::testing::TempDir() + "search_test_" + std::to_string(::getpid()) + ".log";
+
+void setup_shell() {
+  app::reset_run_state();
+  shell::install_command_table(app::command_records, &app::run_file_record);
+  shell::init_input_stack(10, "", false);
+  shell::frame_at(0).stream = nullptr;
+  shell::region_tags = shell::RegionTags();
+  shell::claim_arena(shell::default_ram_size);
+  ds::reset_dataset_state();
+  trees::install_dataset_links();
+  ds::add_dataset_replaced_hook(trees::tree_store_clear);
+}
+
+std::string run(const std::string& text) {
+  shell::init_input_stack(10, "", false);
+  shell::frame_at(0).stream = nullptr;
+  shell::open_log(log_name, false);
+  shell::push_text_level(text + "\n", "test");
+  while (shell::input_level() > 0 && !shell::current_frame().at_eof) shell::read_and_dispatch();
+  while (shell::input_level() > 0) shell::close_input();
+  shell::flush_log();
+  shell::close_log();
+  std::ifstream in(log_name);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+bool has(const std::string& out, const std::string& piece) { return out.find(piece) != std::string::npos; }
+
+// ---- slow reference scorer ------------------------------------------------------------
+// Fitch (unordered) or interval (additive) steps of every character on a parent array.
+int slow_length(const std::int32_t* parent) {
+  const ds::Dataset& d = ds::dataset;
+  const int ntax = d.ntax;
+  const int end = parent[ntax];
+  std::vector<std::vector<int>> kids(end);
+  for (int n = 0; n < end; ++n)
+    if (n != ntax && !(n < ntax && parent[n] < ntax)) kids[parent[n]].push_back(n);
+  int total = 0;
+  for (int c = 0; c < d.nchar; ++c) {
+    if (!d.chars[c].active) continue;
+    const bool add = d.chars[c].additive;
+    int steps = 0;
+    std::function<void(int, std::uint32_t&, int&, int&)> go = [&](int node, std::uint32_t& set, int& lo, int& hi) {
+      if (node < ntax) {
+        std::uint32_t v = d.cell(node, c);
+        if (v == d.missing_value() || v == 0) v = ~0u;
+        set = v;
+        lo = v == ~0u ? 0 : std::countr_zero(v);
+        hi = v == ~0u ? 31 : 31 - std::countl_zero(v);
+        return;
+      }
+      bool first = true;
+      for (int k : kids[node]) {
+        std::uint32_t s;
+        int l, h;
+        go(k, s, l, h);
+        if (first) { set = s; lo = l; hi = h; first = false; continue; }
+        if (!add) {
+          if (set & s) set &= s; else { set |= s; ++steps; }
+        } else if (h < lo) { steps += lo - h; int nl = h; hi = lo; lo = nl; }
+        else if (l > hi) { steps += l - hi; int nh = l; lo = hi; hi = nh; }
+        else { lo = std::max(lo, l); hi = std::min(hi, h); }
+      }
+    };
+    std::uint32_t s;
+    int l, h;
+    go(ntax, s, l, h);
+    total += steps * std::max(1, static_cast<int>(d.chars[c].weight));
+  }
+  return total;
+}
+
+// Splits of a parent array: for each inner node below the root, its taxa as a sorted list,
+// taken on the side without taxon 0; the root is on taxon 0, so this is the unrooted tree.
+std::set<std::vector<int>> splits_of(const std::vector<std::int32_t>& parent, int ntax) {
+  const int end = parent[ntax];
+  std::vector<std::vector<int>> below(end);
+  for (int t = 0; t < ntax; ++t) {
+    if (parent[t] < ntax) continue;
+    for (int a = parent[t]; a != ntax; a = parent[a]) below[a].push_back(t);
+  }
+  std::set<std::vector<int>> out;
+  for (int n = ntax + 1; n < end; ++n) {
+    auto v = below[n];
+    std::sort(v.begin(), v.end());
+    if (v.size() >= 2 && static_cast<int>(v.size()) <= ntax - 2) out.insert(v);
+  }
+  return out;
+}
+
+// ---- unrooted trees for enumeration and brute-force TBR ------------------------------
+using Edges = std::vector<std::pair<int, int>>;
+
+// Rooted parent array (root ntax, taxon 0 at the root) from an unrooted edge list.
+std::vector<std::int32_t> parent_from_edges(const Edges& edges, int ntax, int nvert) {
+  std::vector<std::vector<int>> adj(nvert);
+  for (auto [a, b] : edges) { adj[a].push_back(b); adj[b].push_back(a); }
+  std::vector<std::int32_t> parent(2 * ntax - 1, 0);
+  std::vector<int> id(nvert, -1);
+  int next = ntax + 1;
+  parent[0] = ntax;
+  std::vector<std::pair<int, int>> st{{adj[0][0], 0}};
+  std::vector<int> up{ntax};
+  while (!st.empty()) {
+    auto [v, from] = st.back();
+    st.pop_back();
+    int par = up.back();
+    up.pop_back();
+    int me = v < ntax ? v : next++;
+    parent[me] = par;
+    for (int w : adj[v]) if (w != from) { st.push_back({w, v}); up.push_back(me); }
+  }
+  parent[ntax] = next;
+  return parent;
+}
+
+// Every unrooted binary tree of n taxa (vertices n.. are inner), by stepwise insertion.
+void enumerate(int n, const std::function<void(const Edges&)>& visit) {
+  Edges e{{0, n}, {1, n}, {2, n}};
+  std::function<void(int, Edges&)> rec = [&](int t, Edges& cur) {
+    if (t == n) { visit(cur); return; }
+    const int inner = n + t - 2;
+    const std::size_t m = cur.size();
+    for (std::size_t k = 0; k < m; ++k) {
+      auto [a, b] = cur[k];
+      cur[k] = {a, inner};
+      cur.push_back({inner, b});
+      cur.push_back({inner, t});
+      rec(t + 1, cur);
+      cur.pop_back();
+      cur.pop_back();
+      cur[k] = {a, b};
+    }
+  };
+  rec(3, e);
+}
+
+// All trees one TBR move away (the tree itself excluded), as split sets.
+std::set<std::set<std::vector<int>>> tbr_neighbours(const Edges& edges, int ntax, int nvert) {
+  std::set<std::set<std::vector<int>>> out;
+  const auto self = splits_of(parent_from_edges(edges, ntax, nvert), ntax);
+  for (std::size_t cut = 0; cut < edges.size(); ++cut) {
+    Edges rest;
+    for (std::size_t k = 0; k < edges.size(); ++k) if (k != cut) rest.push_back(edges[k]);
+    // Side of each vertex after the cut.
+    std::vector<std::vector<int>> adj(nvert);
+    for (auto [a, b] : rest) { adj[a].push_back(b); adj[b].push_back(a); }
+    std::vector<int> side(nvert, -1);
+    std::vector<int> st{edges[cut].first};
+    side[edges[cut].first] = 0;
+    while (!st.empty()) {
+      int v = st.back(); st.pop_back();
+      for (int w : adj[v]) if (side[w] < 0) { side[w] = 0; st.push_back(w); }
+    }
+    // Suppress the degree-2 ends; a lone terminal is its own attachment point.
+    Edges parts = rest;
+    for (int end : {edges[cut].first, edges[cut].second}) {
+      if (end < ntax) continue;
+      std::vector<int> nb;
+      Edges keep;
+      for (auto [a, b] : parts) {
+        if (a == end) nb.push_back(b); else if (b == end) nb.push_back(a); else keep.push_back({a, b});
+      }
+      keep.push_back({nb[0], nb[1]});
+      parts = keep;
+    }
+    auto attach_points = [&](int s, int end) {
+      std::vector<int> list;  // indices into parts, or -1 for the lone terminal
+      bool any = false;
+      for (std::size_t k = 0; k < parts.size(); ++k) {
+        int a = parts[k].first;
+        if ((side[a] == 0) == (s == 0)) { list.push_back(static_cast<int>(k)); any = true; }
+      }
+      if (!any) list.push_back(-1 - end);
+      return list;
+    };
+    auto la = attach_points(0, edges[cut].first), lb = attach_points(1, edges[cut].second);
+    const int x = nvert, y = nvert + 1;
+    for (int ia : la) for (int ib : lb) {
+      Edges t;
+      for (std::size_t k = 0; k < parts.size(); ++k) {
+        if (static_cast<int>(k) == ia) { t.push_back({parts[k].first, x}); t.push_back({x, parts[k].second}); }
+        else if (static_cast<int>(k) == ib) { t.push_back({parts[k].first, y}); t.push_back({y, parts[k].second}); }
+        else t.push_back(parts[k]);
+      }
+      int u = ia >= 0 ? x : -1 - ia, v = ib >= 0 ? y : -1 - ib;
+      t.push_back({u, v});
+      // Renumber inner vertices without gaps (parent_from_edges ignores numbering).
+      auto s = splits_of(parent_from_edges(t, ntax, nvert + 2), ntax);
+      if (s != self) out.insert(s);
+    }
+  }
+  return out;
+}
+
+Edges random_edges(int n, std::mt19937& rng) {
+  Edges e{{0, n}, {1, n}, {2, n}};
+  for (int t = 3; t < n; ++t) {
+    std::size_t k = rng() % e.size();
+    auto [a, b] = e[k];
+    const int inner = n + t - 2;
+    e[k] = {a, inner};
+    e.push_back({inner, b});
+    e.push_back({inner, t});
+  }
+  return e;
+}
+
+std::string random_matrix(int ntax, int nchar, int states, std::mt19937& rng) {
+  std::string s = "xread " + std::to_string(nchar) + " " + std::to_string(ntax) + "\n";
+  for (int t = 0; t < ntax; ++t) {
+    s += "t" + std::to_string(t) + " ";
+    for (int c = 0; c < nchar; ++c) s += rng() % 12 == 0 ? '?' : static_cast<char>('0' + rng() % states);
+    s += "\n";
+  }
+  return s + ";";
+}
+
+class Search : public ::testing::Test {
+ protected:
+  void SetUp() override { setup_shell(); }
+};
+
+// Every stored tree has the reported score, re-scored by the slow scorer.
+void check_store(double best) {
+  ASSERT_GT(trees::tree_store.ntrees, 0);
+  for (int k = 0; k < trees::tree_store.ntrees; ++k) {
+    EXPECT_EQ(slow_length(trees::tree_row(k)), static_cast<int>(best)) << "tree " << k;
+    EXPECT_EQ(trees::tree_store.scores[k], best);
+  }
+}
+
+}  // namespace
+
+struct KnownBest { const char* file; int best; int reps; };
+
+TEST_F(Search, MultReachesKnownBestOnRealMatrices) {
+  // Morphology first: the DNA files set nstates for what follows.
+  const KnownBest cases[] = {{"Longrich2010.xread", 128, 10}, {"Asher2005.xread", 341, 20},
+                             {"Wills2012.xread", 268, 80},    {"Conrad2008.xread", 1704, 40},
+                             {"woodmouse.xread", 68, 10},     {"primates.xread", 1153, 10},
+                             {"Laurasiatherian.xread", 9713, 20}};
+  for (const auto& c : cases) {
+    std::string out = run(std::string("proc ") + QAX_TEST_DATA + "/" + c.file + "; mult=replic " +
+                          std::to_string(c.reps) + " tbr hold 5;");
+    EXPECT_TRUE(has(out, "Best score (TBR): " + std::to_string(c.best) + ".")) << c.file << "\n" << out;
+    EXPECT_EQ(search::last_best_score, c.best) << c.file;
+    check_store(c.best);
+  }
+}
+
+TEST_F(Search, ExhaustiveOptimumIsReached) {
+  std::mt19937 rng(7);
+  for (int round = 0; round < 6; ++round) {
+    const int n = 6 + round % 4;   // 6 to 9 taxa
+    run(random_matrix(n, 14, 2 + round % 3, rng));
+    ASSERT_EQ(ds::dataset.ntax, n);
+    int best = 1 << 30;
+    enumerate(n, [&](const Edges& e) {
+      auto p = parent_from_edges(e, n, 2 * n - 2);
+      best = std::min(best, slow_length(p.data()));
+    });
+    std::string out = run("mult=replic 10 tbr hold 20;");
+    EXPECT_EQ(search::last_best_score, best) << out;
+    check_store(best);
+  }
+}
+
+TEST_F(Search, EveryTbrMoveIsCostedExactlyAndAllNeighboursAreReached) {
+  std::mt19937 rng(11);
+  for (int round = 0; round < 4; ++round) {
+    const int n = 7 + round;
+    run(random_matrix(n, 20, 4, rng));
+    optim::pack_data();
+    search::engine_refresh();
+    search::Engine& e = search::engine();
+    Edges edges = random_edges(n, rng);
+    auto parent = parent_from_edges(edges, n, 2 * n - 2);
+    ASSERT_TRUE(e.load(parent));
+    const double score = e.compute_all();
+    ASSERT_EQ(score, slow_length(parent.data()));
+    std::set<std::set<std::vector<int>>> reached;
+    const auto self = splits_of(parent, n);
+    std::vector<int> anc = e.anc, left = e.left, right = e.right;
+    for (int clip = 0; clip < e.nn; ++clip) {
+      search::Move best;
+      std::vector<search::Move> records;
+      std::uint64_t examined = 0;
+      const int base = e.evaluate_clip(clip, true, true, 1 << 20, best, records, examined);
+      if (base < 0) continue;
+      for (const auto& m : records) {
+        e.apply_move(m);
+        std::vector<std::int32_t> row;
+        e.export_tree(row);
+        EXPECT_EQ(slow_length(row.data()), score + (m.cost - base)) << "clip " << clip;
+        auto s = splits_of(row, n);
+        if (s != self) reached.insert(s);
+        e.anc = anc; e.left = left; e.right = right;
+        e.compute_all();
+      }
+    }
+    EXPECT_EQ(reached, tbr_neighbours(edges, n, 2 * n - 2)) << "round " << round;
+  }
+}
+
+TEST_F(Search, SameSeedSameTrees) {
+  std::string data = std::string("proc ") + QAX_TEST_DATA + "/Wills2012.xread;";
+  run(data + "rseed 17; mult=replic 4 tbr hold 3;");
+  std::vector<std::int32_t> first(trees::tree_store.rows.begin(),
+                                  trees::tree_store.rows.begin() + trees::tree_store.ntrees * trees::tree_store.row_size);
+  run("rseed 17; mult=replic 4 tbr hold 3;");
+  std::vector<std::int32_t> second(trees::tree_store.rows.begin(),
+                                   trees::tree_store.rows.begin() + trees::tree_store.ntrees * trees::tree_store.row_size);
+  EXPECT_EQ(first, second);
+}
+
+TEST_F(Search, BbreakImprovesAndKeepsEqualTrees) {
+  std::string out = run(std::string("proc ") + QAX_TEST_DATA + "/Longrich2010.xread; mult=replic 1 wagner; bbreak=tbr;");
+  EXPECT_TRUE(has(out, "Start swapping from 1 trees (score ")) << out;
+  EXPECT_TRUE(has(out, "Best score (TBR): 128.  ")) << out;
+  check_store(128);
+  EXPECT_GT(trees::tree_store.ntrees, 1);
+}
+
+TEST_F(Search, MessagesAndEdgeCases) {
+  std::string out = run("bbreak;");
+  EXPECT_TRUE(has(out, "Must read data first")) << out;
+  out = run(std::string("proc ") + QAX_TEST_DATA + "/Asher2005.xread; keep 0; bbreak;");
+  EXPECT_TRUE(has(out, "No trees to swap")) << out;
+  out = run("mult x;");
+  EXPECT_TRUE(has(out, "Wrong argument for mult: x")) << out;
+  out = run("mult= replic 2 foo;");
+  EXPECT_TRUE(has(out, "Unidentified string in mult options: foo")) << out;
+  out = run("mult= replic 200000;");
+  EXPECT_TRUE(has(out, "Can't do 200000 random addition sequences (max=100000)")) << out;
+  out = run("bbreak: clustersize 20; bbreak= clustersize 20;");
+  EXPECT_TRUE(has(out, "Clustersize can be changed only with the \":\" option")) << out;
+  EXPECT_EQ(search::search_settings.clustersize, 20);
+  out = run("mult=rep 0;");
+  EXPECT_TRUE(has(out, "Completed 0 random addition sequences.")) << out;
+  EXPECT_EQ(trees::tree_store.ntrees, 0);
+  out = run("rseed 5; rseed [; rseed;");
+  EXPECT_EQ(search::search_settings.seed, 5);
+  EXPECT_EQ(search::search_settings.random_insertion, 1);
+  out = run("mult=replic 20 hold 1; mult: cas 3;");
+  EXPECT_EQ(search::last_best_score, 341) << out;
+  out = run("mult=replic 20 hold 2;");
+  EXPECT_EQ(search::search_settings.sequence_kind, search::sequence_closest);
+  EXPECT_EQ(search::last_best_score, 341) << out;
+  check_store(341);
+}
