@@ -1,6 +1,8 @@
 // The two-ended arena.
 #include "shell/arena.h"
 
+#include <sys/sysinfo.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -54,6 +56,13 @@ void claim_arena(std::size_t bytes) {
   free_arena();
   arena.ram_size = bytes;
   std::size_t size = bytes < 32 ? 32 : bytes;
+  // Memory the machine does not have is treated as a failed claim: with overcommit a
+  // huge malloc "succeeds" and the process dies later when the pages are touched.
+  struct sysinfo info {};
+  if (sysinfo(&info) == 0) {
+    std::uint64_t physical = static_cast<std::uint64_t>(info.totalram) * info.mem_unit;
+    while (physical > 0 && size > physical) size /= 2;
+  }
   unsigned char* p = nullptr;
   while (size > 100) {
     p = static_cast<unsigned char*>(std::malloc(size));

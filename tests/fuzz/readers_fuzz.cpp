@@ -41,6 +41,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     app::reset_run_state();
     shell::install_command_table(app::command_records, &app::run_file_record);
     shell::claim_arena(shell::default_ram_size);
+    // Matrices never grow the arena here (as after "mxram ]"): huge declared sizes must
+    // fail with the out-of-memory message, not exhaust the fuzzer's memory.
+    shell::arena.grow_on_read = 0;
     ready = true;
   }
   if (size == 0) return 0;

@@ -1,0 +1,326 @@
+// The per-candidate constraint test against brute force: every move (clip, rerooting,
+// target) of random trees is carried out on an unrooted copy, and the groups are checked
+// on the bipartitions of the result.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "dataset/dataset.h"
+#include "optim/kernels.h"
+#include "optim/packed.h"
+#include "search/constraints.h"
+#include "shell/failure.h"
+
+using namespace qax::search;
+using namespace qax::optim;
+namespace ds = qax::dataset;
+
+namespace {
+
+std::vector<std::uint32_t> cells;
+
+void make_data(std::mt19937& rng, int ntax, bool some_inactive) {
+  ds::Dataset& d = ds::dataset;
+  d = ds::Dataset{};
+  d.loaded = 1;
+  d.ntax = ntax;
+  d.nchar = 3;
+  d.cell_width = 4;
+  d.taxon_active.assign(ntax, 1);
+  if (some_inactive) d.taxon_active[1 + rng() % (ntax - 1)] = 0;
+  d.chars.assign(3, ds::CharacterRecord{});
+  cells.assign(static_cast<std::size_t>(ntax) * 3, 0);
+  for (auto& c : cells) c = 1u << (rng() % 2);
+  d.cells = reinterpret_cast<unsigned char*>(cells.data());
+  d.outgroup = 0;
+}
+
+std::vector<int> random_parent(std::mt19937& rng, int ntax) {
+  std::vector<int> parent(2 * ntax - 1, 0);
+  std::vector<int> pool(ntax);
+  for (int i = 0; i < ntax; ++i) pool[i] = i;
+  int next = 2 * ntax - 2;
+  while (pool.size() > 2) {
+    int i = rng() % pool.size();
+    int a = pool[i];
+    pool.erase(pool.begin() + i);
+    int j = rng() % pool.size();
+    int b = pool[j];
+    pool.erase(pool.begin() + j);
+    parent[a] = parent[b] = next;
+    pool.push_back(next--);
+  }
+  parent[pool[0]] = parent[pool[1]] = ntax;
+  parent[ntax] = 2 * ntax - 1;
+  return parent;
+}
+
+ConstraintGroup random_group(std::mt19937& rng, int ntax, int size) {
+  ConstraintGroup g;
+  g.field.assign(ntax, field_outside);
+  for (int k = 0; k < size; ++k) g.field[rng() % ntax] = field_inside;
+  if (rng() % 3 == 0) g.field[rng() % ntax] = field_floating;
+  return g;
+}
+
+// An unrooted tree as edges between node ids; taxa are the packed terminals.
+struct Graph {
+  std::vector<std::vector<int>> adj;
+  void edge(int a, int b) {
+    if (static_cast<int>(adj.size()) <= std::max(a, b)) adj.resize(std::max(a, b) + 1);
+    adj[a].push_back(b);
+    adj[b].push_back(a);
+  }
+  void cut(int a, int b) {
+    adj[a].erase(std::find(adj[a].begin(), adj[a].end(), b));
+    adj[b].erase(std::find(adj[b].begin(), adj[b].end(), a));
+  }
+};
+
+// Terminals on a's side of edge (a, b).
+void side(const Graph& g, int a, int from, int nterm, std::vector<std::uint8_t>& out) {
+  if (a < nterm) out[a] = 1;
+  for (int n : g.adj[a])
+    if (n != from) side(g, n, a, nterm, out);
+}
+
+// Does some edge put the firm inside taxa on one side and the firm outside ones on the other?
+bool has_split(const Graph& g, int nterm, const std::vector<int>& in, const std::vector<int>& out) {
+  if (in.size() <= 1 || out.size() <= 1) return true;
+  std::vector<std::uint8_t> s(nterm);
+  for (int a = 0; a < static_cast<int>(g.adj.size()); ++a)
+    for (int b : g.adj[a]) {
+      std::fill(s.begin(), s.end(), 0);
+      side(g, a, b, nterm, s);
+      bool in_a = std::all_of(in.begin(), in.end(), [&](int t) { return s[t]; });
+      bool out_b = std::none_of(out.begin(), out.end(), [&](int t) { return s[t]; });
+      if (in_a && out_b) return true;
+    }
+  return false;
+}
+
+// Verdict of the finished tree g on the defined groups, over the present terminals.
+bool tree_ok(const Graph& g, int nterm, const std::vector<std::uint8_t>& present) {
+  auto sides = [&](const ConstraintGroup& grp, std::vector<int>& in, std::vector<int>& out, bool& complete) {
+    complete = true;
+    int firm_in = 0, firm_out = 0;
+    for (int t = 0; t < nterm; ++t) {
+      const int f = grp.field[packed.from_packed[t]];
+      if (f == field_floating) continue;
+      (f == field_inside ? firm_in : firm_out)++;
+      if (!present[t]) { complete = false; continue; }
+      (f == field_inside ? in : out).push_back(t);
+    }
+    if (firm_in <= 1 || firm_out <= 1) complete = false;  // trivial: never enforced
+  };
+  for (const auto& grp : constraint_defs.positive) {
+    std::vector<int> in, out;
+    bool complete;
+    sides(grp, in, out, complete);
+    if (!has_split(g, nterm, in, out)) return false;
+  }
+  for (const auto& grp : constraint_defs.negative) {
+    std::vector<int> in, out;
+    bool complete;
+    sides(grp, in, out, complete);
+    if (complete && has_split(g, nterm, in, out)) return false;
+  }
+  return true;
+}
+
+// The tree after moving clip c, rerooted above r, onto the branch above t, from a tree
+// where the clip has been cut (cut_node) or detached.
+Graph moved(const WorkTree& w, int c, int r, int t, std::vector<std::uint8_t>& present) {
+  Graph g;
+  g.adj.resize(w.nnodes + 2);
+  present.assign(w.nterm, 0);
+  const int x = w.nnodes, y = w.nnodes + 1;
+  std::function<void(int)> main = [&](int n) {
+    if (n < w.nterm) { present[n] = 1; return; }
+    for (int k : {w.left_child[n], w.right_child[n]})
+      if (k >= 0) {
+        if (k == t) { g.edge(k, x); g.edge(x, n); } else g.edge(k, n);
+        main(k);
+      }
+  };
+  main(w.nterm);
+  std::function<void(int)> clip = [&](int n) {
+    if (n < w.nterm) { present[n] = 1; return; }
+    for (int k : {w.left_child[n], w.right_child[n]})
+      if (k >= 0) {
+        if (k == r) { g.edge(k, y); g.edge(y, n); } else g.edge(k, n);
+        clip(k);
+      }
+  };
+  clip(c);
+  g.edge(x, r == c ? c : y);
+  return g;
+}
+
+// Main-tree nodes other than the root, of a tree with the clip cut away.
+std::vector<int> main_nodes(const WorkTree& w) {
+  std::vector<int> out, st{w.nterm};
+  while (!st.empty()) {
+    int n = st.back();
+    st.pop_back();
+    if (n != w.nterm) out.push_back(n);
+    if (n >= w.nterm)
+      for (int k : {w.left_child[n], w.right_child[n]}) if (k >= 0) st.push_back(k);
+  }
+  return out;
+}
+std::vector<int> clip_nodes(const WorkTree& w, int c) {
+  std::vector<int> out, st{c};
+  while (!st.empty()) {
+    int n = st.back();
+    st.pop_back();
+    out.push_back(n);
+    if (n >= w.nterm)
+      for (int k : {w.left_child[n], w.right_child[n]}) if (k >= 0) st.push_back(k);
+  }
+  return out;
+}
+
+// Random groups until they pass the conflict checks; then packed.
+void random_constraints(std::mt19937& rng, int ntax, bool negatives) {
+  for (;;) {
+    constraint_defs = ConstraintDefs{};
+    constraint_defs.defined = constraint_defs.active = 1;
+  const int npos = 1 + rng() % 3;
+  for (int k = 0; k < npos; ++k) constraint_defs.positive.push_back(random_group(rng, ntax, 2 + rng() % 3));
+  if (negatives)
+    for (int k = 0; k < 1 + static_cast<int>(rng() % 2); ++k)
+      constraint_defs.negative.push_back(random_group(rng, ntax, 2 + rng() % 2));
+    if (qax::shell::protected_call([] { constraints_pack(); })) return;
+  }
+}
+
+}  // namespace
+
+TEST(Constraints, EveryMoveMatchesBruteForce) {
+  std::mt19937 rng(777);
+  long allowed = 0, refused = 0;
+  for (int rep = 0; rep < 150; ++rep) {
+    const int ntax = 5 + rng() % 6;
+    make_data(rng, ntax, rep % 4 == 0);
+    pack_data();
+    random_constraints(rng, ntax, rep % 2 == 1);
+    WorkTree w;
+    ASSERT_TRUE(load_tree(random_parent(rng, ntax), w));
+    for (int c = 1; c < w.nnodes; ++c) {
+      if (c == w.nterm || w.ancestor[c] == w.nterm) continue;
+      // The intact tree, seen with the clip passed over, as a search engine would bind it.
+      constraint_clip(w, c);
+      WorkTree cut = w;
+      cut_node(cut, c);
+      for (int r : clip_nodes(cut, c))
+        for (int t : main_nodes(cut)) {
+          std::vector<std::uint8_t> present;
+          Graph g = moved(cut, c, r, t, present);
+          const bool want = tree_ok(g, w.nterm, present);
+          ASSERT_EQ(constraint_test(r, t), want) << "rep " << rep << " clip " << c << " reroot " << r << " target " << t;
+          (want ? allowed : refused)++;
+        }
+      // The same from the tree with the clip cut off.
+      constraint_clip(cut, c);
+      for (int t : main_nodes(cut)) {
+        std::vector<std::uint8_t> present;
+        ASSERT_EQ(constraint_test(c, t), tree_ok(moved(cut, c, c, t, present), w.nterm, present)) << "rep " << rep;
+      }
+    }
+  }
+  EXPECT_GT(allowed, 1000);
+  EXPECT_GT(refused, 1000);
+}
+
+TEST(Constraints, InsertionIntoPartialTrees) {
+  // Wagner insertion: terminals not yet in the tree float; the new terminal is detached.
+  std::mt19937 rng(31337);
+  long allowed = 0, refused = 0;
+  for (int rep = 0; rep < 300; ++rep) {
+    const int ntax = 5 + rng() % 6;
+    make_data(rng, ntax, false);
+    pack_data();
+    random_constraints(rng, ntax, rep % 2 == 0);
+    WorkTree w;
+    ASSERT_TRUE(load_tree(random_parent(rng, ntax), w));
+    // Take out up to three terminals whose parent isn't the root; the last is the new one.
+    int taken = 0, last = -1;
+    for (int k = 0; k < 3; ++k) {
+      int t = 1 + rng() % (w.nterm - 1);
+      if (w.ancestor[t] < 0 || w.ancestor[t] == w.nterm) continue;
+      cut_node(w, t);
+      w.ancestor[t] = -1;
+      last = t;
+      ++taken;
+    }
+    if (!taken) continue;
+    constraint_clip(w, last);
+    for (int t : main_nodes(w)) {
+      std::vector<std::uint8_t> present;
+      const bool want = tree_ok(moved(w, last, last, t, present), w.nterm, present);
+      ASSERT_EQ(constraint_candidate(last, -1, t), want ? 1 : 0) << "rep " << rep << " target " << t;
+      (want ? allowed : refused)++;
+    }
+  }
+  EXPECT_GT(allowed, 100);
+  EXPECT_GT(refused, 100);
+}
+
+TEST(Constraints, WholeTreeChecks) {
+  // tree_violations (stored trees) and the packed counts agree on random binary trees.
+  std::mt19937 rng(5);
+  int good = 0;
+  for (int rep = 0; rep < 300; ++rep) {
+    const int ntax = 4 + rng() % 8;
+    make_data(rng, ntax, rep % 3 == 0);
+    pack_data();
+    random_constraints(rng, ntax, rep % 2 == 0);
+    constraints_pack();
+    auto parent = random_parent(rng, ntax);
+    WorkTree w;
+    ASSERT_TRUE(load_tree(parent, w));
+    int pos_bad = 0, neg_bad = 0;
+    constraint_tree_counts(w, &pos_bad, &neg_bad);
+    std::vector<std::int32_t> tree(parent.begin(), parent.end());
+    ASSERT_EQ(tree_violations(tree.data(), ntax), pos_bad + neg_bad) << "rep " << rep;
+    good += pos_bad + neg_bad == 0;
+  }
+  EXPECT_GT(good, 10);
+}
+
+TEST(Constraints, TrivialGroupsAndConflicts) {
+  std::mt19937 rng(8);
+  make_data(rng, 6, false);
+  pack_data();
+  constraint_defs = ConstraintDefs{};
+  constraint_defs.defined = constraint_defs.active = 1;
+  ConstraintGroup one, all, ab, bc, ab_neg;
+  one.field.assign(6, field_outside);
+  one.field[2] = field_inside;
+  all.field.assign(6, field_inside);
+  constraint_defs.positive = {one, all};
+  constraints_pack();
+  WorkTree w;
+  ASSERT_TRUE(load_tree(random_parent(rng, 6), w));
+  int p = 0, n = 0;
+  constraint_tree_counts(w, &p, &n);
+  EXPECT_EQ(p + n, 0);  // a group of one taxon or of all taxa costs nothing
+  ab.field.assign(6, field_outside);
+  ab.field[0] = ab.field[1] = field_inside;
+  bc.field.assign(6, field_outside);
+  bc.field[1] = bc.field[2] = field_inside;
+  constraint_defs.positive = {ab, bc};
+  EXPECT_EQ(qax::shell::protected_call([] { check_constraint_conflicts(); }), 0);
+  // A floating taxon removes the conflict.
+  constraint_defs.positive[1].field[1] = field_floating;
+  EXPECT_EQ(qax::shell::protected_call([] { check_constraint_conflicts(); }), 1);
+  constraint_defs.positive = {ab};
+  constraint_defs.negative = {ab};
+  EXPECT_EQ(qax::shell::protected_call([] { check_constraint_conflicts(); }), 0);
+  constraints_reset();
+  EXPECT_FALSE(constraints_in_force());
+}
