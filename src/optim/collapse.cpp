@@ -33,6 +33,7 @@ struct CollapseWork {
   int nterm = 0;                      // packed terminals
   int next = 0;                       // next free inner node
   int root = -1;                      // root of the binary tree, -1 when fewer than 2 terminals
+  int polytomy = 0;                   // some node has more than two descendant branches
   std::vector<int> left, right, anc;  // child and parent links by node
   std::vector<int> preorder;          // inner nodes, root first
   std::vector<int> map;               // data set node -> binary node (-1 none)
@@ -48,10 +49,11 @@ int build_node(CollapseWork& w, const std::vector<std::vector<int>>& kids, int v
     w.map[v] = t;
     return t;
   }
-  int first = -1;
+  int first = -1, branches = 0;
   for (int c : kids[v]) {
     const int k = build_node(w, kids, c, ntax);
     if (k < 0) continue;
+    if (++branches > 2) w.polytomy = 1;
     if (first < 0) { first = k; continue; }
     const int n = w.next++;
     w.left[n] = first;
@@ -73,6 +75,7 @@ bool load_and_score(const std::int32_t* tree, int ntax, CollapseWork& w) {
   w.right.assign(cap, -1);
   w.anc.assign(cap, -1);
   w.next = p.nterm;
+  w.polytomy = 0;
   const int end = std::max(tree[ntax], ntax + 1);
   w.map.assign(end, -1);
   std::vector<std::vector<int>> kids(end);
@@ -186,6 +189,93 @@ void max_length_flags(const CollapseWork& w, std::vector<std::uint8_t>& changes)
   }
 }
 
+// Rules on trees with polytomies, exact per character with hard polytomies: for each
+// branch (v, parent v), whether a best reconstruction can give it no change (zero) or a
+// change (change), and whether the state sets of best reconstructions at v and at its
+// parent differ (differ). Inactive and absent taxa are missing entries.
+struct EdgeFacts {
+  std::vector<std::uint8_t> zero, change, differ;
+};
+
+void polytomy_facts(const std::int32_t* tree, int ntax, EdgeFacts& f) {
+  constexpr long long inf = LLONG_MAX / 8;
+  const int end = std::max(tree[ntax], ntax + 1);
+  std::vector<std::vector<int>> kids(end);
+  for (int v = 0; v < end; ++v)
+    if (v != ntax && tree[v] >= ntax && tree[v] < end) kids[tree[v]].push_back(v);
+  std::vector<int> pre{ntax};
+  for (std::size_t i = 0; i < pre.size(); ++i)
+    for (int k : kids[pre[i]]) pre.push_back(k);
+  f.zero.assign(end, 1);
+  f.change.assign(end, 0);
+  f.differ.assign(end, 0);
+  for (int v = 0; v < end; ++v) f.zero[v] = 1;
+  std::vector<long long> D(static_cast<std::size_t>(end) * 32), O(static_cast<std::size_t>(end) * 32);
+  std::vector<long long> R(32);
+  for (int c = 0; c < dataset.nchar; ++c) {
+    const auto& ch = dataset.chars[c];
+    if (!ch.active || ch.is_continuous || ch.sankoff) continue;
+    auto cell = [&](int t) -> std::uint32_t {
+      const bool active = t < static_cast<int>(dataset.taxon_active.size()) ? dataset.taxon_active[t] != 0 : true;
+      std::uint32_t v = dataset.cell(t, c);
+      return (!active || v == dataset.missing_value() || v == 0) ? ~0u : v;
+    };
+    int ns = 1;
+    for (int t = 0; t < ntax; ++t) {
+      const std::uint32_t v = cell(t);
+      if (v != ~0u) ns = std::max(ns, 32 - std::countl_zero(v));
+    }
+    const bool add = ch.additive;
+    auto cost = [&](int s, int t) -> long long { return add ? std::abs(s - t) : (s != t); };
+    auto d = [&](int n) { return D.data() + static_cast<std::size_t>(n) * 32; };
+    auto o = [&](int n) { return O.data() + static_cast<std::size_t>(n) * 32; };
+    auto best_to = [&](const long long* x, int s) {
+      long long b = inf;
+      for (int t = 0; t < ns; ++t) if (x[t] < inf) b = std::min(b, x[t] + cost(s, t));
+      return b;
+    };
+    for (auto it = pre.rbegin(); it != pre.rend(); ++it) {
+      const int n = *it;
+      if (n < ntax) {
+        const std::uint32_t v = cell(n);
+        for (int s = 0; s < ns; ++s) d(n)[s] = (v >> s & 1) ? 0 : inf;
+        continue;
+      }
+      for (int s = 0; s < ns; ++s) {
+        long long sum = 0;
+        for (int k : kids[n]) sum = std::min(inf, sum + best_to(d(k), s));
+        d(n)[s] = sum;
+      }
+    }
+    long long length = inf;
+    for (int s = 0; s < ns; ++s) { length = std::min(length, d(ntax)[s]); o(ntax)[s] = 0; }
+    for (int n : pre) {
+      if (n < ntax) continue;
+      for (int v : kids[n]) {
+        for (int s = 0; s < ns; ++s) {
+          long long r = o(n)[s];
+          for (int k : kids[n]) if (k != v) r = std::min(inf, r + best_to(d(k), s));
+          R[s] = r;
+        }
+        for (int t = 0; t < ns; ++t) o(v)[t] = best_to(R.data(), t);
+        if (v < ntax) continue;
+        bool zero = false, change = false;
+        for (int s = 0; s < ns; ++s)
+          for (int t = 0; t < ns; ++t)
+            if (R[s] < inf && d(v)[t] < inf && R[s] + cost(s, t) + d(v)[t] == length) (s == t ? zero : change) = true;
+        if (!zero) f.zero[v] = 0;
+        if (change) f.change[v] = 1;
+        // State sets of the best reconstructions at v and at n.
+        for (int s = 0; s < ns && !f.differ[v]; ++s) {
+          const bool at_v = o(v)[s] < inf && d(v)[s] < inf && o(v)[s] + d(v)[s] == length;
+          const bool at_n = o(n)[s] < inf && d(n)[s] < inf && o(n)[s] + d(n)[s] == length;
+          if (at_v != at_n) f.differ[v] = 1;
+        }
+      }
+    }
+  }
+}
+
 }  // namespace
 
 void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, const std::uint8_t* ignore, int rule) {
@@ -208,6 +298,16 @@ void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, co
       ++w.selected[a];
       if (a == ntax) break;
     }
+  }
+  if (w.polytomy) {
+    EdgeFacts f;
+    polytomy_facts(tree, ntax, f);
+    for (int v = ntax + 1; v < end; ++v) {
+      if (tree[v] < ntax || tree[v] >= end || w.map[v] < 0 || w.selected[v] < 2) continue;
+      if (tree[v] != ntax && w.selected[tree[v]] == w.selected[v]) continue;  // no branch of its own
+      keep[v] = rule == collapse_rule3 ? f.change[v] : rule == collapse_amb ? f.differ[v] : !f.zero[v];
+    }
+    return;
   }
   std::vector<std::uint8_t> max_change;
   if (rule == collapse_rule3) max_length_flags(w, max_change);

@@ -40,6 +40,17 @@ void set_sequence(int kind, int look) {
 }
 
 // One option of mult; false when the word is not a mult option.
+// An option word: letters only, so that a number may follow it directly ("ho1" is
+// "hold 1"). Anything else where a word should start is read as one token for the message.
+std::string read_option_word() {
+  if (!std::isalpha(peek_char())) {
+    read_token();
+    return token_buffer;
+  }
+  read_command_word();
+  return token_buffer;
+}
+
 bool mult_option(const char* w, int* run_replications) {
   auto& s = search_settings;
   if (is_prefix(w, "replications") == 0) {
@@ -390,6 +401,10 @@ void cmd_mult() {
   if (std::isdigit(c)) {
     run_reps = read_int();
     if (run_reps > max_replications) error_exitf("Can't do %i random addition sequences (max=100000)", run_reps);
+    c = peek_char();
+  }
+  if (c == ';') {
+    // "mult N;": N replications with the settings in force.
   } else if (c == '=' || c == ':') {
     next_char();
     run = c == '=';
@@ -400,8 +415,7 @@ void cmd_mult() {
   }
   int reps_here = -1;
   while (peek_char() != ';') {
-    if (!read_token()) break;
-    std::string w = token_buffer;
+    std::string w = read_option_word();
     if (!mult_option(w.c_str(), &reps_here) && !bbreak_option(w.c_str(), !run))
       error_exitf("Unidentified string in mult options: %s", w.c_str());
   }
@@ -421,8 +435,7 @@ void cmd_bbreak() {
     error_exitf("Wrong argument for bbreak: %c", c);
   }
   while (peek_char() != ';') {
-    if (!read_token()) break;
-    std::string w = token_buffer;
+    std::string w = read_option_word();
     if (!bbreak_option(w.c_str(), !run)) error_exitf("Unidentified string in bbreak options: %s\n", w.c_str());
   }
   if (run) run_bbreak();
