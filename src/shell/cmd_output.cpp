@@ -186,17 +186,4 @@ void cmd_silent() {
   if (shell_state.background) output_state.silent_flags |= 2;
 }
 
-void cmd_rseed() {
-  int c = peek_char();
-  if (c == '*') {
-    next_char();
-    shell_state.random_seed = static_cast<unsigned>(std::time(nullptr));
-  } else if (c != ';') {
-    int n = read_int();
-    if (n < 0) error_exit("Expected a number for the random seed");
-    shell_state.random_seed = static_cast<unsigned>(n == 0 ? std::time(nullptr) : n);
-  }
-  out_line({"Random seed is", number_text(shell_state.random_seed)});
-}
-
 }  // namespace qax::shell

@@ -25,7 +25,6 @@ void cmd_naked();
 extern void (*tree_format_hook)(bool narrow);
 void cmd_macreport();
 void cmd_break();
-void cmd_rseed();
 void cmd_screen();
 void cmd_cls();
 void cmd_txtsize();

@@ -244,7 +244,7 @@ TEST(Collapse, CollapsingOneBranchKeepsLength) {
   // no change on it: removing that branch alone leaves the length. Removing all of them at
   // once may need more steps (the reason for rule 4), never fewer.
   std::mt19937 rng(99);
-  int singles = 0, longer = 0;
+  int singles = 0, longer = 0, poly_singles = 0;
   for (int rep = 0; rep < 200; ++rep) {
     const int ntax = 4 + rng() % 8, nchar = 1 + rng() % 8;
     random_matrix(rng, ntax, nchar);
@@ -268,10 +268,23 @@ TEST(Collapse, CollapsingOneBranchKeepsLength) {
     ASSERT_EQ(qax::trees::tree_group_count(out.data(), ntax), ntax - 2 - removed);
     ASSERT_GE(hard_length(out), base);
     longer += hard_length(out) > base;
+    // On the polytomous result (exact pass with hard polytomies) the same holds.
+    const long long now = hard_length(out);
+    collapse_tree(out.data(), keep, nullptr, collapse_rule1);
+    for (int v = ntax + 1; v < out[ntax]; ++v) {
+      if (keep[v]) continue;
+      std::vector<std::uint8_t> one(2 * ntax - 1, 1);
+      one[v] = 0;
+      std::vector<std::int32_t> t = out;
+      collapse_in_place(t.data(), ntax, one);
+      ASSERT_EQ(hard_length(t), now) << "polytomous, rep " << rep << " node " << v;
+      ++poly_singles;
+    }
     // The store is not touched and rule 0 copies the tree as it is.
     EXPECT_EQ(collapsed_copy(parent.data(), out, collapse_none), 0);
     EXPECT_EQ(out, parent);
   }
   EXPECT_GT(singles, 100);
+  EXPECT_GT(poly_singles, 5);
   EXPECT_GT(longer, 0);  // random trees on random data do have such cases
 }
