@@ -324,3 +324,106 @@ TEST(Constraints, TrivialGroupsAndConflicts) {
   constraints_reset();
   EXPECT_FALSE(constraints_in_force());
 }
+
+// ---- Commands: output and messages ----------------------------------------------------
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "app/command_table.h"
+#include "app/program.h"
+#include "shell/arena.h"
+#include "shell/commands.h"
+#include "shell/input.h"
+#include "shell/output.h"
+#include "trees/store.h"
+
+namespace {
+
+const std::string cmd_log = ::testing::TempDir() + "constraints_test_" + std::to_string(::getpid()) + ".log";
+
+void setup_shell() {
+  qax::app::reset_run_state();
+  qax::shell::install_command_table(qax::app::command_records, &qax::app::run_file_record);
+  qax::shell::init_input_stack(10, "", false);
+  qax::shell::frame_at(0).stream = nullptr;
+  qax::shell::region_tags = qax::shell::RegionTags();
+  qax::shell::claim_arena(qax::shell::default_ram_size);
+  ds::reset_dataset_state();
+  qax::trees::install_dataset_links();
+  ds::add_dataset_replaced_hook(qax::trees::tree_store_clear);
+}
+
+// Runs the text; an error ends it. Returns everything printed.
+std::string run(const std::string& text) {
+  namespace sh = qax::shell;
+  sh::init_input_stack(10, "", false);
+  sh::frame_at(0).stream = nullptr;
+  sh::open_log(cmd_log, false);
+  sh::push_text_level(text + "\n", "test");
+  sh::protected_call([] {
+    while (sh::input_level() > 0 && !sh::current_frame().at_eof) sh::read_and_dispatch();
+  });
+  while (sh::input_level() > 0) sh::close_input();
+  sh::flush_log();
+  sh::close_log();
+  std::ifstream in(cmd_log);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+bool has(const std::string& out, const std::string& piece) { return out.find(piece) != std::string::npos; }
+
+const char* data6 =
+    "xread 6 6 A 000000 B 110000 C 111100 D 111111 E 111101 F 111111 ;"
+    "tread (A (B (C (D (E F)))))*(A (B ((C D)(E F))))*(A ((B C)(D (E F))));";
+
+}  // namespace
+
+TEST(ConstraintCommands, MonoAndMessages) {
+  setup_shell();
+  std::string out = run(std::string(data6) + "mono;");
+  EXPECT_TRUE(has(out, "No constraints defined")) << out;
+  out = run("constrain=;");
+  EXPECT_TRUE(has(out, "Cannot activate constraints (constraints undefined)")) << out;
+  out = run("force + [C D E F] [E F] - [B C]; mono; mono -; mono *;");
+  EXPECT_TRUE(has(out, "Read 1 negative constraints, 2 positive constraints, 0 tree-constraints")) << out;
+  EXPECT_TRUE(has(out, "Tree(s) fulfilling constraints:\n 0 1\n")) << out;
+  EXPECT_TRUE(has(out, "Tree(s) violating constraints:\n 2\n")) << out;
+  EXPECT_TRUE(has(out, "Tree 2, 2 constraints violated\n    Positive group 0\n    Negative group 0\n")) << out;
+  EXPECT_TRUE(has(out, "Tree 0, 3 constraints fulfilled")) << out;
+  out = run("force - [A B] + [C D];");
+  EXPECT_TRUE(has(out, "Must define all positive constraints before the negative ones")) << out;
+  out = run("force = &0 / &1;");
+  EXPECT_TRUE(has(out, "Cannot define two trees for strict constraint at the same time")) << out;
+  out = run("force = &7;");
+  EXPECT_TRUE(has(out, "& must be followed by a tree number ( 0 - 2 )")) << out;
+  out = run("force + [A B;");
+  EXPECT_TRUE(has(out, "Unterminated constraint group")) << out;
+  out = run("force + [A Zz];");
+  EXPECT_FALSE(has(out, "Read ")) << out;
+  out = run("force x;");
+  EXPECT_TRUE(has(out, "Unidentified string in force options: x")) << out;
+  // The definitions of the failed commands did not replace the good ones.
+  out = run("force *;");
+  EXPECT_TRUE(has(out, "    Group 0: 2 3 4 5\n    Group 1: 4 5\n  Negative constraints:\n    Group 0: 1 2\n")) << out;
+  // Conflicts are found when the data are packed for a search.
+  out = run("force + [A B] [B C]; mult;");
+  EXPECT_TRUE(has(out, "Some positive constraints force incompatible groups")) << out;
+  out = run("force + [A B] - [A B]; mult;");
+  EXPECT_TRUE(has(out, "Positive and negative constraints contain some identical groups")) << out;
+  out = run("force = &1; force;");
+  EXPECT_TRUE(has(out, "Tree constraint (groups of the tree):\n    (A (B ((C D )(E F ))))")) << out;
+  out = run("force ]; constrain; constrain/; constrain-;");
+  EXPECT_TRUE(has(out, "Constraints de-activated\nEnforcing constraints is OFF\nEnforcing constraints is ON\n"
+                       "Enforcing constraints is OFF\n")) << out;
+}
+
+TEST(ConstraintCommands, SearchKeepsPositiveGroups) {
+  // A search under a group that the data contradict: every tree found has the group.
+  setup_shell();
+  std::string out = run(std::string(data6) + "force + [A F]; mult; mono -;");
+  EXPECT_TRUE(has(out, "Tree(s) violating constraints:\n    none")) << out;
+}
