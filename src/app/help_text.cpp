@@ -78,16 +78,19 @@ const HelpEntry help_entries[] = {
      "cnames { N name states ; ... ;  name characters and their states\n"
      "cnames;  list the names;  cnames -;  delete the names"},
     {"collapse",
-     "collapse N;  rule for collapsing zero-length branches (0-6)\n"
-     "collapse [ / ]  temporary collapsing;  collapse;  report the rule"},
+     "collapse N;  level of collapsing of zero-length branches (0-6)\n"
+     "collapse rule N;  rule 1 (some support), 3 (no possible support) or 4 (length kept)\n"
+     "collapse + / -  temporary collapsing for consensus on / off\n"
+     "collapse [ / ]  automatic condensing of search results on / off\n"
+     "collapse tbr / spr / amb / none / auto / noauto;  collapse;  report"},
     {"comcomp",
      "comcomp [ list ];  combinable components (semi-strict) consensus"},
     {"condense",
      "condense [ list ];  collapse unsupported branches of the trees in memory\n"
      "condense /;  collapse without changing the trees' order"},
     {"constrain",
-     "constrain = list;  searches keep the groups of the constraint tree\n"
-     "constrain -;  no constraints;  constrain;  report"},
+     "constrain =;  enforce the constraints defined with force\n"
+     "constrain -;  do not enforce them;  constrain /;  toggle;  constrain;  report"},
     {"costs",
      "costs list = s>t cost ...;  step matrix (Sankoff costs) for the listed characters\n"
      "costs [ / ]  check the triangle inequality;  costs;  report"},

@@ -25,6 +25,8 @@
 #include "trees/notation.h"
 #include "trees/store.h"
 #include "support/consensus.h"
+#include "search/constraints.h"
+#include "optim/collapse.h"
 
 namespace qax::app {
 
@@ -95,6 +97,24 @@ void reset_run_state() {
   qax::dataset::clear_nexus_trees();
   qax::support::reset_consensus_settings();
   qax::search::reset_search_state();
+  qax::search::constraints_reset();
+  qax::optim::collapse_reset();
+}
+
+void install_subsystems() {
+  install_command_table(command_records, &run_file_record);
+  install_help_lookup(help_text_for);
+  qax::dataset::install_import_hooks();
+  import_hooks.newick = qax::trees::import_newick_file;
+  install_memory_hooks();
+  background_input_end = background_end_of_input;
+  qax::trees::install_dataset_links();
+  // Hooks kept in lists are added once per process, however often the program runs.
+  static bool lists_filled = false;
+  if (lists_filled) return;
+  lists_filled = true;
+  qax::dataset::add_dataset_replaced_hook(qax::trees::tree_store_clear);
+  add_exit_step(qax::trees::tree_files_at_exit);
 }
 
 int run_program(int argc, char** argv) {
@@ -116,19 +136,7 @@ int run_program(int argc, char** argv) {
       if (first == "slaveproc") shell_state.worker_mode = 1;
     }
   }
-  install_command_table(command_records, &run_file_record);
-  install_help_lookup(help_text_for);
-  qax::dataset::install_import_hooks();
-  import_hooks.newick = qax::trees::import_newick_file;
-  qax::dataset::add_dataset_replaced_hook(qax::trees::tree_store_clear);
-  qax::trees::install_dataset_links();
-  install_memory_hooks();
-  background_input_end = background_end_of_input;
-  static bool exit_steps_added = false;
-  if (!exit_steps_added) {
-    add_exit_step(qax::trees::tree_files_at_exit);
-    exit_steps_added = true;
-  }
+  install_subsystems();
   text_buffer_init(200);
   shell_state.run_start_time = std::time(nullptr);
   shell_state.watch_reference = now_seconds();

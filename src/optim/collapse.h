@@ -1,7 +1,8 @@
 // Collapsing of unsupported branches. A rule decides, per inner node of a tree, whether the
-// branch to its ancestor stays; the root always stays. Rules work on a private copy of the
-// node sets (never on packed.node_sets, which a search may be using), except
-// collapse_work_flags, which reads the sets a search has just computed.
+// branch to its ancestor stays; the root always stays. Binary trees are evaluated on the
+// packed sets, in a private copy (never packed.node_sets, which a search may be using);
+// trees with polytomies by an exact pass per character with hard polytomies. Only
+// collapse_work_flags reads the sets a search has just computed.
 #pragma once
 
 #include <cstdint>

@@ -250,6 +250,7 @@ bool constraints_in_force() noexcept { return constraint_defs.defined && constra
 void constraints_reset() noexcept {
   constraint_defs = ConstraintDefs{};
   cs = ConstraintSets{};
+  optim::constrained_group_hook = nullptr;
 }
 
 // Conflicts between groups, over the taxa that are firm in both.

@@ -1,6 +1,8 @@
 // The matrix reader, saving forms, min-max steps, lists and character settings, driven
 // in-process through the command shell. Messages are read back from a log file.
 #include <gtest/gtest.h>
+
+#include "common/harness.h"
 #include <unistd.h>
 
 #include <bit>
@@ -29,34 +31,12 @@ namespace ds = qax::dataset;
 
 namespace {
 
-// Each test process logs to its own file: ctest runs tests in parallel.
-const std::string log_name = ::testing::TempDir() + "xread_test_" + std::to_string(::getpid()) + ".log";
+using qax::test::setup_shell;
+using qax::test::run;
+using qax::test::has;
 
-void setup_shell() {
-  app::reset_run_state();
-  shell::install_command_table(app::command_records, &app::run_file_record);
-  shell::init_input_stack(10, "", false);
-  shell::frame_at(0).stream = nullptr;
-  shell::region_tags = shell::RegionTags();
-  shell::claim_arena(shell::default_ram_size);
-  ds::reset_dataset_state();
-}
 
-// Runs instructions; returns everything printed (log).
-std::string run(const std::string& text) {
-  shell::init_input_stack(10, "", false);
-  shell::frame_at(0).stream = nullptr;
-  shell::open_log(log_name, false);
-  shell::push_text_level(text + "\n", "test");
-  while (shell::input_level() > 0 && !shell::current_frame().at_eof) shell::read_and_dispatch();
-  while (shell::input_level() > 0) shell::close_input();
-  shell::flush_log();
-  shell::close_log();
-  std::ifstream in(log_name);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+
 
 std::string file_text(const std::string& name) {
   std::ifstream in(std::string(QAX_TEST_DATA) + "/" + name);
@@ -65,7 +45,6 @@ std::string file_text(const std::string& name) {
   return ss.str();
 }
 
-bool has(const std::string& out, const std::string& piece) { return out.find(piece) != std::string::npos; }
 
 class Xread : public ::testing::Test {
  protected:

@@ -176,7 +176,9 @@ TEST(Collapse, RulesOneAndThreeMatchReference) {
       ASSERT_EQ(keep1[v], want1[v]) << "rule 1, rep " << rep << " node " << v;
       ASSERT_EQ(keep3[v], want3[v]) << "rule 3, rep " << rep << " node " << v;
       // Disjoint final sets are different sets: amb keeps at least what rule 1 keeps.
-      if (keep1[v]) ASSERT_EQ(keep_amb[v], 1) << "amb, rep " << rep;
+      if (keep1[v]) {
+        ASSERT_EQ(keep_amb[v], 1) << "amb, rep " << rep;
+      }
       (keep1[v] ? kept1 : collapsed1)++;
       differ += keep1[v] != keep3[v];
     }

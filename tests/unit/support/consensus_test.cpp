@@ -2,6 +2,8 @@
 // through a tree file, and the messages of bad input.
 #include <gtest/gtest.h>
 
+#include "common/harness.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -22,6 +24,8 @@ using namespace qax::trees;
 namespace ds = qax::dataset;
 
 namespace {
+
+using qax::test::run_qax;
 
 using Cluster = std::set<int>;
 
@@ -137,20 +141,6 @@ std::vector<int> all_trees() {
   return v;
 }
 
-std::string run_qax(const std::string& script) {
-  char dir[] = "/tmp/qaxconsXXXXXX";
-  std::string d = mkdtemp(dir);
-  std::ofstream(d + "/s.run") << script;
-  std::string cmd = "cd " + d + " && HOME=" + d + " " + QAX_BINARY + " 'proc s.run;' 2>&1 </dev/null";
-  std::string out;
-  FILE* p = popen(cmd.c_str(), "r");
-  char buf[4096];
-  std::size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-  pclose(p);
-  std::system(("rm -rf " + d).c_str());
-  return out;
-}
 
 }  // namespace
 

@@ -2,6 +2,8 @@
 // majority rule, each against a brute-force count of clusters on small tree sets.
 #include <gtest/gtest.h>
 
+#include "common/harness.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -432,27 +434,13 @@ TEST(Prupdn, ValueFollowsTheFormula) {
 
 namespace {
 
-std::string run_script(const std::string& script) {
-  char dir[] = "/tmp/qaxprunXXXXXX";
-  std::string d = mkdtemp(dir);
-  std::ofstream(d + "/s.run") << script;
-  std::string cmd = "cd " + d + " && HOME=" + d + " " + QAX_BINARY + " 'proc s.run;' 2>&1 </dev/null";
-  std::string out;
-  FILE* p = popen(cmd.c_str(), "r");
-  char buf[4096];
-  std::size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-  pclose(p);
-  std::system(("rm -rf " + d).c_str());
-  return out;
-}
 
 const std::string seven =
     "xread 2 7\nA 00\nB 01\nC 10\nD 11\nE 00\nF 11\nG 01\n;\n"
     "tread (A (B (C (D (E (F G)))))) * (A (B (C (D (G (E F)))))) * (A (B (G (C (D (E F)))))) ;\n";
 
 bool says(const std::string& script, const std::string& text) {
-  return run_script(seven + script).find(text) != std::string::npos;
+  return qax::test::run_qax(seven + script).find(text) != std::string::npos;
 }
 
 }  // namespace
@@ -491,15 +479,15 @@ TEST(PruningCommands, MessagesOfBadInput) {
 // trees every replication has the same strict consensus, which the estimate must be.
 TEST(PruningCommands, EstimatedConsensusCountsReplications) {
   const std::string trees = "[keep 0; tread (A (B (C (D (E (F G)))))) * (A (B (C (D (G (E F)))))) ;]";
-  std::string out = run_script(seven + "qnelsen rep 3 majorcut 100 " + trees + ";\ntplot /;\n");
+  std::string out = qax::test::run_qax(seven + "qnelsen rep 3 majorcut 100 " + trees + ";\ntplot /;\n");
   EXPECT_NE(out.find("Estimated consensus, 4 nodes, saved as tree 2"), std::string::npos) << out;
   EXPECT_NE(out.find("secs. to complete estimation"), std::string::npos);
   EXPECT_NE(out.find(" ,--------------  0\n |  ,-----------  1\n |  |  ,--------  2\n |  |  |  ,-----  3\n"
                      " |  |  |  |  ,--  4\n |  |  |  |  |--  5\n----------------  6\n"), std::string::npos) << out;
   // Pruning G makes the two trees equal: one more node.
-  out = run_script(seven + "qnelsen rep 2 " + trees + " / G;\n");
+  out = qax::test::run_qax(seven + "qnelsen rep 2 " + trees + " / G;\n");
   EXPECT_NE(out.find("Estimated consensus, 4 nodes (1 taxa excluded), saved as tree 2"), std::string::npos) << out;
   // With a real search (tree 0 is whatever it finds), the estimate is kept after it.
-  out = run_script(seven + "qnelsen rep 2 [mult=rep 1 ho 1 tbr;];\n");
+  out = qax::test::run_qax(seven + "qnelsen rep 2 [mult=rep 1 ho 1 tbr;];\n");
   EXPECT_NE(out.find("Estimated consensus, "), std::string::npos) << out;
 }

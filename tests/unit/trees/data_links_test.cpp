@@ -2,6 +2,8 @@
 // "@T N" in taxon lists, driven in-process through the command shell. The simulated
 // characters are checked against a small Fitch count on the generating tree.
 #include <gtest/gtest.h>
+
+#include "common/harness.h"
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,37 +29,13 @@ namespace ds = qax::dataset;
 
 namespace {
 
-// Each test process logs to its own file: ctest runs tests in parallel.
-const std::string log_name = ::testing::TempDir() + "data_links_test_" + std::to_string(::getpid()) + ".log";
+using qax::test::run;
+using qax::test::setup_shell;
+using qax::test::has;
 
-void setup_shell() {
-  app::reset_run_state();
-  shell::install_command_table(app::command_records, &app::run_file_record);
-  shell::init_input_stack(10, "", false);
-  shell::frame_at(0).stream = nullptr;
-  shell::region_tags = shell::RegionTags();
-  shell::claim_arena(shell::default_ram_size);
-  ds::reset_dataset_state();
-  trees::install_dataset_links();
-  ds::add_dataset_replaced_hook(trees::tree_store_clear);
-}
 
-std::string run(const std::string& text) {
-  shell::init_input_stack(10, "", false);
-  shell::frame_at(0).stream = nullptr;
-  shell::open_log(log_name, false);
-  shell::push_text_level(text + "\n", "test");
-  while (shell::input_level() > 0 && !shell::current_frame().at_eof) shell::read_and_dispatch();
-  while (shell::input_level() > 0) shell::close_input();
-  shell::flush_log();
-  shell::close_log();
-  std::ifstream in(log_name);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
-bool has(const std::string& out, const std::string& piece) { return out.find(piece) != std::string::npos; }
+
 
 // A random binary tree on taxa 0..n-1 in parenthetical text (random joining of clades).
 std::string random_tree_text(int n, unsigned seed) {

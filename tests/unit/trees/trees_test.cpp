@@ -2,6 +2,8 @@
 // messages, diagrams.
 #include <gtest/gtest.h>
 
+#include "common/harness.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -22,6 +24,8 @@ using namespace qax::trees;
 namespace ds = qax::dataset;
 
 namespace {
+
+using qax::test::run_qax;
 
 void load_taxa(int ntax) {
   static bool stack_ready = false;
@@ -73,20 +77,6 @@ bool run_handler(void (*fn)(), const std::string& args) {
   return ok == 1;
 }
 
-std::string run_qax(const std::string& script) {
-  char dir[] = "/tmp/qaxtreesXXXXXX";
-  std::string d = mkdtemp(dir);
-  std::ofstream(d + "/s.run") << script;
-  std::string cmd = "cd " + d + " && HOME=" + d + " " + QAX_BINARY + " 'proc s.run;' 2>&1 </dev/null";
-  std::string out;
-  FILE* p = popen(cmd.c_str(), "r");
-  char buf[4096];
-  std::size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-  pclose(p);
-  std::system(("rm -rf " + d).c_str());
-  return out;
-}
 
 const char* five_taxa = "xread 2 5\nA 00\nB 01\nC 10\nD 11\nE 00\n;\n";
 
