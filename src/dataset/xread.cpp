@@ -635,9 +635,14 @@ void allocate_matrix(int ntax, int nchar, const std::string& title) {
                    std::to_string(d.cell_width * 8), " states). Memory required for data: ",
                    shell::bytes_text(need), "\n"});
   std::size_t cells = static_cast<std::size_t>(ntax) * nchar * d.cell_width;
-  if (cells + (1u << 20) > shell::ram_free_bytes() && shell::arena.grow_on_read && shell::arena.lock_count == 0) {
+  if (need > shell::ram_free_bytes() && shell::arena.grow_on_read && shell::arena.lock_count == 0) {
     std::size_t size = std::max(shell::arena.ram_size, need + shell::default_ram_size);
     shell::claim_arena(size);
+  }
+  // The estimate also covers names and records kept beside the arena: a matrix that
+  // doesn't fit fails here, before anything is built for it.
+  if (need > shell::ram_free_bytes()) {
+    shell::error_exit({shell::shell_state.current_command_name + " - out of ram (change \"hold\" and/or \"mxram\")"});
   }
   d.cells = static_cast<unsigned char*>(shell::ram_alloc_low_ff(cells ? cells : 8));
   d.ntax = ntax;
