@@ -8,6 +8,7 @@
 #include "shell/viewer.h"
 #include "trees/store.h"
 #include "optim/reports.h"
+#include "optim/recons.h"
 #include "support/consensus_commands.h"
 #include "support/pruning_commands.h"
 #include "search/settings.h"

@@ -27,6 +27,7 @@
 #include "support/consensus.h"
 #include "search/constraints.h"
 #include "optim/collapse.h"
+#include "optim/reports.h"
 
 namespace qax::app {
 
@@ -99,6 +100,7 @@ void reset_run_state() {
   qax::search::reset_search_state();
   qax::search::constraints_reset();
   qax::optim::collapse_reset();
+  qax::optim::mapping_settings = qax::optim::MappingSettings();
 }
 
 void install_subsystems() {

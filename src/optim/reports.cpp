@@ -13,6 +13,7 @@
 #include "optim/field_ops.h"
 #include "optim/implied.h"
 #include "optim/kernels.h"
+#include "optim/recons.h"
 #include "optim/reports.h"
 #include "shell/failure.h"
 #include "shell/input.h"
@@ -104,11 +105,14 @@ void character_steps(const std::vector<int>& parent, std::vector<int>& steps) {
 
 namespace {
 
-void tree_char_steps(int k, std::vector<int>& steps) {
+// Steps of every character on stored tree k; `soft`: polytomies resolved in the best way
+// for each character (binary trees take the kernels either way).
+void tree_char_steps(int k, std::vector<int>& steps, bool soft = false) {
   std::vector<int> parent(tree_store.row_size);
   const std::int32_t* row = qax::trees::tree_row(k);
   for (int i = 0; i < tree_store.row_size; ++i) parent[i] = row[i];
-  character_steps(parent, steps);
+  if (soft && !char_tree_from_parent(parent).binary) soft_character_steps(parent, steps);
+  else character_steps(parent, steps);
 }
 
 long long weighted_total(const std::vector<int>& steps) {
@@ -192,10 +196,18 @@ double fit_total(const std::vector<int>& steps, bool concave) {
 
 // "scores", "length", "fit": one total per tree; fits when `fits` (1 convex, 2 concave "*").
 void total_report(int force) {
-  bool soft = accept_char('!');
-  bool concave = accept_char('*');
+  bool soft = false, concave = false, special_and = false, special_or = false;
+  for (;;) {
+    if (accept_char('!')) soft = true;
+    else if (accept_char('*')) concave = true;
+    else if (accept_char('&')) special_and = true;
+    else if (accept_char('|')) special_or = true;
+    else break;
+  }
+  if (special_and && special_or) error_exit("You have to choose either \"&\" or \"|\"");
+  if (soft && (special_and || special_or)) error_exit("Cannot do \"soft\" polytomies with \"&\" or \"|\"");
   if (soft && concave) error_exit("Cannot do \"soft\" polytomies with \"*\"");
-  if (soft) error_exit("Soft polytomies are not available yet");
+  if (special_and || special_or) error_exit("The \"&\" and \"|\" reports are not available yet");
   std::vector<int> trees = read_trees_argument();
   prepare();
   const bool fits = force == 1 || (force == 0 && (implied_settings.implied_on || concave));
@@ -203,15 +215,15 @@ void total_report(int force) {
   std::vector<int> steps;
   char text[64];
   for (int k : trees) {
-    tree_char_steps(k, steps);
+    tree_char_steps(k, steps, soft);
     if (fits) {
       const double f = fit_total(steps, concave);
       std::snprintf(text, sizeof text, "%.5f", f);
-      if (!concave) tree_store.scores[k] = f;
+      if (!concave && !soft) tree_store.scores[k] = f;
     } else {
       const long long total = weighted_total(steps);
       std::snprintf(text, sizeof text, "%lli", total);
-      tree_store.scores[k] = static_cast<double>(total);
+      if (!soft) tree_store.scores[k] = static_cast<double>(total);
     }
     values.push_back(text);
   }
@@ -226,12 +238,13 @@ void total_report(int force) {
 
 // "cscores" (homoplasy = false) and "chomo" (homoplasy = true).
 void character_report(bool homoplasy) {
+  const bool soft = accept_char('!');
   std::vector<int> trees = read_trees_argument();
   std::vector<int> chars = read_chars_argument();
   prepare();
   std::vector<int> steps;
   for (int k : trees) {
-    tree_char_steps(k, steps);
+    tree_char_steps(k, steps, soft);
     std::vector<std::string> values;
     long long total = 0;
     for (int c : chars) {

@@ -1,6 +1,7 @@
 // Commands that report scores of the trees in memory (length, scores, fit, cscores, chomo).
 // Each reads "N/L" (trees, then characters after "/"), packs the data and fails through
-// error_exit without data or trees.
+// error_exit without data or trees. A leading "!" scores polytomies as soft: each one is
+// resolved in the best way for each character (recons.h).
 #pragma once
 
 #include <vector>
@@ -18,7 +19,14 @@ void cmd_scores();
 void cmd_cscores();
 void cmd_chomo();
 void cmd_fit();
-// Mapping on binary stored trees: state sets by node, changes by node, branch lengths.
+// Settings of the mapping reports.
+struct MappingSettings {
+  int downpass = 0;  // map reports first-pass (down-pass) sets instead of final ones
+};
+extern MappingSettings mapping_settings;
+
+// Mapping on stored trees (polytomies hard): state sets by node, changes by node, branch
+// lengths.
 void cmd_map();
 void cmd_apo();
 void cmd_blength();
