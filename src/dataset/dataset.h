@@ -148,6 +148,7 @@ void add_dataset_replaced_hook(DatasetHook hook);
 struct TreeLinkHooks {
   void (*outgroup_changed)(int outgroup) = nullptr;  // re-roots the stored trees
   void (*generate_from_tree)() = nullptr;            // xread +T P C N, positioned after '+'
+  void (*matrix_read)() = nullptr;                   // a matrix was read (trees of its file follow)
 };
 extern TreeLinkHooks tree_link_hooks;
 

@@ -776,6 +776,7 @@ void read_matrix() {
   finish_matrix();
   build_symbol_table(d.data_format, d.cell_width);
   guard.done = true;
+  if (tree_link_hooks.matrix_read) tree_link_hooks.matrix_read();
 }
 
 // xread /C T N : random cells, each state equally probable.
@@ -829,6 +830,7 @@ void generate_matrix(int ntax, int nchar, int nstates, bool continuous, const st
   finish_matrix();
   build_symbol_table(d.data_format, d.cell_width);
   guard.done = true;
+  if (tree_link_hooks.matrix_read) tree_link_hooks.matrix_read();
 }
 
 int peek_raw() {

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "dataset/dataset.h"
+#include "dataset/import.h"
+#include "trees/notation.h"
 #include "shell/failure.h"
 #include "shell/input.h"
 #include "shell/lists.h"
@@ -168,7 +170,19 @@ void set_tree_format(bool narrow) {
 
 }  // namespace
 
+// Trees that came in the same NEXUS file as the matrix are read once the matrix is.
+void read_trees_of_matrix_file() {
+  const auto& pending = qax::dataset::nexus_trees();
+  if (pending.text.empty() && pending.trees.empty()) return;
+  std::string text = pending.text;
+  std::string file = pending.file;
+  qax::dataset::clear_nexus_trees();
+  int n = read_nexus_trees_block(text);
+  shell::out_text({std::to_string(n), n == 1 ? " tree" : " trees", " read from the TREES block of ", file, "\n"});
+}
+
 void install_dataset_links() {
+  qax::dataset::tree_link_hooks.matrix_read = read_trees_of_matrix_file;
   shell::tree_format_hook = set_tree_format;
   qax::dataset::tree_link_hooks.outgroup_changed = tree_store_reroot_all;
   qax::dataset::tree_link_hooks.generate_from_tree = generate_data_from_tree;
