@@ -174,7 +174,22 @@ void set_tree_format(bool narrow) {
 void read_trees_of_matrix_file() {
   const auto& pending = qax::dataset::nexus_trees();
   if (pending.text.empty() && pending.trees.empty()) return;
-  std::string text = pending.text;
+  // Rebuilt from the importer's parts, whose TRANSLATE names are already in the form
+  // the matrix gave the taxa (the raw block keeps quoted names such as 'O''Brien').
+  std::string text;
+  if (!pending.translate.empty()) {
+    text += "translate";
+    for (std::size_t i = 0; i < pending.translate.size(); ++i) {
+      text += (i ? ",\n  " : " ") + pending.translate[i].first + " " + pending.translate[i].second;
+    }
+    text += ";\n";
+  }
+  for (const auto& [name, tree] : pending.trees) {
+    text += "tree " + name + " = " + tree;
+    if (tree.empty() || tree.back() != ';') text += ";";
+    text += "\n";
+  }
+  if (pending.trees.empty()) text = pending.text;
   std::string file = pending.file;
   qax::dataset::clear_nexus_trees();
   int n = read_nexus_trees_block(text);
