@@ -443,6 +443,8 @@ bool tree_reroot_resolve(std::int32_t* tree, int ntax, int x) {
   for (int v = 0; v < end; ++v)
     if (v != ntax && tree[v] == ntax) ++kids;
   if (kids < 3) return true;
+  // A tree without nodes of degree two always has a free node here.
+  if (end >= 2 * ntax - 1) error_exit("Tree has nodes with a single descendant");
   for (int v = 0; v < end; ++v)
     if (v != ntax && v != x && tree[v] == ntax) tree[v] = end;
   tree[end] = ntax;

@@ -62,6 +62,28 @@ std::vector<std::int32_t> move_taxon(std::vector<std::int32_t> tree, int ntax, i
   if (to == rogue || to == ntax || tree[to] == rogue) return tree;
   // Hang the rogue from the parent of `to` (beside it).
   tree[rogue] = tree[to];
+  // The old parent may be left with a single child: splice it out, as no stored tree
+  // has nodes of degree two.
+  for (bool again = true; again;) {
+    again = false;
+    for (int u = ntax; u < tree[ntax]; ++u) {
+      int kids = 0, only = -1;
+      for (int v = 0; v < tree[ntax]; ++v)
+        if (v != ntax && tree[v] == u) ++kids, only = v;
+      if (kids != 1 || (only < ntax && u == ntax)) continue;
+      if (u == ntax) {
+        for (int v = 0; v < tree[ntax]; ++v)
+          if (v != ntax && tree[v] == only) tree[v] = ntax;
+        tree[only] = 0;
+      } else {
+        tree[only] = tree[u];
+        tree[u] = 0;
+      }
+      reset_node_numbers(tree.data(), ntax);
+      again = true;
+      break;
+    }
+  }
   reset_node_numbers(tree.data(), ntax);
   return tree;
 }
