@@ -27,6 +27,7 @@
 #include "support/consensus.h"
 #include "search/constraints.h"
 #include "optim/collapse.h"
+#include "optim/packed.h"
 #include "optim/reports.h"
 
 namespace qax::app {
@@ -117,6 +118,9 @@ void install_subsystems() {
   lists_filled = true;
   qax::dataset::add_dataset_replaced_hook(qax::trees::tree_store_clear);
   add_exit_step(qax::trees::tree_files_at_exit);
+  // Any command may change taxa, characters or weights: the packed matrix is rebuilt
+  // by the next command that scores (packing costs milliseconds even on large data).
+  add_after_command_step([] { qax::optim::invalidate_pack(); });
 }
 
 int run_program(int argc, char** argv) {

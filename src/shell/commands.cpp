@@ -28,6 +28,7 @@ const CommandRecord* current_ = nullptr;
 int ordinary_count_ = 0;
 std::string typed_word_;
 HelpLookup help_lookup_ = nullptr;
+std::vector<void (*)()> after_command_steps_;
 
 constexpr const char* separator_name = "\nMACROS:";
 
@@ -155,6 +156,7 @@ int ordinary_command_count() { return ordinary_count_; }
 const CommandRecord* current_record() { return current_; }
 const std::string& typed_command_word() { return typed_word_; }
 void install_help_lookup(HelpLookup fn) { help_lookup_ = fn; }
+void add_after_command_step(void (*step)()) { after_command_steps_.push_back(step); }
 
 int is_prefix(std::string_view word, std::string_view entry) {
   if (starts_with(word, entry)) return 0;
@@ -331,6 +333,7 @@ void read_and_dispatch() {
   shell_state.command_start_time = now_seconds();
   Handler h = rec->handler;
   protected_call([h] { h(); });
+  for (auto step : after_command_steps_) step();
   ram_release();
 }
 

@@ -38,6 +38,10 @@ void read_and_dispatch();
 // Zero when word is a prefix of entry (near-match of options may accept more).
 int is_prefix(std::string_view word, std::string_view entry);
 
+// Steps run after every command's handler, whether it failed or not (derived data that
+// settings commands may have made stale is dropped here).
+void add_after_command_step(void (*step)());
+
 // The guard of the macro-only commands.
 void macro_command_guard();
 
