@@ -7,6 +7,7 @@
 
 #include "shell/failure.h"
 #include "shell/output.h"
+#include "support/temp_collapse.h"
 #include "trees/store.h"
 
 namespace qax::support {
@@ -16,7 +17,10 @@ using qax::trees::tree_store;
 
 ConsensusSettings consensus_settings;
 
-void reset_consensus_settings() { consensus_settings = ConsensusSettings(); }
+void reset_consensus_settings() {
+  consensus_settings = ConsensusSettings();
+  temp_collapse_reset();
+}
 
 int tree_node_count(const std::int32_t* tree, int ntax) noexcept { return tree[ntax] - ntax - 1; }
 
@@ -62,7 +66,7 @@ int strict_low_memory(const std::vector<int>& trees, const std::vector<std::uint
   const int ntax = tree_store.ntax;
   const int n = 2 * ntax - 1;
   const int included = count_included(excluded);
-  const std::int32_t* ref = tree_row(trees[0]);
+  const std::int32_t* ref = consensus_row(trees[0]);
   const int rend = ref[ntax];
   std::vector<int> rorder, depth(n), tsize(n), rsize(n), lca(n), firstdes(n), sister(n);
   std::vector<std::uint8_t> alive(n, 1);
@@ -89,7 +93,7 @@ int strict_low_memory(const std::vector<int>& trees, const std::vector<std::uint
   }
   std::vector<int> torder;
   for (std::size_t k = 1; k < trees.size(); ++k) {
-    const std::int32_t* tr = tree_row(trees[k]);
+    const std::int32_t* tr = consensus_row(trees[k]);
     breadth_first(tr, torder);
     std::fill(tsize.begin(), tsize.end(), 0);
     depth[ntax] = 0;
@@ -156,7 +160,7 @@ int strict_consensus(const std::vector<int>& trees, const std::vector<std::uint8
   int done = 0;
   for (int k = 0; k < total; ++k) {
     // Only the first tree enters groups: a strict consensus can only lose them.
-    const int alive = count_tree_groups(table, ns, tree_row(trees[k]), excluded.data(), included, k, k == 0, 1, k + 1);
+    const int alive = count_tree_groups(table, ns, consensus_row(trees[k]), excluded.data(), included, k, k == 0, 1, k + 1);
     done = k + 1;
     shell::show_progress(done, total, "Checking groups");
     if (alive == 0) break;  // a bush already
@@ -177,7 +181,7 @@ CountResult majority_consensus(const std::vector<int>& trees, const std::vector<
   NodeSets ns;
   node_sets_init(ns, ntax);
   for (int k = 0; k < n; ++k) {
-    count_tree_groups(table, ns, tree_row(trees[k]), excluded.data(), included, k, k < enter_until, 1, INT_MAX);
+    count_tree_groups(table, ns, consensus_row(trees[k]), excluded.data(), included, k, k < enter_until, 1, INT_MAX);
     shell::show_progress(k + 1, n, "Counting groups");
   }
   CountResult out;
@@ -196,7 +200,7 @@ namespace {
 std::vector<int> enter_reference(GroupTable& table, NodeSets& ns, int reference,
                                  const std::vector<std::uint8_t>& excluded, int included) {
   const int ntax = tree_store.ntax;
-  const std::int32_t* ref = tree_row(reference);
+  const std::int32_t* ref = consensus_row(reference);
   compute_node_sets(ref, excluded.data(), ns);
   std::vector<int> node_group(2 * ntax - 1, -1);
   for (int v = ntax + 1; v < ref[ntax]; ++v) {
@@ -249,7 +253,7 @@ CountResult reference_frequencies(int reference, const std::vector<int>& trees,
   int k = 0;
   for (int t : trees) {
     if (t == reference) continue;
-    count_tree_groups(table, ns, tree_row(t), excluded.data(), included, k++, false, 1, INT_MAX);
+    count_tree_groups(table, ns, consensus_row(t), excluded.data(), included, k++, false, 1, INT_MAX);
     shell::show_progress(k, static_cast<long long>(trees.size()), "Counting groups");
   }
   out.counted = k;
@@ -275,7 +279,7 @@ CountResult frequency_differences(int reference, const std::vector<int>& trees,
   int k = 0;
   for (int t : trees) {
     if (t == reference) continue;
-    count_tree_groups(table, ns, tree_row(t), excluded.data(), included, k++, true, 1, INT_MAX);
+    count_tree_groups(table, ns, consensus_row(t), excluded.data(), included, k++, true, 1, INT_MAX);
     table.segment_ends.push_back(table.ngroups());
     shell::show_progress(k, static_cast<long long>(trees.size()), "Counting groups");
   }
@@ -308,7 +312,7 @@ int combinable_consensus(const std::vector<int>& trees, const std::vector<std::u
   node_sets_init(ns, ntax);
   int k = 0;
   for (int t : trees) {
-    count_tree_groups(table, ns, tree_row(t), excluded.data(), included, k++, true, 1, INT_MAX);
+    count_tree_groups(table, ns, consensus_row(t), excluded.data(), included, k++, true, 1, INT_MAX);
     table.segment_ends.push_back(table.ngroups());
     shell::show_progress(k, static_cast<long long>(trees.size()), "Counting groups");
   }
@@ -334,7 +338,7 @@ std::vector<double> rough_recovery(int reference, const std::vector<int>& trees,
   NodeSets rs, ts;
   node_sets_init(rs, ntax);
   node_sets_init(ts, ntax);
-  const std::int32_t* ref = tree_row(reference);
+  const std::int32_t* ref = consensus_row(reference);
   compute_node_sets(ref, excluded.data(), rs);
   std::vector<int> nodes;
   for (int v = ntax + 1; v < ref[ntax]; ++v)
@@ -343,7 +347,7 @@ std::vector<double> rough_recovery(int reference, const std::vector<int>& trees,
   int counted = 0;
   for (int t : trees) {
     if (t == reference) continue;
-    const std::int32_t* tr = tree_row(t);
+    const std::int32_t* tr = consensus_row(t);
     compute_node_sets(tr, excluded.data(), ts);
     for (int v : nodes) {
       const std::uint64_t* g = rs.row(v);

@@ -18,6 +18,7 @@
 #include "support/consensus.h"
 #include "support/pruning_commands.h"
 #include "support/command_helpers.h"
+#include "support/temp_collapse.h"
 #include "trees/display.h"
 #include "trees/store.h"
 
@@ -161,6 +162,7 @@ void cmd_nelsen() {
     nelsen_placement(trees, user);
     return;
   }
+  TempCollapse collapse("nelsen");
   std::vector<std::uint8_t> excluded;
   prepare_exclusions(trees, user, cs.unshared, excluded);
   const int ntax = tree_store.ntax;
@@ -212,6 +214,8 @@ void frequency_command(bool differences) {
   }
   std::vector<int> trees = read_selected_trees();
   std::vector<std::uint8_t> user = read_excluded_taxa();
+  TempCollapse collapse(name);
+  collapse.keep_as_stored(reference);
   std::vector<std::uint8_t> excluded;
   prepare_exclusions(trees, user, cs.unshared, excluded);
   const int ntax = tree_store.ntax;
@@ -273,6 +277,7 @@ void cmd_comcomp() {
   const bool keep = accept_char('*');
   std::vector<int> trees = read_selected_trees();
   std::vector<std::uint8_t> user = read_excluded_taxa();
+  TempCollapse collapse("comcomp");
   std::vector<std::uint8_t> excluded;
   prepare_exclusions(trees, user, consensus_settings.unshared, excluded);
   const int ntax = tree_store.ntax;
@@ -302,6 +307,9 @@ void cmd_rfreqs() {
   std::vector<std::uint8_t> excluded;
   prepare_exclusions(trees, user, consensus_settings.unshared, excluded);
   if (trees.size() == 1 && trees[0] == reference) error_exit("Can't compare tree with itself");
+  // Similarities are measured on the trees as stored, never collapsed.
+  if (temp_collapse_applies()) out_text({"To calculate rough frequencies,\ntemporary collapsing will be deactivated\n"});
+  TempCollapse stored("rfreqs", false);
   const int ntax = tree_store.ntax;
   std::vector<double> values = rough_recovery(reference, trees, excluded);
   int counted = 0;

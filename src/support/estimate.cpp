@@ -16,6 +16,7 @@
 #include "support/consensus.h"
 #include "support/consensus_commands.h"
 #include "support/group_set.h"
+#include "support/temp_collapse.h"
 #include "trees/store.h"
 
 namespace qax::support {
@@ -58,6 +59,7 @@ void estimate_step() {
   if (tree_store.ntrees == 0) error_exit("No trees specified");
   std::vector<int> trees;
   for (int k = 0; k < tree_store.ntrees; ++k) trees.push_back(k);
+  TempCollapse collapse("qnelsen");
   std::vector<std::uint8_t> excluded;
   prepare_exclusions(trees, r.user, consensus_settings.unshared, excluded);
   for (std::size_t t = 0; t < excluded.size(); ++t) r.excluded[t] |= excluded[t];

@@ -6,11 +6,11 @@
 #include "shell/failure.h"
 #include "shell/output.h"
 #include "support/consensus.h"
+#include "support/temp_collapse.h"
 #include "trees/store.h"
 
 namespace qax::support {
 
-using qax::trees::tree_row;
 using qax::trees::tree_store;
 
 namespace {
@@ -59,16 +59,16 @@ CountResult majority_low_memory(const std::vector<int>& trees, int cut, std::int
   struct Chosen { int tree, node, count, size; };
   std::vector<Chosen> chosen;
   int included = 0;
-  for (int t = 0; t < ntax; ++t) included += tree_row(trees[0])[t] >= ntax;
+  for (int t = 0; t < ntax; ++t) included += consensus_row(trees[0])[t] >= ntax;
   // Groups first met in tree i can reach `required` only while n - i >= required.
   for (int i = 0; i < n && n - i >= required; ++i) {
-    const std::int32_t* ref = tree_row(trees[i]);
+    const std::int32_t* ref = consensus_row(trees[i]);
     walk(ref, ntax, s, rorder, rsize);
     std::fill(count.begin(), count.end(), 1);
     std::fill(seen.begin(), seen.end(), 0);
     for (int j = 0; j < n; ++j) {
       if (j == i) continue;
-      const std::int32_t* tr = tree_row(trees[j]);
+      const std::int32_t* tr = consensus_row(trees[j]);
       walk(tr, ntax, s, torder, tsize);
       s.depth[ntax] = 0;
       for (std::size_t k = 1; k < torder.size(); ++k) s.depth[torder[k]] = s.depth[tr[torder[k]]] + 1;
@@ -100,13 +100,13 @@ CountResult majority_low_memory(const std::vector<int>& trees, int cut, std::int
   }
   // Build: larger groups first, each hangs its terminals from a new node.
   std::stable_sort(chosen.begin(), chosen.end(), [](const Chosen& a, const Chosen& b) { return a.size > b.size; });
-  const std::int32_t* first = tree_row(trees[0]);
+  const std::int32_t* first = consensus_row(trees[0]);
   for (int v = 0; v < nodes; ++v) result[v] = 0;
   for (int t = 0; t < ntax; ++t) result[t] = first[t] >= ntax ? ntax : 0;
   std::vector<std::string> value(nodes);
   int next = ntax + 1;
   for (const Chosen& c : chosen) {
-    const std::int32_t* tr = tree_row(trees[c.tree]);
+    const std::int32_t* tr = consensus_row(trees[c.tree]);
     const int node = next++;
     int anchor = -1;
     for (int t = 0; t < ntax; ++t) {

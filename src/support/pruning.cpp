@@ -9,11 +9,11 @@
 #include "shell/state.h"
 #include "support/consensus.h"
 #include "support/group_set.h"
+#include "support/temp_collapse.h"
 #include "trees/store.h"
 
 namespace qax::support {
 
-using qax::trees::tree_row;
 using qax::trees::tree_store;
 
 void base_consensus(PruneBase base, const std::vector<int>& trees, const std::vector<std::uint8_t>& excluded,
@@ -146,7 +146,7 @@ RogueScores rogue_scores(int reference, const std::vector<int>& nodes, const std
   NodeSets rs, ts;
   node_sets_init(rs, ntax);
   node_sets_init(ts, ntax);
-  const std::int32_t* ref = tree_row(reference);
+  const std::int32_t* ref = consensus_row(reference);
   compute_node_sets(ref, excluded.data(), rs);
   RogueScores out;
   for (int v = ntax + 1; v < ref[ntax]; ++v) {
@@ -160,7 +160,7 @@ RogueScores rogue_scores(int reference, const std::vector<int>& nodes, const std
   std::vector<std::uint64_t> diff(words);
   for (int t : trees) {
     if (t == reference) continue;
-    const std::int32_t* tr = tree_row(t);
+    const std::int32_t* tr = consensus_row(t);
     compute_node_sets(tr, excluded.data(), ts);
     for (std::size_t k = 0; k < out.nodes.size(); ++k) {
       const int v = out.nodes[k];

@@ -12,12 +12,14 @@
 
 #include "dataset/dataset.h"
 #include "dataset/lists_bridge.h"
+#include "optim/collapse.h"
 #include "shell/failure.h"
 #include "shell/input.h"
 #include "shell/output.h"
 #include "support/command_helpers.h"
 #include "support/consensus.h"
 #include "support/pruning.h"
+#include "support/temp_collapse.h"
 #include "trees/display.h"
 #include "trees/store.h"
 
@@ -137,6 +139,7 @@ void pruning_command(PruneBase base) {
   const int ntax = tree_store.ntax;
   for (int t = 0; t < ntax; ++t)
     if (forced[t] && user[t]) error_exit("Cannot force inclusion and exclude a taxon at the same time");
+  TempCollapse collapse(name);
   std::vector<std::uint8_t> excluded;
   prepare_exclusions(trees, user, consensus_settings.unshared, excluded);
   std::vector<std::int32_t> consensus(2 * ntax - 1);
@@ -272,6 +275,8 @@ void cmd_prunmajor() {
   }
   for (int t = 0; t < ntax; ++t)
     if (keep[t] && user[t]) error_exitf("Cannot both exclude/include a taxon (%s)", taxon_name(t).c_str());
+  TempCollapse collapse("prunmajor");
+  collapse.keep_as_stored(reference);
   std::vector<std::uint8_t> excluded;
   prepare_exclusions(trees, user, cs.unshared, excluded);
   bool all_kept = true;
@@ -353,6 +358,7 @@ void cmd_prupdn() {
   if (!o.differences && o.cutoff < 50) error_exit("Cannot do majority rule with cut < 50");
   std::vector<int> trees = read_selected_trees();
   std::vector<std::uint8_t> user = read_excluded_taxa();
+  TempCollapse collapse("prupdn");
   std::vector<std::uint8_t> excluded;
   prepare_exclusions(trees, user, consensus_settings.unshared, excluded);
   const int ntax = tree_store.ntax;
@@ -466,6 +472,7 @@ void cmd_resols() {
     group = read_int();
     if (group < 0) error_exit("Invalid option for resols");
   }
+  TempCollapse collapse("resols");
   std::vector<std::uint8_t> excluded;
   prepare_exclusions(trees, user, consensus_settings.unshared, excluded);
   const int ntax = tree_store.ntax;
@@ -527,6 +534,11 @@ void nelsen_placement(const std::vector<int>& trees, const std::vector<std::uint
   if (taxa.empty()) error_exit("Must specify taxa to locate on pruned consensus");
   if (static_cast<int>(taxa.size()) > max_located)
     error_exitf("Cannot show location for more than %i taxa/nodes", max_located);
+  // Placement walks the trees node by node, so only rules that act on one tree at a time.
+  if (temp_collapse_applies() && qax::optim::collapse_settings.rule >= qax::optim::collapse_rule4)
+    error_exit("For locating pruned taxa, trees can be collapsed with rule 1 or less;\n"
+               "rules 4, SPR, or TBR cannot be used for this option");
+  TempCollapse collapse("nelsen");
   std::vector<std::uint8_t> all(user);
   for (int t : taxa) all[t] = 1;
   std::vector<std::uint8_t> excluded;

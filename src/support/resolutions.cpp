@@ -8,11 +8,11 @@
 #include "shell/output.h"
 #include "support/group_set.h"
 #include "support/pruning.h"
+#include "support/temp_collapse.h"
 #include "trees/store.h"
 
 namespace qax::support {
 
-using qax::trees::tree_row;
 using qax::trees::tree_store;
 
 // Each group of a tree inside a polytomy is a union of the polytomy's children (the
@@ -60,7 +60,7 @@ std::vector<PolytomyResolutions> polytomy_resolutions(const std::vector<int>& tr
     index.clear();
     filled.assign(m, 0);
     for (int t : trees) {
-      const std::int32_t* tr = tree_row(t);
+      const std::int32_t* tr = consensus_row(t);
       compute_node_sets(tr, excluded.data(), ts);
       std::vector<std::vector<std::uint64_t>> res;
       for (int u = ntax + 1; u < tr[ntax]; ++u) {
@@ -121,7 +121,7 @@ std::vector<std::vector<std::uint8_t>> locate_taxa(const std::vector<int>& trees
   NodeSets ns;
   node_sets_init(ns, ntax);
   for (int t : trees) {
-    const std::int32_t* tr = tree_row(t);
+    const std::int32_t* tr = consensus_row(t);
     compute_node_sets(tr, excluded.data(), ns);
     for (std::size_t k = 0; k < taxa.size(); ++k) {
       const int p = taxa[k];

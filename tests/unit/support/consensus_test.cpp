@@ -279,7 +279,7 @@ TEST(ConsensusCommands, KeptConsensusSurvivesATreeFile) {
   const std::string script =
       "xread 2 6\nA 00\nB 01\nC 10\nD 11\nE 00\nF 11\n;\n"
       "tread (A (B (C (D (E F))))) * (A (B (D (C (E F))))) * (A (B ((C D) (E F)))) ;\n"
-      "nelsen*; tsave *cons.tre; save 3; tsave /; proc cons.tre; tequal; tplot 4; quit;\n";
+      "collapse-; nelsen*; tsave *cons.tre; save 3; tsave /; proc cons.tre; tequal; tplot 4; quit;\n";
   std::string out = run_qax(script);
   EXPECT_NE(out.find("Strict consensus of 3 trees calculated, as tree 3"), std::string::npos) << out;
   // Tree 4, read back from the file, equals tree 3, the consensus.
