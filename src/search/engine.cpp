@@ -3,8 +3,10 @@
 #include "search/engine.h"
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cstring>
+#include <unordered_map>
 
 #include "optim/field_ops.h"
 #include "optim/kernels.h"
@@ -55,11 +57,128 @@ void fitch_plain(const optim::Layout& L, const std::uint32_t* a, const std::uint
 }
 
 using FitchFn = void (*)(const optim::Layout&, const std::uint32_t*, const std::uint32_t*, std::uint32_t*);
-FitchFn pick_fitch() {
-  __builtin_cpu_init();
-  return __builtin_cpu_supports("avx2") ? fitch_avx2 : fitch_plain;
+// The variants follow the join kernels chosen for the pack (so that an override of the
+// kernel variant also tests these); set by Engine::init.
+FitchFn fitch_fn = fitch_plain;
+
+// The same set, compared on the way with `ref` (which may be `o` itself): true when they
+// differ. One pass over the words, so a changed set costs no more than computing it.
+QAX_INLINE bool any_bits(std::uint32_t v) { return v != 0; }
+QAX_INLINE bool any_bits(std::uint64_t v) { return v != 0; }
+QAX_INLINE bool any_bits(v4u64 v) { return (v[0] | v[1] | v[2] | v[3]) != 0; }
+
+template <int C, class V> QAX_INLINE void fitch_cmp_chunk(int i, const std::uint32_t* a, const std::uint32_t* b,
+                                                         std::uint32_t* o, const std::uint32_t* r, V& diff) {
+  V va = load<V>(a + i), vb = load<V>(b + i);
+  V x = va & vb;
+  V res = x | ((va | vb) & full_of<C>(empty_of<C>(x)));
+  diff |= res ^ load<V>(r + i);
+  store<V>(o + i, res);
 }
-const FitchFn fitch_fn = pick_fitch();
+
+template <int C, class V> QAX_INLINE bool fitch_cmp_region(int s, int e, const std::uint32_t* a,
+                                                          const std::uint32_t* b, std::uint32_t* o,
+                                                          const std::uint32_t* r) {
+  int i = s;
+  bool changed = false;
+  if constexpr (sizeof(V) == 32) {
+    V diff{};
+    for (; i + 8 <= e; i += 8) fitch_cmp_chunk<C, V>(i, a, b, o, r, diff);
+    changed = any_bits(diff);
+  }
+  std::uint64_t d64 = 0;
+  for (; i + 2 <= e; i += 2) fitch_cmp_chunk<C, std::uint64_t>(i, a, b, o, r, d64);
+  std::uint32_t d32 = 0;
+  for (; i < e; ++i) fitch_cmp_chunk<C, std::uint32_t>(i, a, b, o, r, d32);
+  return changed || d64 != 0 || d32 != 0;
+}
+
+template <class V> QAX_INLINE bool fitch_cmp_impl(const optim::Layout& L, const std::uint32_t* a,
+                                                  const std::uint32_t* b, std::uint32_t* o, const std::uint32_t* r) {
+  bool changed = fitch_cmp_region<0, V>(0, L.end0, a, b, o, r);
+  changed |= fitch_cmp_region<1, V>(L.end0, L.end1, a, b, o, r);
+  changed |= fitch_cmp_region<2, V>(L.end1, L.end2, a, b, o, r);
+  for (int i = L.end2; i < L.end4; ++i) {
+    std::uint32_t x = a[i] & b[i];
+    x = x ? x : (a[i] | b[i]);
+    changed |= x != r[i];
+    o[i] = x;
+  }
+  for (int i = L.end4; i < L.nwords; ++i) o[i] = ~0u;
+  return changed;
+}
+
+__attribute__((target("avx2"))) bool fitch_cmp_avx2(const optim::Layout& L, const std::uint32_t* a,
+                                                    const std::uint32_t* b, std::uint32_t* o,
+                                                    const std::uint32_t* r) {
+  return fitch_cmp_impl<v4u64>(L, a, b, o, r);
+}
+bool fitch_cmp_plain(const optim::Layout& L, const std::uint32_t* a, const std::uint32_t* b, std::uint32_t* o,
+                     const std::uint32_t* r) {
+  return fitch_cmp_impl<std::uint64_t>(L, a, b, o, r);
+}
+
+using FitchCmpFn = bool (*)(const optim::Layout&, const std::uint32_t*, const std::uint32_t*, std::uint32_t*,
+                            const std::uint32_t*);
+FitchCmpFn fitch_cmp = fitch_cmp_plain;
+
+// Masked form: only the chunks of `chunk` words marked in `in` are computed (the others
+// are left alone); returns the mask of computed chunks where the result differs from ref.
+template <class V> QAX_INLINE std::uint64_t fitch_mask_impl(const optim::Layout& L, int chunk, std::uint64_t in,
+                                                           const std::uint32_t* a, const std::uint32_t* b,
+                                                           std::uint32_t* o, const std::uint32_t* r) {
+  std::uint64_t out = 0;
+  while (in) {
+    const int c = __builtin_ctzll(in);
+    in &= in - 1;
+    const int lo = c * chunk, hi = std::min(L.nwords, lo + chunk);
+    if constexpr (sizeof(V) == 32) {
+      // The common case: one vector of 8 words, all of one class.
+      if (hi - lo == 8 && chunk == 8) {
+        V diff{};
+        if (hi <= L.end0) fitch_cmp_chunk<0, V>(lo, a, b, o, r, diff);
+        else if (lo >= L.end0 && hi <= L.end1) fitch_cmp_chunk<1, V>(lo, a, b, o, r, diff);
+        else if (lo >= L.end1 && hi <= L.end2) fitch_cmp_chunk<2, V>(lo, a, b, o, r, diff);
+        else goto general;
+        if (any_bits(diff)) out |= 1ull << c;
+        continue;
+      }
+    }
+  general:
+    bool changed = false;
+    if (lo < L.end0) changed |= fitch_cmp_region<0, V>(lo, std::min(hi, L.end0), a, b, o, r);
+    if (hi > L.end0 && lo < L.end1) changed |= fitch_cmp_region<1, V>(std::max(lo, L.end0), std::min(hi, L.end1), a, b, o, r);
+    if (hi > L.end1 && lo < L.end2) changed |= fitch_cmp_region<2, V>(std::max(lo, L.end1), std::min(hi, L.end2), a, b, o, r);
+    for (int i = std::max(lo, L.end2); i < std::min(hi, L.end4); ++i) {
+      std::uint32_t x = a[i] & b[i];
+      x = x ? x : (a[i] | b[i]);
+      changed |= x != r[i];
+      o[i] = x;
+    }
+    for (int i = std::max(lo, L.end4); i < hi; ++i) o[i] = ~0u;
+    if (changed) out |= 1ull << c;
+  }
+  return out;
+}
+__attribute__((target("avx2"))) std::uint64_t fitch_mask_avx2(const optim::Layout& L, int chunk, std::uint64_t in,
+                                                              const std::uint32_t* a, const std::uint32_t* b,
+                                                              std::uint32_t* o, const std::uint32_t* r) {
+  return fitch_mask_impl<v4u64>(L, chunk, in, a, b, o, r);
+}
+std::uint64_t fitch_mask_plain(const optim::Layout& L, int chunk, std::uint64_t in, const std::uint32_t* a,
+                               const std::uint32_t* b, std::uint32_t* o, const std::uint32_t* r) {
+  return fitch_mask_impl<std::uint64_t>(L, chunk, in, a, b, o, r);
+}
+using FitchMaskFn = std::uint64_t (*)(const optim::Layout&, int, std::uint64_t, const std::uint32_t*,
+                                      const std::uint32_t*, std::uint32_t*, const std::uint32_t*);
+FitchMaskFn fitch_mask = fitch_mask_plain;
+
+void select_set_kernels() {
+  const bool avx2 = optim::kernels.variant == optim::kernel_avx2;
+  fitch_fn = avx2 ? fitch_avx2 : fitch_plain;
+  fitch_cmp = avx2 ? fitch_cmp_avx2 : fitch_cmp_plain;
+  fitch_mask = avx2 ? fitch_mask_avx2 : fitch_mask_plain;
+}
 
 constexpr int block_size = 16;   // branches per region of the union tests
 
@@ -78,6 +197,7 @@ std::int32_t join_count(const std::uint32_t* a, const std::uint32_t* b, std::int
 }
 
 void Engine::init() {
+  select_set_kernels();
   nt = packed.nterm;
   nn = nt > 0 ? 2 * nt - 1 : 0;
   W = packed.nwords;
@@ -102,7 +222,81 @@ void Engine::init() {
   stack.assign(2 * nn + 4, 0);
   order.assign(nn + 2, 0);
   nbr.assign(static_cast<std::size_t>(nn) * 3, -1);
+  pre.assign(nn, -1);
+  nsteps.assign(nn, 0);
+  umask.assign(nn, 0);
+  chunk_scratch.assign(W, 0u);
+  chunk_words = 8;   // one 256-bit vector
+  while ((W + chunk_words - 1) / chunk_words > 64) chunk_words += 8;
+  {
+    const int nchunks = W > 0 ? (W + chunk_words - 1) / chunk_words : 0;
+    full_mask = nchunks >= 64 ? ~0ull : (1ull << nchunks) - 1;
+  }
+  ldist.assign(nn, 0);
+  lnode.assign(nn, 0);
+  dchg.assign(nn, 0);
+  uchg.assign(nn, 0);
+  pos.assign(nn, -1);
+  span.assign(nn, 0);
+  sunion.assign(cells / block_size + 2 * W, 0u);
+  tptr.assign(nn, nullptr);
+  uptr.assign(nn / block_size + 2, nullptr);
+  dirty_pos.clear();
+  dirty_blocks.clear();
+  block_mark.assign(nn / block_size + 2, 0);
+  path.clear();
+  path.reserve(nn);
+  dirty_pos.reserve(nn);
+  dirty_blocks.reserve(nn / block_size + 2);
+  targets_ready = false;
   for (int t = 0; t < nt; ++t) std::memcpy(D(t), packed.node_sets[t].down_set, sizeof(std::uint32_t) * W);
+  if (packed.weight_mode == optim::weights_equal) order_fields();
+}
+
+// With equal weights a join counts the same whatever the order of the fields within a class,
+// and it stops at the first chunk of words over the bound. Putting first the characters where
+// most taxa differ from the commonest state makes the joins of bad places stop sooner.
+void Engine::order_fields() {
+  const optim::Layout& L = packed.layout;
+  struct Region { int start, end, width; };
+  const Region regions[] = {{0, L.end0, 2}, {L.end0, L.end1, 4}, {L.end1, L.end2, 8}, {L.end2, L.end4, 32}};
+  std::vector<std::uint32_t> values;
+  std::vector<std::pair<int, int>> score;   // (minority count, field) per field
+  std::vector<std::uint32_t> out;
+  std::array<int, 256> small{};
+  std::unordered_map<std::uint32_t, int> wide;
+  for (const Region& r : regions) {
+    const int per = 32 / r.width;
+    const int nf = (r.end - r.start) * per;
+    if (nf <= per) continue;
+    const std::uint32_t fmask = r.width == 32 ? ~0u : (1u << r.width) - 1;
+    values.assign(static_cast<std::size_t>(nf) * nt, 0);
+    score.assign(nf, {0, 0});
+    for (int f = 0; f < nf; ++f) {
+      const int w = r.start + f / per, sh = (f % per) * r.width;
+      int known = 0, top = 0;
+      if (r.width <= 8) small.fill(0);
+      else wide.clear();
+      for (int t = 0; t < nt; ++t) {
+        const std::uint32_t v = (D(t)[w] >> sh) & fmask;
+        values[static_cast<std::size_t>(f) * nt + t] = v;
+        if (v == fmask) continue;   // missing (and padding)
+        ++known;
+        top = std::max(top, r.width <= 8 ? ++small[v] : ++wide[v]);
+      }
+      score[f] = {known - top, f};
+    }
+    std::stable_sort(score.begin(), score.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+    out.assign(static_cast<std::size_t>(r.end - r.start), 0);
+    for (int t = 0; t < nt; ++t) {
+      std::fill(out.begin(), out.end(), 0u);
+      for (int k = 0; k < nf; ++k) {
+        const std::uint32_t v = values[static_cast<std::size_t>(score[k].second) * nt + t];
+        out[k / per] |= r.width == 32 ? v : v << ((k % per) * r.width);
+      }
+      std::memcpy(D(t) + r.start, out.data(), sizeof(std::uint32_t) * out.size());
+    }
+  }
 }
 
 bool Engine::load(const std::vector<std::int32_t>& parent) {
@@ -111,6 +305,7 @@ bool Engine::load(const std::vector<std::int32_t>& parent) {
   anc = w.ancestor;
   left = w.left_child;
   right = w.right_child;
+  targets_ready = false;
   return true;
 }
 
@@ -140,7 +335,8 @@ double Engine::compute_all() {
   for (int k = cnt - 1; k >= 0; --k) {
     int n = order[k];
     fitch_sets(L, D(left[n]), D(right[n]), D(n));
-    steps += join_count(D(left[n]), D(right[n]), INT_MAX, &ok);
+    nsteps[n] = join_count(D(left[n]), D(right[n]), INT_MAX, &ok);
+    steps += nsteps[n];
   }
   const int l0 = left[nt], x = right[nt];
   std::memcpy(U(x), D(l0), sizeof(std::uint32_t) * W);
@@ -157,6 +353,7 @@ double Engine::compute_all() {
       if (c < nt) fitch_sets(L, D(c), U(c), E(c));
   }
   fitch_sets(L, D(l0), U(l0), E(l0));
+  targets_ready = false;
   score = static_cast<double>(packed.constant_steps + steps);
   return score;
 }
@@ -205,6 +402,9 @@ void Engine::reroot_on_zero() {
 }
 
 void Engine::apply_move(const Move& m) {
+  oanc = anc;
+  oleft = left;
+  oright = right;
   // Work on the unrooted adjacency, then root again on terminal 0.
   std::fill(nbr.begin(), nbr.end(), -1);
   auto nb = [&](int a) { return &nbr[static_cast<std::size_t>(a) * 3]; };
@@ -281,6 +481,256 @@ void Engine::apply_move(const Move& m) {
   }
 }
 
+double Engine::update_after_move() {
+  const optim::Layout& L = packed.layout;
+  int cnt = 0, top = 0;
+  stack[top++] = nt;
+  while (top) {
+    int n = stack[--top];
+    order[cnt++] = n;
+    if (right[n] >= nt) stack[top++] = right[n];
+    if (left[n] >= nt) stack[top++] = left[n];
+  }
+  // A node whose pair of children changed has a new subtree below it and new sisters for
+  // its children; everything else changes only through changed values.
+  auto moved = [&](int v) {
+    return !((left[v] == oleft[v] && right[v] == oright[v]) || (left[v] == oright[v] && right[v] == oleft[v]));
+  };
+  for (int t = 0; t < nt; ++t) dchg[t] = 0;
+  std::int64_t delta = 0;
+  std::int32_t ok;
+  for (int k = cnt - 1; k >= 0; --k) {
+    const int v = order[k], a = left[v], b = right[v];
+    const bool mv = moved(v);
+    if (mv || dchg[a] || dchg[b]) {
+      dchg[v] = fitch_cmp(L, D(a), D(b), D(v), D(v));
+      const std::int32_t st = join_count(D(a), D(b), INT_MAX, &ok);
+      delta += st - nsteps[v];
+      nsteps[v] = st;
+    } else {
+      dchg[v] = 0;
+    }
+  }
+  const int l0 = left[nt], x = right[nt];
+  uchg[x] = fitch_cmp(L, D(l0), D(l0), U(x), U(x));   // fitch(a, a) = a
+  uchg[l0] = fitch_cmp(L, D(x), D(x), U(l0), U(l0));
+  if (uchg[l0]) fitch_sets(L, D(l0), U(l0), E(l0));
+  if (uchg[x] || dchg[x]) fitch_sets(L, D(x), U(x), E(x));
+  for (int k = 1; k < cnt; ++k) {
+    const int v = order[k], a = left[v], b = right[v];
+    const bool mv = moved(v);
+    for (int side = 0; side < 2; ++side) {
+      const int c = side ? b : a, sib = side ? a : b;
+      if (mv || uchg[v] || dchg[sib]) uchg[c] = fitch_cmp(L, U(v), D(sib), U(c), U(c));
+      else uchg[c] = 0;
+      if (uchg[c] || dchg[c]) fitch_sets(L, D(c), U(c), E(c));
+    }
+  }
+  targets_ready = false;
+  score += static_cast<double>(delta);
+  return score;
+}
+
+void Engine::prepare_targets() {
+  const std::size_t WS = static_cast<std::size_t>(W);
+  int cnt = 0, top = 0;
+  stack[top++] = right[nt];
+  while (top) {
+    int v = stack[--top];
+    pos[v] = cnt;
+    pre[cnt++] = v;
+    if (v < nt) continue;
+    stack[top++] = right[v];
+    stack[top++] = left[v];
+  }
+  for (int k = cnt - 1; k >= 0; --k) {
+    int v = pre[k];
+    span[v] = v < nt ? 1 : 1 + span[left[v]] + span[right[v]];
+  }
+  for (int k = 0; k < cnt; ++k) tptr[k] = E(pre[k]);
+  const int nb = (cnt + block_size - 1) / block_size;
+  for (int b = 0; b < nb; ++b) {
+    std::uint32_t* un = sunion.data() + b * WS;
+    std::memset(un, 0, sizeof(std::uint32_t) * WS);
+    for (int k = b * block_size; k < std::min(cnt, (b + 1) * block_size); ++k) union_sets(W, tptr[k], un);
+    uptr[b] = un;
+  }
+  targets_ready = true;
+}
+
+void Engine::mark_target(int node, const std::uint32_t* set) {
+  const int k = pos[node];
+  tptr[k] = set;
+  dirty_pos.push_back(k);
+  const int b = k / block_size;
+  if (!block_mark[b]) {
+    block_mark[b] = 1;
+    dirty_blocks.push_back(b);
+  }
+}
+
+void Engine::restore_targets() {
+  const std::size_t WS = static_cast<std::size_t>(W);
+  for (int k : dirty_pos) tptr[k] = E(pre[k]);
+  for (int b : dirty_blocks) {
+    uptr[b] = sunion.data() + b * WS;
+    block_mark[b] = 0;
+  }
+  dirty_pos.clear();
+  dirty_blocks.clear();
+}
+
+// The tree without the clip (p leaves, s takes its place below g) differs from the tree
+// only near the clip. First-pass sets change on the path from g up to the first node whose
+// set comes out equal; second-pass sets of the ancestors of g do not change at all (all
+// that lies outside them is untouched); second-pass sets change in the subtrees hanging
+// off the changed part of the path, and there only as far down as they keep differing.
+// Changed branch sets go to scratch (tgt by node) and replace the targets' pointers; below
+// the path they are made only when a join needs them (a null pointer until then), and the
+// block unions get just their changed chunks.
+void Engine::clip_update(int p, int s, int g) {
+  const optim::Layout& L = packed.layout;
+  const std::size_t WS = static_cast<std::size_t>(W);
+  std::uint32_t* u2 = up2.data();
+  std::uint32_t* e2 = tgt.data();
+  // Chunks of words: a change reaches a node's children only in the chunks where the
+  // node's own set changed, so each set below the path is computed in those chunks only
+  // (its scratch copy is valid there; elsewhere it equals the set of the tree with the clip).
+  const int chunk = chunk_words;
+  const std::uint64_t all = full_mask;
+  // Scratch up set of c = fitch(up, sib) in the chunks `in`; follow the change down.
+  auto follow = [&](int c, const std::uint32_t* up, const std::uint32_t* sib, std::uint64_t in) {
+    const std::uint64_t m = fitch_mask(L, chunk, in, up, sib, u2 + c * WS, U(c));
+    if (!m) return;
+    umask[c] = m;
+    int top = 0;
+    stack[top++] = c;
+    while (top) {
+      const int v = stack[--top];
+      const std::uint64_t mv = umask[v];
+      mark_target(v, nullptr);   // branch set made when a join needs it (lazy_target)
+      if (v < nt) continue;
+      const int a = left[v], b = right[v];
+      if ((umask[a] = fitch_mask(L, chunk, mv, u2 + v * WS, D(b), u2 + a * WS, U(a)))) stack[top++] = a;
+      if ((umask[b] = fitch_mask(L, chunk, mv, u2 + v * WS, D(a), u2 + b * WS, U(b)))) stack[top++] = b;
+    }
+  };
+  path.clear();
+  const std::uint32_t* pd = D(s);
+  int prev = p, a = g;
+  while (a != nt) {
+    const int other = left[a] == prev ? right[a] : left[a];
+    const std::uint64_t m = fitch_mask(L, chunk, all, pd, D(other), down2.data() + a * WS, D(a));
+    if (!m) break;
+    umask[a] = m;   // chunks where the first-pass set changed
+    path.push_back(a);
+    pd = down2.data() + a * WS;
+    prev = a;
+    a = anc[a];
+  }
+  // a: lowest ancestor whose first-pass set is unchanged (nt when the change reaches the
+  // root). Walk down the changed part of the path.
+  for (int k = static_cast<int>(path.size()) - 1; k >= 0; --k) {
+    const int pc = path[k], v = anc[pc];
+    const std::uint32_t* pcd = down2.data() + pc * WS;
+    fitch_sets(L, pcd, U(pc), e2 + pc * WS);
+    mark_target(pc, e2 + pc * WS);
+    if (v == nt) continue;   // the other side is terminal 0, not a target
+    const int oc = left[v] == pc ? right[v] : left[v];
+    follow(oc, U(v), pcd, umask[pc]);
+  }
+  // Below g: s in place of p, and p's sister q.
+  if (g == nt) {
+    follow(s, D(left[nt]), D(left[nt]), all);   // fitch(a, a) = a
+  } else {
+    const int q = left[g] == p ? right[g] : left[g];
+    follow(s, U(g), D(q), all);
+    follow(q, U(g), D(s), all);
+  }
+  // Block unions: the block's union in the tree with the clip, widened by the changed
+  // sets. A wider union only weakens the block test, which stays a lower bound.
+  for (int b : dirty_blocks) {
+    std::uint32_t* un = tunion.data() + b * WS;
+    std::memcpy(un, sunion.data() + b * WS, sizeof(std::uint32_t) * WS);
+    uptr[b] = un;
+  }
+  for (int k : dirty_pos) {
+    std::uint32_t* un = tunion.data() + (k / block_size) * WS;
+    if (tptr[k]) {
+      union_sets(W, tptr[k], un);
+      continue;
+    }
+    // Not made yet: it differs from E (already in the union) only in the changed chunks,
+    // which are made here in a scratch set and added.
+    const int v = pre[k];
+    const std::uint64_t mv = umask[v];
+    std::uint32_t* tmp = chunk_scratch.data();
+    fitch_mask(L, chunk, mv, D(v), u2 + v * WS, tmp, tmp);
+    for (std::uint64_t m = mv; m; m &= m - 1) {
+      const int lo = __builtin_ctzll(m) * chunk, hi = std::min(W, lo + chunk);
+      for (int w = lo; w < hi; ++w) un[w] |= tmp[w];
+    }
+  }
+}
+
+const std::uint32_t* Engine::lazy_target(int k) {
+  const std::size_t WS = static_cast<std::size_t>(W);
+  const int v = pre[k];
+  std::uint32_t* e2 = tgt.data() + v * WS;
+  std::memcpy(e2, E(v), sizeof(std::uint32_t) * WS);
+  fitch_mask(packed.layout, chunk_words, umask[v], D(v), up2.data() + v * WS, e2, e2);
+  tptr[k] = e2;
+  return e2;
+}
+
+void Engine::insert_leaf(int t, int branch, int q) {
+  const optim::Layout& L = packed.layout;
+  const int a0 = anc[branch];
+  if (left[a0] == branch) left[a0] = q; else right[a0] = q;
+  anc[q] = a0;
+  left[q] = branch;
+  right[q] = t;
+  anc[branch] = q;
+  anc[t] = q;
+  targets_ready = false;
+  // Up set of c changed (or new): its branch set, then down the subtree while they differ.
+  auto follow = [&](int c) {
+    int top = 0;
+    stack[top++] = c;
+    while (top) {
+      const int v = stack[--top];
+      fitch_sets(L, D(v), U(v), E(v));
+      if (edge_log) edge_log->push_back(v);
+      if (v < nt) continue;
+      const int x = left[v], y = right[v];
+      if (fitch_cmp(L, U(v), D(y), U(x), U(x))) stack[top++] = x;
+      if (fitch_cmp(L, U(v), D(x), U(y), U(y))) stack[top++] = y;
+    }
+  };
+  // First pass: q, then up while the sets change.
+  fitch_sets(L, D(branch), D(t), D(q));
+  path.clear();
+  path.push_back(q);
+  for (int v = a0;; v = anc[v]) {
+    if (!fitch_cmp(L, D(left[v]), D(right[v]), D(v), D(v)) || v == nt) break;
+    path.push_back(v);
+  }
+  // Second pass: ancestors keep their up sets; the changed path passes new first-pass sets
+  // to the subtrees beside it.
+  for (int k = static_cast<int>(path.size()) - 1; k >= 0; --k) {
+    const int pc = path[k], v = anc[pc];
+    const int oc = left[v] == pc ? right[v] : left[v];
+    if (pc == q) fitch_sets(L, v == nt ? D(oc) : U(v), D(oc), U(q));   // fitch(a, a) = a
+    fitch_sets(L, D(pc), U(pc), E(pc));
+    if (edge_log) edge_log->push_back(pc);
+    if (fitch_cmp(L, v == nt ? D(pc) : U(v), D(pc), U(oc), U(oc))) follow(oc);
+  }
+  fitch_sets(L, U(q), D(branch), U(t));
+  fitch_sets(L, D(t), U(t), E(t));
+  if (edge_log) edge_log->push_back(t);
+  if (fitch_cmp(L, U(q), D(t), U(branch), U(branch))) follow(branch);
+}
+
 std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t save_slack, Move& best,
                                    std::vector<Move>& records, std::uint64_t& examined) {
   const optim::Layout& L = packed.layout;
@@ -288,65 +738,35 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
   best = Move{};
   if (n == nt || n == left[nt] || anc[n] < 0) return -1;
   if (n == right[nt] && (!tbr || n < nt)) return -1;
+  if (!targets_ready) prepare_targets();
   const int p = anc[n];
   const bool whole = p == nt;  // the clip is all but terminal 0: the only target is terminal 0
   const int s = left[p] == n ? right[p] : left[p];
   const int g = anc[p];
-  int ntg = 0, ks = -1;
-  if (whole) {
-    std::memcpy(tgt.data(), D(left[nt]), sizeof(std::uint32_t) * WS);
-    tnode[ntg++] = left[nt];
-    ks = 0;
-  } else {
-  // Down sets of the path from g to the root, in the tree without the clip.
-  ++stamp_now;
-  auto dn = [&](int x) -> const std::uint32_t* {
-    return stamp[x] == stamp_now ? down2.data() + x * WS : D(x);
-  };
-  {
-    int prev = s, prev_orig = p, a = g;
-    while (a != nt) {
-      int other = left[a] == prev_orig ? right[a] : left[a];
-      const std::uint32_t* pd = prev == s ? D(s) : down2.data() + prev * WS;
-      fitch_sets(L, pd, D(other), down2.data() + a * WS);
-      stamp[a] = stamp_now;
-      prev = a;
-      prev_orig = a;
-      a = anc[a];
-    }
-  }
-  auto kid = [&](int c) { return c == p ? s : c; };
-  // Up sets and branch sets of the tree without the clip, in preorder from the root.
-  const int l0 = left[nt];
-  const int x = kid(right[nt]);
-  std::uint32_t* u2 = up2.data();
-  std::memcpy(u2 + x * WS, D(l0), sizeof(std::uint32_t) * WS);
-  auto add_target = [&](int node) {
-    if (node == s) ks = ntg;
-    fitch_sets(L, dn(node), u2 + node * WS, tgt.data() + ntg * WS);
-    tnode[ntg++] = node;
-  };
-  int top = 0;
-  stack[top++] = x;
-  while (top) {
-    int v = stack[--top];
-    add_target(v);
-    if (v < nt) continue;
-    int c1 = kid(left[v]), c2 = kid(right[v]);
-    fitch_sets(L, u2 + v * WS, dn(c2), u2 + c1 * WS);
-    fitch_sets(L, u2 + v * WS, dn(c1), u2 + c2 * WS);
-    stack[top++] = c2;
-    stack[top++] = c1;
-  }
+  // Targets: positions 0..npos-1 with the clip's run of positions and p's left out.
+  const std::uint32_t* one_set[1] = {D(left[nt])};
+  const int one_node[1] = {left[nt]};
+  const std::uint32_t* const* tp = one_set;
+  const std::uint32_t* const* tu = one_set;
+  const int* tn = one_node;
+  int npos = 1, skip_lo = -1, skip_hi = -1, skip_p = -1, ks = 0, ntg = 1;
+  struct Restore {
+    Engine* e;
+    ~Restore() { e->restore_targets(); }
+  } restore{this};
+  if (!whole) {
+    clip_update(p, s, g);
+    tp = tptr.data();
+    tu = uptr.data();
+    tn = pre.data();
+    npos = nn - 2;
+    skip_lo = pos[n];
+    skip_hi = pos[n] + span[n];
+    skip_p = pos[p];
+    ks = pos[s];
+    ntg = npos - span[n] - 1;
   }
   int top = 0;
-  // Block unions of the targets.
-  const int ntb = (ntg + block_size - 1) / block_size;
-  for (int b = 0; b < ntb; ++b) {
-    std::uint32_t* un = tunion.data() + b * WS;
-    std::memset(un, 0, sizeof(std::uint32_t) * WS);
-    for (int k = b * block_size; k < std::min(ntg, (b + 1) * block_size); ++k) union_sets(W, tgt.data() + k * WS, un);
-  }
   // Rerooting sets of the clip: the identity first.
   int nc = 0;
   std::memcpy(cset.data(), D(n), sizeof(std::uint32_t) * WS);
@@ -358,13 +778,15 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
     top = 0;
     stack[top++] = b;
     stack[top++] = a;
+    ldist[a] = ldist[b] = 0;   // nodes from the clip's root branch
     while (top) {
       int v = stack[--top];
       if (v != a && v != b) {
         fitch_sets(L, D(v), upc.data() + v * WS, cset.data() + nc * WS);
         cnode[nc++] = v;
       }
-      if (v < nt) continue;
+      if (v < nt || (limit > 0 && ldist[v] >= limit)) continue;
+      ldist[left[v]] = ldist[right[v]] = ldist[v] + 1;
       fitch_sets(L, upc.data() + v * WS, D(right[v]), upc.data() + left[v] * WS);
       fitch_sets(L, upc.data() + v * WS, D(left[v]), upc.data() + right[v] * WS);
       stack[top++] = right[v];
@@ -377,41 +799,108 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
     std::memset(un, 0, sizeof(std::uint32_t) * WS);
     for (int k = b * block_size; k < std::min(nc, (b + 1) * block_size); ++k) union_sets(W, cset.data() + k * WS, un);
   }
-  examined += static_cast<std::uint64_t>(std::max(ntg - 1, 1)) * static_cast<std::uint64_t>(nc);
-
   std::int32_t ok;
-  const std::int32_t base = join_count(D(n), tgt.data() + ks * WS, INT_MAX, &ok);
+  if (!whole && !tptr[ks]) lazy_target(ks);
+  const std::int32_t base = join_count(D(n), tp[ks], INT_MAX, &ok);
   std::int32_t best_cost = base;
   const std::int32_t save_bound = saving ? base + save_slack : INT_MIN;
   std::int32_t bound = std::max(best_cost - 1, save_bound);
+  if (limit > 0 && tbr && !whole) {
+    if (bound < 0) return base;
+    // Targets within `limit` nodes of the clip point, breadth-first in the tree without
+    // the clip from the branch s-g (distance 0); moves are counted as they are costed.
+    auto kid = [&](int c) { return c == p ? s : c; };
+    int nl = 0, head = 0;
+    lnode[nl++] = s;
+    ldist[s] = 0;
+    ++stamp_now;
+    stamp[s] = stamp_now;
+    auto reach = [&](int w, int d) {
+      if (stamp[w] == stamp_now) return;
+      stamp[w] = stamp_now;
+      ldist[w] = d;
+      lnode[nl++] = w;
+    };
+    while (head < nl) {
+      const int v = lnode[head++];
+      if (ldist[v] >= limit) continue;
+      const int d = ldist[v] + 1;
+      if (v >= nt) {
+        reach(kid(left[v]), d);
+        reach(kid(right[v]), d);
+      }
+      const int a = v == s ? g : anc[v];
+      if (a == nt) continue;   // the root's branch goes on to terminal 0 only
+      const int me = v == s ? p : v;
+      reach(kid(left[a] == me ? right[a] : left[a]), d);
+      reach(a, d);
+    }
+    for (int j = 0; j < nc; ++j) {
+      const std::uint32_t* cj = cset.data() + j * WS;
+      for (int k = 0; k < nl; ++k) {
+        const int t = lnode[k];
+        if (j == 0 && t == s) continue;
+        if (constraint_allows && !constraint_allows(n, j == 0 ? -1 : cnode[j], t)) continue;
+        ++examined;
+        const int kt = pos[t];
+        const std::int32_t c = join_count(cj, tptr[kt] ? tptr[kt] : lazy_target(kt), bound, &ok);
+        if (!ok) continue;
+        if (c < best_cost) {
+          best_cost = c;
+          best = Move{n, j == 0 ? -1 : cnode[j], t, c};
+          bound = std::max(best_cost - 1, save_bound);
+        }
+        if (saving && c <= save_bound) records.push_back(Move{n, j == 0 ? -1 : cnode[j], t, c});
+        if (bound < 0) return base;
+      }
+    }
+    return base;
+  }
+  examined += static_cast<std::uint64_t>(std::max(ntg - 1, 1)) * static_cast<std::uint64_t>(nc);
   if (bound < 0) return base;
+  const int ntb = (npos + block_size - 1) / block_size;
   for (int cb = 0; cb < ncb; ++cb) {
     const int c_end = std::min(nc, (cb + 1) * block_size);
     const std::uint32_t* cu = cunion.data() + cb * WS;
     for (int tb = 0; tb < ntb; ++tb) {
-      const int t_end = std::min(ntg, (tb + 1) * block_size);
-      const std::uint32_t* tu = tunion.data() + tb * WS;
-      if (nc > 1) {
-        join_count(cu, tu, bound, &ok);
-        if (!ok) continue;
-      }
-      for (int j = cb * block_size; j < c_end; ++j) {
-        const std::uint32_t* cj = cset.data() + j * WS;
-        if (c_end - cb * block_size > 1) {
-          join_count(cj, tu, bound, &ok);
+      const int t_lo = tb * block_size;
+      const int t_end = std::min(npos, t_lo + block_size);
+      if (t_lo >= skip_lo && t_end <= skip_hi) continue;   // inside the clip
+      // Targets of the block that can still pass: with several rerootings, each target
+      // is first tested against the union of the rerooting sets (the bound only falls, so
+      // a target out now stays out).
+      int live[block_size];
+      int nlive = 0;
+      join_count(cu, tu[tb], bound, &ok);
+      if (!ok) continue;
+      const bool several = c_end - cb * block_size > 1;
+      for (int k = t_lo; k < t_end; ++k) {
+        if ((k >= skip_lo && k < skip_hi) || k == skip_p) continue;
+        if (several) {
+          join_count(cu, tp[k] ? tp[k] : lazy_target(k), bound, &ok);
           if (!ok) continue;
         }
-        for (int k = tb * block_size; k < t_end; ++k) {
-          if (j == 0 && k == ks) continue;
-          const std::int32_t c = join_count(cj, tgt.data() + k * WS, bound, &ok);
+        live[nlive++] = k;
+      }
+      if (!nlive) continue;
+      for (int j = cb * block_size; j < c_end; ++j) {
+        const std::uint32_t* cj = cset.data() + j * WS;
+        if (several) {
+          join_count(cj, tu[tb], bound, &ok);
           if (!ok) continue;
-          if (constraint_allows && !constraint_allows(n, j == 0 ? -1 : cnode[j], tnode[k])) continue;
+        }
+        for (int i = 0; i < nlive; ++i) {
+          const int k = live[i];
+          if (j == 0 && k == ks) continue;
+          const std::int32_t c = join_count(cj, tp[k] ? tp[k] : lazy_target(k), bound, &ok);
+          if (!ok) continue;
+          if (constraint_allows && !constraint_allows(n, j == 0 ? -1 : cnode[j], tn[k])) continue;
           if (c < best_cost) {
             best_cost = c;
-            best = Move{n, j == 0 ? -1 : cnode[j], tnode[k], c};
+            best = Move{n, j == 0 ? -1 : cnode[j], tn[k], c};
             bound = std::max(best_cost - 1, save_bound);
           }
-          if (saving && c <= save_bound) records.push_back(Move{n, j == 0 ? -1 : cnode[j], tnode[k], c});
+          if (saving && c <= save_bound) records.push_back(Move{n, j == 0 ? -1 : cnode[j], tn[k], c});
           if (bound < 0) return base;
         }
       }

@@ -3,7 +3,8 @@
 // Invariant after compute_all(): down(n) is the first-pass set of the subtree of n, up(n)
 // the first-pass set of everything outside it seen across the branch above n, and
 // edge(n) = fitch(down(n), up(n)); the length of the tree with a set S attached on the
-// branch above n is length + join(S, edge(n)), exactly.
+// branch above n is length + join(S, edge(n)), exactly. With equal weights the engine's
+// terminal sets hold the fields of each class in its own order (most variable first).
 #pragma once
 
 #include <cstdint>
@@ -44,6 +45,26 @@ struct Engine {
   int stamp_now = 0;
   std::vector<int> stack, order;                  // work lists
   std::vector<int> nbr;                           // unrooted adjacency, 3 per node
+  // Branches as targets of clips, in preorder from the root's second child: pre[k] is the
+  // node at position k, pos[] its inverse, span[] the nodes of each subtree (a subtree is a
+  // run of positions), sunion the unions of blocks of positions. tptr/uptr point at E() and
+  // sunion, except while one clip is evaluated: the branches whose sets differ in the tree
+  // without the clip then point at scratch sets, or are null until a join needs them.
+  std::vector<int> pre, pos, span;
+  std::vector<std::uint32_t> sunion;
+  std::vector<const std::uint32_t*> tptr, uptr;
+  std::vector<int> dirty_pos, dirty_blocks, block_mark, path;
+  bool targets_ready = false;                     // pre/pos/span/sunion match the sets
+  std::vector<std::int32_t> nsteps;               // steps at each inner node (first pass)
+  std::vector<std::uint8_t> dchg, uchg;           // first/second-pass set changed (updates)
+  std::vector<int> oanc, oleft, oright;           // topology before the last apply_move
+  int limit = 0;                                  // TBR within this many nodes of the clip point (0: all)
+  std::vector<int> ldist, lnode;                  // distances and target nodes under a limit
+  std::vector<std::uint64_t> umask;               // changed chunks of a node's sets (clip updates)
+  std::vector<std::uint32_t> chunk_scratch;       // one set of scratch words
+  int chunk_words = 8;                            // words per chunk of umask
+  std::uint64_t full_mask = 0;                    // every chunk
+  std::vector<int>* edge_log = nullptr;           // insert_leaf adds the nodes whose E changed
   double score = 0;                               // length of the tree (constant steps included)
 
   std::uint32_t* D(int n) { return down.data() + static_cast<std::size_t>(n) * W; }
@@ -59,7 +80,23 @@ struct Engine {
   // of cost up to base + save_slack. Returns base, or -1 when the clip has nothing to try.
   std::int32_t evaluate_clip(int n, bool tbr, bool saving, std::int32_t save_slack, Move& best,
                              std::vector<Move>& records, std::uint64_t& examined);
-  void apply_move(const Move& m);                 // topology only; call compute_all after
+  void apply_move(const Move& m);                 // topology only; then compute_all or update_after_move
+  // After apply_move (which keeps the previous topology in oanc/oleft/oright): recomputes
+  // only the sets that change, following changed values; equal to compute_all.
+  double update_after_move();
+  // Puts terminal t with the new node q on the branch above `branch` and brings all sets
+  // up to date by recomputing only those that change: the first-pass sets from q up to
+  // the first unchanged one, and the second-pass and branch sets of the subtrees the
+  // change reaches. The result equals compute_all (without the score).
+  void insert_leaf(int t, int branch, int q);
+
+ private:
+  void order_fields();                            // most variable characters first (equal weights)
+  void prepare_targets();                         // pre/pos/span/sunion/tptr/uptr
+  void mark_target(int node, const std::uint32_t* set);
+  void clip_update(int p, int s, int g);          // sets of the tree without the clip
+  void restore_targets();
+  const std::uint32_t* lazy_target(int k);        // makes the branch set of position k
 };
 
 }  // namespace qax::search

@@ -33,6 +33,10 @@ namespace qax::search {
 // score went down.
 double swap_tbr_slot(std::vector<std::int32_t>& parent, int first, int mode, int limit, int* slot, bool* improved);
 double swap_spr_slot(std::vector<std::int32_t>& parent, int first, int mode, int limit, int* slot, bool* improved);
+// Checking of the Wagner build's node clusters, for tests: when not negative, each insertion
+// under clusters checks that every region's union covers its members' branch sets, and
+// that every branch has a region, adding 1 here for each failure.
+extern int wagner_region_faults;
 // Score as printed: whole numbers without decimals.
 std::string search_score_text(double s);
 }  // namespace qax::search

@@ -1,6 +1,6 @@
 // SPR and TBR branch swapping on the engine, and the store of the trees they find.
 // A clip's moves are all costed by joins against branch sets; only accepted moves change
-// the tree, after which all sets are recomputed once.
+// the tree, after which the sets it changed are recomputed (all of them under `safe`).
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -110,6 +110,8 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
                  bool* improved_out) {
   Engine& e = engine();
   if (!e.load(parent)) qax::shell::error_exit("Tree cannot be swapped (not binary on the active taxa)");
+  e.limit = tbr ? search_settings.limit : 0;
+  struct EndLimit { Engine& e; ~EndLimit() { e.limit = 0; } } end_limit{e};
   double score = e.compute_all();
   constraints_start_search(e.anc.data(), e.left.data(), e.right.data(), e.nt);
   struct EndConstraints { ~EndConstraints() { constraints_end_search(); } } end_constraints;
@@ -152,7 +154,8 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
         slot = -1;
       }
       e.apply_move(best);
-      score = e.compute_all();
+      // safe: all sets again; otherwise only those the move changed.
+      score = search_settings.safe ? e.compute_all() : e.update_after_move();
       if (constraint_allows) constraint_tree_changed();
       if (std::fabs(score - expect) > 1e-8) {
         qax::shell::out_printf("\n%s --- %s, move %i -> %i, score is %s", "OOpps", tbr ? "tbr" : "spr", best.clip,

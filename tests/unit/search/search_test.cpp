@@ -12,11 +12,13 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "app/command_table.h"
 #include "app/program.h"
 #include "dataset/dataset.h"
+#include "optim/kernels.h"
 #include "optim/packed.h"
 #include "search/engine.h"
 #include "search/search_internal.h"
@@ -386,4 +388,220 @@ TEST_F(Search, MessagesAndEdgeCases) {
   EXPECT_EQ(search::search_settings.sequence_kind, search::sequence_closest);
   EXPECT_EQ(search::last_best_score, 341) << out;
   check_store(341);
+}
+
+namespace {
+
+// Characters evolved along a random tree with few changes per branch, so that sets agree
+// over long stretches of the tree and a local change dies out after a few nodes (this is
+// what the incremental updates exploit, and where their bookkeeping is exercised).
+std::string tree_matrix(const Edges& edges, int ntax, int nchar, std::mt19937& rng) {
+  const int nvert = 2 * ntax - 2;
+  std::vector<std::vector<int>> adj(nvert);
+  for (auto [a, b] : edges) { adj[a].push_back(b); adj[b].push_back(a); }
+  std::vector<std::string> seq(nvert, std::string(nchar, '0'));
+  for (int c = 0; c < nchar; ++c) seq[0][c] = static_cast<char>('0' + rng() % 4);
+  std::vector<std::pair<int, int>> st{{0, -1}};
+  while (!st.empty()) {
+    auto [v, from] = st.back();
+    st.pop_back();
+    for (int w : adj[v]) {
+      if (w == from) continue;
+      seq[w] = seq[v];
+      for (int c = 0; c < nchar; ++c)
+        if (rng() % 14 == 0) seq[w][c] = static_cast<char>('0' + rng() % 4);
+      st.push_back({w, v});
+    }
+  }
+  std::string s = "xread " + std::to_string(nchar) + " " + std::to_string(ntax) + "\n";
+  for (int t = 0; t < ntax; ++t) s += "t" + std::to_string(t) + " " + seq[t] + "\n";
+  return s + ";";
+}
+
+// The engine's sets against a full recomputation, on the nodes of the tree.
+void expect_sets_match_full(search::Engine& e, const char* what, bool with_score) {
+  const auto d = e.down, u = e.up, ed = e.edge;
+  const double score = e.score;
+  e.compute_all();
+  if (with_score) EXPECT_EQ(score, e.score) << what;
+  const std::size_t W = static_cast<std::size_t>(e.W);
+  for (int n = 0; n < e.nn; ++n) {
+    if (n != e.nt && e.anc[n] < 0) continue;
+    EXPECT_TRUE(std::equal(d.begin() + n * W, d.begin() + (n + 1) * W, e.down.begin() + n * W)) << what << " down " << n;
+    if (n == e.nt) continue;
+    EXPECT_TRUE(std::equal(u.begin() + n * W, u.begin() + (n + 1) * W, e.up.begin() + n * W)) << what << " up " << n;
+    EXPECT_TRUE(std::equal(ed.begin() + n * W, ed.begin() + (n + 1) * W, e.edge.begin() + n * W)) << what << " edge " << n;
+  }
+}
+
+}  // namespace
+
+static void incremental_sets_body() {
+  std::mt19937 rng(23);
+  const int n = 60;
+  Edges truth = random_edges(n, rng);
+  run(tree_matrix(truth, n, 300, rng));
+  optim::pack_data();
+  search::engine_refresh();
+  search::Engine& e = search::engine();
+  // Wagner insertions at random branches.
+  std::fill(e.anc.begin(), e.anc.end(), -1);
+  std::fill(e.left.begin(), e.left.end(), -1);
+  std::fill(e.right.begin(), e.right.end(), -1);
+  const int root = n, q = n + 1;
+  e.left[root] = 0; e.right[root] = q; e.anc[0] = root; e.anc[q] = root;
+  e.left[q] = 1; e.right[q] = 2; e.anc[1] = e.anc[2] = q;
+  e.compute_all();
+  for (int t = 3; t < n; ++t) {
+    std::vector<int> branches;
+    for (int v = 0; v < e.nn; ++v)
+      if (e.anc[v] >= 0 && v != e.left[root]) branches.push_back(v);
+    e.insert_leaf(t, branches[rng() % branches.size()], n + t - 1);
+    expect_sets_match_full(e, "insert", false);
+  }
+  // Accepted moves, updated incrementally.
+  int moves = 0;
+  for (int round = 0; round < 40; ++round) {
+    const int clip = static_cast<int>(rng() % e.nn);
+    search::Move best;
+    std::vector<search::Move> records;
+    std::uint64_t examined = 0;
+    if (e.evaluate_clip(clip, true, true, 3, best, records, examined) < 0 || records.empty()) continue;
+    e.apply_move(records[rng() % records.size()]);
+    e.update_after_move();
+    expect_sets_match_full(e, "move", true);
+    ++moves;
+  }
+  EXPECT_GT(moves, 20);
+}
+
+static void larger_tree_body() {
+  std::mt19937 rng(31);
+  const int n = 48;
+  Edges truth = random_edges(n, rng);
+  run(tree_matrix(truth, n, 200, rng));
+  optim::pack_data();
+  search::engine_refresh();
+  search::Engine& e = search::engine();
+  // A tree a few random moves away from the true one: costs near the base are common.
+  auto parent = parent_from_edges(truth, n, 2 * n - 2);
+  ASSERT_TRUE(e.load(parent));
+  e.compute_all();
+  for (int k = 0; k < 6; ++k) {
+    search::Move best;
+    std::vector<search::Move> records;
+    std::uint64_t examined = 0;
+    const int clip = static_cast<int>(rng() % e.nn);
+    if (e.evaluate_clip(clip, true, true, 6, best, records, examined) < 0 || records.empty()) continue;
+    e.apply_move(records[rng() % records.size()]);
+    e.compute_all();
+  }
+  std::vector<std::int32_t> row;
+  e.export_tree(row);
+  const double score = e.compute_all();
+  ASSERT_EQ(score, slow_length(row.data()));
+  std::vector<int> anc = e.anc, left = e.left, right = e.right;
+  int checked = 0;
+  for (int clip = 0; clip < e.nn; ++clip) {
+    search::Move best;
+    std::vector<search::Move> records;
+    std::uint64_t examined = 0;
+    // Every third clip keeps all its moves: a spread of them is checked.
+    const int base = e.evaluate_clip(clip, true, true, clip % 3 ? 4 : 1 << 20, best, records, examined);
+    if (base < 0) continue;
+    std::vector<search::Move> check;
+    const std::size_t stride = std::max<std::size_t>(1, records.size() / 12);
+    for (std::size_t k = 0; k < records.size(); k += stride) check.push_back(records[k]);
+    if (best.clip >= 0) check.push_back(best);
+    for (const auto& m : check) {
+      e.apply_move(m);
+      e.export_tree(row);
+      EXPECT_EQ(slow_length(row.data()), score + (m.cost - base)) << "clip " << clip;
+      e.anc = anc; e.left = left; e.right = right;
+      e.compute_all();
+      ++checked;
+    }
+  }
+  EXPECT_GT(checked, 400);
+}
+
+// Every kernel variant the machine can run, each against full recomputation and the slow
+// scorer.
+TEST_F(Search, IncrementalSetsEqualFullRecomputation) {
+  for (int v : {optim::kernel_64, optim::kernel_auto}) {
+    optim::kernel_override = v;
+    incremental_sets_body();
+    larger_tree_body();
+    if (v == optim::kernel_64) EXPECT_STREQ(optim::kernels.name, "64-bit");
+  }
+  optim::kernel_override = optim::kernel_auto;
+}
+
+TEST_F(Search, LimitedTbrIsASubsetAndWholeAtALargeLimit) {
+  std::mt19937 rng(41);
+  const int n = 30;
+  Edges truth = random_edges(n, rng);
+  run(tree_matrix(truth, n, 120, rng));
+  optim::pack_data();
+  search::engine_refresh();
+  search::Engine& e = search::engine();
+  ASSERT_TRUE(e.load(parent_from_edges(random_edges(n, rng), n, 2 * n - 2)));
+  e.compute_all();
+  auto moves = [&](int clip, int limit) {
+    e.limit = limit;
+    search::Move best;
+    std::vector<search::Move> records;
+    std::uint64_t examined = 0;
+    e.evaluate_clip(clip, true, true, 1 << 20, best, records, examined);
+    e.limit = 0;
+    std::set<std::tuple<int, int, int>> out;
+    for (const auto& m : records) out.insert({m.reroot, m.target, m.cost});
+    if (limit > 0 && e.anc[clip] != e.nt) EXPECT_EQ(examined, records.size()) << "clip " << clip;
+    return out;
+  };
+  int smaller = 0;
+  for (int clip = 0; clip < e.nn; ++clip) {
+    const auto all = moves(clip, 0);
+    EXPECT_EQ(moves(clip, 1000), all) << "clip " << clip;
+    const auto near = moves(clip, 2);
+    EXPECT_TRUE(std::includes(all.begin(), all.end(), near.begin(), near.end())) << "clip " << clip;
+    if (near.size() < all.size()) ++smaller;
+    // One node away: the targets beside the clip point, with the unchanged rooting.
+    for (const auto& m : moves(clip, 1)) EXPECT_TRUE(near.count(m)) << "clip " << clip;
+  }
+  EXPECT_GT(smaller, 10);
+}
+
+// Compatible characters (one per split of a tree): any Wagner build that puts each taxon at
+// a cheapest branch ends at one step per character, so a region test that wrongly ruled out
+// the cheapest branch would show as a longer tree.
+TEST_F(Search, ClusteredAndInformativeBuildsPlaceAtCheapestBranches) {
+  std::mt19937 rng(53);
+  const int n = 70;
+  auto parent = parent_from_edges(random_edges(n, rng), n, 2 * n - 2);
+  const auto splits = splits_of(parent, n);
+  std::string m = "xread " + std::to_string(splits.size()) + " " + std::to_string(n) + "\n";
+  for (int t = 0; t < n; ++t) {
+    m += "t" + std::to_string(t) + " ";
+    for (const auto& sp : splits) m += std::binary_search(sp.begin(), sp.end(), t) ? '1' : '0';
+    m += "\n";
+  }
+  run(m + ";");
+  const double perfect = static_cast<double>(splits.size());
+  search::wagner_region_faults = 0;
+  for (const char* opts : {"wcluster 10", "wcluster 4 ias", "ias", "ias 3"}) {
+    std::string out = run(std::string("bbreak:clustersize 3; mult=replic 6 wagner ") + opts + ";");
+    EXPECT_EQ(search::last_best_score, perfect) << opts << "\n" << out;
+    EXPECT_TRUE(has(out, "Best score hit 6 times out of 6.")) << opts << "\n" << out;
+    check_store(perfect);
+  }
+  EXPECT_EQ(search::wagner_region_faults, 0);
+  // Noisy data: the regions still cover their members.
+  run(tree_matrix(random_edges(n, rng), n, 150, rng));
+  run("bbreak:clustersize 3; mult=replic 4 wagner wcluster 8;");
+  EXPECT_EQ(search::wagner_region_faults, 0);
+  search::wagner_region_faults = -1;
+  EXPECT_TRUE(has(run("mult=replic 1 wagner wcluster 10 cas 3;"), "Cannot use selected addseqs together with clusters"));
+  EXPECT_TRUE(has(run("rseed [; mult=replic 1 wagner wcluster 10 ras;"),
+                  "Sorry, wagner trees with node-clusters can't be done with random insertion sequence"));
 }
