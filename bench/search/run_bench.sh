@@ -50,7 +50,8 @@ if [ -n "$dnapars_cmd" ]; then
     awk '/^&\[/{on=1; next} on && /^;/{exit} on && NF==2 {n++; s=$2; gsub(/-/, "?", s); seq[n]=s} \
          END{printf "%d %d\n", n, length(seq[1]); for(i=1;i<=n;i++) printf "T%09d%s\n", i, seq[i]}' "$xr" > "$w/infile"
     t0=$(date +%s.%N)
-    (cd "$w" && printf "Y\n" | $dnapars_cmd >/dev/null 2>&1)
+    # Bounded: the menu program waits for input if the file isn't what it expects.
+    (cd "$w" && printf "Y\n" | timeout 600 $dnapars_cmd >/dev/null 2>&1) || true
     t1=$(date +%s.%N)
     len=$(sed -n 's/.*requires a total of *\([0-9.]*\).*/\1/p' "$w/outfile" | sort -n | head -1)
     printf "%-16s %8s %10.2f\n" "$name" "${len:-?}" "$(echo "$t1 - $t0" | bc -l)"
