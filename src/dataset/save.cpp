@@ -47,12 +47,12 @@ void write_settings(const std::vector<int>& columns) {
   shell::out_append("ccode ");
   for (std::size_t i = 0; i < columns.size(); ++i) {
     const CharacterRecord& r = dataset.chars[columns[i]];
-    std::string spec;
-    if (r.format != format_continuous && r.format != format_landmark) spec += r.additive ? "+" : "-";
-    spec += r.active ? "[" : "]";
-    if (r.format != format_continuous && r.format != format_landmark) spec += r.sankoff ? "(" : ")";
-    spec += "/" + std::to_string(r.weight) + " =" + std::to_string(r.internal_steps);
-    shell::out_append(spec + " " + std::to_string(i) + " ");
+    std::string code;
+    if (r.format != format_continuous && r.format != format_landmark) code += r.additive ? "+" : "-";
+    code += r.active ? "[" : "]";
+    if (r.format != format_continuous && r.format != format_landmark) code += r.sankoff ? "(" : ")";
+    code += "/" + std::to_string(r.weight) + " =" + std::to_string(r.internal_steps);
+    shell::out_append(code + " " + std::to_string(i) + " ");
   }
   shell::out_append(";\n");
   shell::send_line();

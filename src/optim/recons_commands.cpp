@@ -9,6 +9,7 @@
 #include "dataset/dataset.h"
 #include "dataset/lists_bridge.h"
 #include "optim/recons.h"
+#include "optim/reports.h"
 #include "shell/failure.h"
 #include "shell/input.h"
 #include "shell/output.h"
@@ -27,20 +28,6 @@ bool discrete(int c) {
   return r.active && r.weight != 0 && !r.is_continuous;
 }
 
-// Trees named before "/" (all when the list is empty); fails without data or trees.
-std::vector<int> read_tree_part() {
-  qax::dataset::require_data();
-  if (tree_store.ntrees == 0) error_exit("No trees in memory");
-  std::vector<std::uint8_t> flags;
-  int named = 0;
-  const int c = peek_char();
-  if (c != ';' && c != '/') named = qax::trees::read_tree_list(flags, false);
-  std::vector<int> list;
-  for (int k = 0; k < tree_store.ntrees; ++k)
-    if (!named || (k < static_cast<int>(flags.size()) && flags[k] == 1)) list.push_back(k);
-  if (list.empty()) error_exit("No trees specified");
-  return list;
-}
 
 // A state set typed by the user: "?" (any state), "[01]", or symbols of the data format.
 // Returns 0 for "any".
@@ -69,7 +56,7 @@ std::string char_label(int c, int width) {
 void cmd_change() {
   const bool by_tree = accept_char('[');
   const bool by_char = !by_tree && accept_char(']');
-  std::vector<int> trees = read_tree_part();
+  std::vector<int> trees = read_trees_argument();
   if (!accept_char('/')) error_exit("Use change trees / chars. / from to");
   std::vector<std::int8_t> flags;
   qax::dataset::read_character_list(flags, "/");
@@ -156,7 +143,7 @@ void cmd_recons() {
     if (state_width <= 0) error_exit("Expected character name width (width > 0 )");
     if (!accept_char(')')) error_exit("Expected closing parenthesis");
   }
-  std::vector<int> trees = read_tree_part();
+  std::vector<int> trees = read_trees_argument();
   std::vector<int> chars;
   bool skipped = false;
   if (accept_char('/')) {

@@ -103,6 +103,21 @@ void character_steps(const std::vector<int>& parent, std::vector<int>& steps) {
   }
 }
 
+// Trees of "N/L": all trees when no list is given. Fails without data or trees.
+std::vector<int> read_trees_argument() {
+  qax::dataset::require_data();
+  if (tree_store.ntrees == 0) error_exit("No trees in memory");
+  std::vector<std::uint8_t> flags;
+  int named = 0;
+  const int c = peek_char();
+  if (c != ';' && c != '/') named = qax::trees::read_tree_list(flags, false);
+  std::vector<int> list;
+  for (int k = 0; k < tree_store.ntrees; ++k)
+    if (!named || (k < static_cast<int>(flags.size()) && flags[k] == 1)) list.push_back(k);
+  if (list.empty()) error_exit("No trees specified");
+  return list;
+}
+
 namespace {
 
 // Steps of every character on stored tree k; `soft`: polytomies resolved in the best way
@@ -150,20 +165,6 @@ void print_table(const std::vector<int>& items, const std::vector<std::string>& 
   out_line({line});
 }
 
-// Trees of "N/L": all trees when no list is given. Fails without data or trees.
-std::vector<int> read_trees_argument() {
-  qax::dataset::require_data();
-  if (tree_store.ntrees == 0) error_exit("No trees in memory");
-  std::vector<std::uint8_t> flags;
-  int named = 0;
-  const int c = peek_char();
-  if (c != ';' && c != '/') named = qax::trees::read_tree_list(flags, false);
-  std::vector<int> list;
-  for (int k = 0; k < tree_store.ntrees; ++k)
-    if (!named || (k < static_cast<int>(flags.size()) && flags[k] == 1)) list.push_back(k);
-  if (list.empty()) error_exit("No trees specified");
-  return list;
-}
 
 std::vector<int> read_chars_argument() {
   std::vector<int> chars;

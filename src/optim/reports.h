@@ -8,6 +8,10 @@
 
 namespace qax::optim {
 
+// Trees named before "/" in a report command (all trees when none); fails without data,
+// without trees, or when the list names none.
+std::vector<int> read_trees_argument();
+
 // Unweighted steps of every character on a tree given as a parent array (data set numbering),
 // -1 for characters not scored. Needs a current pack (pack_data). Binary trees on the active
 // taxa go through the kernels; others (polytomies, absent taxa) through an exact pass per
