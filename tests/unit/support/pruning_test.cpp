@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/harness.h"
+#include "common/tree_fixtures.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -26,35 +27,18 @@ namespace ds = qax::dataset;
 
 namespace {
 
-using Cluster = std::set<int>;
-using Clusters = std::set<Cluster>;
+using qax::test::random_complete;
 
 void load_taxa(int ntax) {
-  static bool stack_ready = false;
-  if (!stack_ready) {
-    qax::shell::init_input_stack(10, "", false);
-    stack_ready = true;
-  }
-  auto& d = ds::dataset;
-  d.loaded = 1;
-  d.ntax = ntax;
-  d.taxon_names.clear();
-  for (int t = 0; t < ntax; ++t) d.taxon_names.push_back("T" + std::to_string(t));
-  d.taxon_active.assign(ntax, 1);
-  tree_store_clear();
-  tree_store_reset_for(ntax);
-  qax::shell::output_state.silent_flags = 3;
+  qax::test::load_taxa(ntax);
   reset_consensus_settings();
 }
 
-std::vector<std::int32_t> random_complete(int ntax, int poly) {
-  std::vector<int> order;
-  for (int t = 0; t < ntax; ++t) order.push_back(t);
-  for (int i = ntax - 1; i > 0; --i) std::swap(order[i], order[std::rand() % (i + 1)]);
-  std::vector<std::int32_t> tree(2 * ntax - 1);
-  random_tree(tree.data(), ntax, order, poly, ntax);
-  return tree;
-}
+
+using Cluster = std::set<int>;
+using Clusters = std::set<Cluster>;
+
+
 
 // The base tree with `rogue` moved next to a random terminal or node.
 std::vector<std::int32_t> move_taxon(std::vector<std::int32_t> tree, int ntax, int rogue) {

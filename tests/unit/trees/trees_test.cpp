@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "common/harness.h"
+#include "common/tree_fixtures.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -25,34 +26,12 @@ namespace ds = qax::dataset;
 
 namespace {
 
+using qax::test::load_taxa;
+using qax::test::random_complete;
+
 using qax::test::run_qax;
 
-void load_taxa(int ntax) {
-  static bool stack_ready = false;
-  if (!stack_ready) {
-    qax::shell::init_input_stack(10, "", false);
-    stack_ready = true;
-  }
-  auto& d = ds::dataset;
-  d.loaded = 1;
-  d.ntax = ntax;
-  d.taxon_names.clear();
-  for (int t = 0; t < ntax; ++t) d.taxon_names.push_back("T" + std::to_string(t));
-  d.taxon_active.assign(ntax, 1);
-  d.outgroup = 0;
-  tree_store_clear();
-  tree_store_reset_for(ntax);
-  qax::shell::output_state.silent_flags = 3;
-}
 
-std::vector<std::int32_t> random_complete(int ntax, int poly) {
-  std::vector<int> order;
-  for (int t = 0; t < ntax; ++t) order.push_back(t);
-  for (int i = ntax - 1; i > 0; --i) std::swap(order[i], order[std::rand() % (i + 1)]);
-  std::vector<std::int32_t> tree(2 * ntax - 1);
-  random_tree(tree.data(), ntax, order, poly, ntax);
-  return tree;
-}
 
 // Slow reference: the set of clusters (as sorted terminal lists) of a tree.
 std::set<std::vector<int>> clusters(const std::int32_t* tree, int ntax) {
