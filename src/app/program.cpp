@@ -112,6 +112,7 @@ void install_subsystems() {
   install_memory_hooks();
   background_input_end = background_end_of_input;
   qax::trees::install_dataset_links();
+  qax::trees::tree_services = {qax::optim::collapsed_copy, [] { return qax::search::constraint_defs.defined != 0; }, qax::search::tree_violations, qax::optim::ensure_packed, qax::optim::character_steps};
   // Hooks kept in lists are added once per process, however often the program runs.
   static bool lists_filled = false;
   if (lists_filled) return;

@@ -642,15 +642,41 @@ void NexusReader::read_trees_block() {
       if (name.text == "*") name = word();
       if (name.eof) fail("end of file in TREE");
       expect("=");
-      while (peek() >= 0 && peek() <= 32) get();  // a [&R] comment before the tree is kept
+      // With a TRANSLATE table the text is kept as written (a [&R] comment included).
+      // Without one, the tree is rewritten token by token, comments dropped, and each
+      // taxon label takes the form the matrix gave the name, so that 'Homo sapiens'
+      // and Gorilla-gorilla find Homo_sapiens and Gorilla_gorilla.
+      const bool rename = trees_.translate.empty();
+      while (peek() >= 0 && peek() <= 32) get();
       std::size_t start = p_;
-      std::size_t end = p_;
+      std::string tree;
+      bool taxon_place = true, last_word = false;
       while (true) {
         Token w = word();
         if (w.eof) fail("end of file in TREE " + shown(name.text) + " (missing ';')");
-        if (w.text == ";" && !w.quoted) { end = p_; break; }
+        const bool punct = !w.quoted && w.text.size() == 1 && is_punct(w.text[0]);
+        if (punct) {
+          tree += w.text;
+          if (w.text == ";") break;
+          taxon_place = w.text == "(" || w.text == ",";
+          last_word = false;
+          continue;
+        }
+        if (last_word) tree += ' ';
+        if (taxon_place && rename) {
+          tree += xread_taxon_name(w.text);
+        } else if (w.quoted) {
+          tree += '\'';
+          for (char c : w.text) tree += c == '\'' ? std::string("''") : std::string(1, c);
+          tree += '\'';
+        } else {
+          tree += w.text;
+        }
+        taxon_place = false;
+        last_word = true;
       }
-      trees_.trees.emplace_back(name.text, std::string(t_.substr(start, end - start)));
+      if (!rename) tree = std::string(t_.substr(start, p_ - start));
+      trees_.trees.emplace_back(name.text, tree);
     } else {
       skip_command();
     }

@@ -145,6 +145,8 @@ void cmd_taxname() {
     shell::next_char();
     int n = shell::read_int();
     if (n < 1) error_exit("Expected a number after \"taxname +\"");
+    // Names are read into the shell's word buffer, which bounds the length.
+    if (n > shell::token_buffer_size) shell::error_exitf("Taxon names can have at most %i letters", shell::token_buffer_size);
     d.name_length = n;
     if (n > shell::shell_state.name_limit) shell::shell_state.name_limit = n;
     shell::out_text({"Taxon names up to ", std::to_string(n), " letters\n"});

@@ -210,6 +210,13 @@ void total_report(int force) {
   if (soft && concave) error_exit("Cannot do \"soft\" polytomies with \"*\"");
   if (special_and || special_or) error_exit("The \"&\" and \"|\" reports are not available yet");
   std::vector<int> trees = read_trees_argument();
+  // "N/L": only the characters of L count; such partial totals are not stored as tree scores.
+  const bool some_chars = peek_char() == '/';
+  std::vector<std::uint8_t> counted(dataset.nchar, 1);
+  if (some_chars) {
+    counted.assign(dataset.nchar, 0);
+    for (int c : read_chars_argument()) counted[c] = 1;
+  }
   prepare();
   const bool fits = force == 1 || (force == 0 && (implied_settings.implied_on || concave));
   std::vector<std::string> values;
@@ -217,14 +224,15 @@ void total_report(int force) {
   char text[64];
   for (int k : trees) {
     tree_char_steps(k, steps, soft);
+    for (int c = 0; c < dataset.nchar; ++c) if (!counted[c]) steps[c] = -1;
     if (fits) {
       const double f = fit_total(steps, concave);
       std::snprintf(text, sizeof text, "%.5f", f);
-      if (!concave && !soft) tree_store.scores[k] = f;
+      if (!concave && !soft && !some_chars) tree_store.scores[k] = f;
     } else {
       const long long total = weighted_total(steps);
       std::snprintf(text, sizeof text, "%lli", total);
-      if (!soft) tree_store.scores[k] = static_cast<double>(total);
+      if (!soft && !some_chars) tree_store.scores[k] = static_cast<double>(total);
     }
     values.push_back(text);
   }

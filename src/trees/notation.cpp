@@ -235,6 +235,39 @@ void place_word(RawTree& rt, const std::string& word, int node) {
   rt.place(t, node);
 }
 
+// "{ ... }": all the taxa of the taxon groups listed (numbers or beginnings of names)
+// go to `node`; taxa already placed stay where they are. A word matching no group, or
+// only empty groups, is an error.
+void place_taxon_groups(CharSource& src, RawTree& rt, int node) {
+  const int ntax = rt.ntax;
+  const auto& masks = dataset.taxon_groups;
+  const auto& names = dataset.taxon_group_names;
+  for (;;) {
+    int c = src.get_nonblank();
+    if (c == '}') return;
+    if (c == ';' || c == 0) error_exit("Unexpected semicolon within brackets");
+    if (!is_name_char(c)) error_exit("Found allien character within brackets");
+    std::string word(1, static_cast<char>(c));
+    while (is_name_char(c = src.get()) && word.size() < 256) word.push_back(static_cast<char>(c));
+    src.unget();
+    std::uint32_t groups = 0;
+    bool number = std::all_of(word.begin(), word.end(), [](char ch) { return std::isdigit(static_cast<unsigned char>(ch)) != 0; });
+    if (number) {
+      if (word.size() <= 2 && std::stoi(word) < 32) groups = 1u << std::stoi(word);
+    } else {
+      for (int g = 0; g < static_cast<int>(names.size()) && g < 32; ++g)
+        if (!names[g].empty() && ieq_prefix(word, names[g])) groups |= 1u << g;
+    }
+    bool any = false;
+    for (int t = 0; t < ntax && t < static_cast<int>(masks.size()); ++t) {
+      if (!(masks[t] & groups)) continue;
+      any = true;
+      if (rt.anc[t] < 0) rt.anc[t] = node;
+    }
+    if (!any) error_exit({"No taxon group named", word});
+  }
+}
+
 std::string read_tag(CharSource& src) {
   std::string tag;
   for (;;) {
@@ -299,13 +332,8 @@ int read_one_tree(CharSource& src, RawTree& rt) {
       continue;
     }
     if (c == '{') {
-      std::string w;
-      while ((c = src.get()) != '}') {
-        if (c == ';' || c == 0) error_exit("Unexpected semicolon within brackets");
-        if (c > 32 && !is_name_char(c)) error_exit("Found allien character within brackets");
-        if (c > 32) w.push_back(static_cast<char>(c));
-      }
-      error_exit({"No taxon group named", w});
+      place_taxon_groups(src, rt, cur);
+      continue;
     }
     if ((c == '@' || c == '+') && std::isdigit(src.get_nonblank())) {
       src.unget();
@@ -396,6 +424,80 @@ void store_tags(const std::vector<std::int32_t>& tree, const std::vector<std::st
   tree_store.tags = tags;
 }
 
+// Terminals below each node of a tree, restricted to the taxa flagged in `shared`, as
+// bit rows of `words` 64-bit words a node.
+std::vector<std::uint64_t> shared_clusters(const std::int32_t* tree, int ntax, const std::vector<std::uint8_t>& shared,
+                                           int words) {
+  std::vector<std::uint64_t> bits(static_cast<std::size_t>(2 * ntax - 1) * words, 0);
+  for (int t = 0; t < ntax; ++t) {
+    if (!shared[t]) continue;
+    const std::uint64_t bit = 1ull << (t % 64);
+    bits[static_cast<std::size_t>(t) * words + t / 64] |= bit;
+    for (int a = tree[t];; a = tree[a]) {
+      bits[static_cast<std::size_t>(a) * words + t / 64] |= bit;
+      if (a == ntax) break;
+    }
+  }
+  return bits;
+}
+
+// Joins `add` after `into` with the separator; fails when the result is too long.
+void join_tag(std::string& into, const std::string& add) {
+  if (add.empty()) return;
+  if (into.empty()) {
+    into = add;
+    return;
+  }
+  if (tree_store.tag_separator) into.push_back(static_cast<char>(tree_store.tag_separator));
+  into += add;
+  if (static_cast<int>(into.size()) > tag_length)
+    error_exit("Sorry, concatenated tags are too long (change max. with \"taxname+\")");
+}
+
+// tread [: the tags of a new tree go to the present tag tree. On an equal tree each tag is
+// joined to the tag of the same node; otherwise a terminal's tag goes to the same terminal
+// and a group's tag to the smallest group of the tag tree that has the same taxa once the
+// taxa not in both trees are set aside. Tags that find no place are lost. The tag tree is
+// changed only when every join succeeded.
+void add_tags(const std::vector<std::int32_t>& tree, const std::vector<std::string>& tags) {
+  const int ntax = tree_store.ntax;
+  const std::int32_t* old = tree_store.tag_tree.data();
+  std::vector<std::string> joined = tree_store.tags;
+  joined.resize(2 * ntax - 1);
+  if (trees_equal(old, tree.data(), ntax)) {
+    for (int v = 0; v < tree[ntax]; ++v)
+      if (v >= ntax || terminal_present(tree.data(), v, ntax)) join_tag(joined[v], tags[v]);
+    tree_store.tags = joined;
+    return;
+  }
+  std::vector<std::uint8_t> shared(ntax, 0);
+  for (int t = 0; t < ntax; ++t) shared[t] = terminal_present(old, t, ntax) && terminal_present(tree.data(), t, ntax);
+  const int words = (ntax + 63) / 64;
+  auto mine = shared_clusters(tree.data(), ntax, shared, words);
+  auto theirs = shared_clusters(old, ntax, shared, words);
+  std::vector<int> size(old[ntax], 0);  // terminals below each node of the tag tree
+  for (int t = 0; t < ntax; ++t) {
+    if (!terminal_present(old, t, ntax)) continue;
+    for (int a = old[t];; a = old[a]) {
+      ++size[a];
+      if (a == ntax) break;
+    }
+  }
+  for (int t = 0; t < ntax; ++t)
+    if (shared[t]) join_tag(joined[t], tags[t]);
+  for (int v = ntax; v < tree[ntax]; ++v) {
+    if (tags[v].empty()) continue;
+    const std::uint64_t* want = mine.data() + static_cast<std::size_t>(v) * words;
+    int best = -1;
+    for (int u = ntax; u < old[ntax]; ++u)
+      if (std::equal(want, want + words, theirs.data() + static_cast<std::size_t>(u) * words) &&
+          (best < 0 || size[u] < size[best]))
+        best = u;
+    if (best >= 0) join_tag(joined[best], tags[v]);
+  }
+  tree_store.tags = joined;
+}
+
 // Reads trees from src until ';'. Returns the count; first index in *first.
 int read_tread_trees(CharSource& src, int group, int* first) {
   RawTree rt;
@@ -407,7 +509,10 @@ int read_tread_trees(CharSource& src, int group, int* first) {
   for (;;) {
     int end = read_one_tree(src, rt);
     finish_tree(rt, out, rt.any_tag ? &tags : nullptr);
-    if (rt.any_tag) store_tags(out, tags);
+    if (rt.any_tag) {
+      if (tree_store.tag_add && !tree_store.tag_tree.empty()) add_tags(out, tags);
+      else store_tags(out, tags);
+    }
     tree_store_append(out.data(), group);
     ++count;
     if (end != '*') break;
@@ -900,6 +1005,32 @@ void import_newick_file(const std::string& name) {
   out_text({line, "\n"});
 }
 
+namespace {
+
+// "tread [" with an optional separator right after it ("&N": ASCII N; 0 or 1 none), or
+// "tread ]": whether the tags of tree texts join the tags already stored.
+void read_tag_mode(bool add) {
+  auto& s = tree_store;
+  s.tag_add = add ? 1 : 0;
+  if (add) {
+    int d = next_char();
+    if (d == '&') {
+      if (!std::isdigit(peek_char())) error_exit("Give ASCII number for tag separator");
+      int n = read_int();
+      if (n < 0 || n > 255) error_exit("Give ASCII number for tag separator");
+      s.tag_separator = n <= 1 ? 0 : n;
+    } else if (d > 32 && d < 127 && d != ';' && d != '(' && d != '\'' && d != '=' && d != '>' && d != '*' &&
+               !is_name_char(d)) {
+      s.tag_separator = d;
+    } else {
+      unread_char();
+    }
+  }
+  out_text({"When reading tags from parenthetical trees, ", add ? "add" : "don't add", " them to existing tags\n"});
+}
+
+}  // namespace
+
 // --- Commands ------------------------------------------------------------------------
 
 void cmd_tread() {
@@ -907,7 +1038,9 @@ void cmd_tread() {
   int c = peek_char();
   if (c == '[' || c == ']') {
     next_char();
-    error_exit("Reading of tag trees is not available yet");
+    read_tag_mode(c == '[');
+    c = peek_char();
+    if (c == ';') return;
   }
   std::string file = current_frame().name;
   int group = -1;

@@ -51,10 +51,12 @@ void tree_store_clear() {
 void tree_store_reset_for(int ntax) {
   auto& s = tree_store;
   int groups = s.group_capacity;
-  int absincl = s.absincl;
+  int absincl = s.absincl, tag_add = s.tag_add, tag_separator = s.tag_separator;
   s = TreeStore();
   s.group_capacity = groups;
   s.absincl = absincl;
+  s.tag_add = tag_add;
+  s.tag_separator = tag_separator;
   size_groups();
   s.ntax = ntax;
   s.row_size = ntax > 0 ? 2 * ntax - 1 : 0;

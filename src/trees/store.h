@@ -60,7 +60,11 @@ struct TreeStore {
   // Tag tree (labels read with Newick files and tags): one text per node.
   std::vector<std::int32_t> tag_tree;   // parent array the tags belong to, empty: none
   std::vector<std::string> tags;        // per node of tag_tree
+  int tag_add = 0;                      // tread [: tags of a new tree text join the present ones
+  int tag_separator = '\\';             // put between joined tags; 0 none
 };
+
+constexpr int tag_length = 128;          // longest tag text
 
 extern TreeStore tree_store;
 
@@ -144,6 +148,29 @@ void tree_store_reroot_all(int outgroup);
 // at start-up.
 void install_dataset_links();
 
+// --- Services of the higher layers ----------------------------------------------
+// Collapsing, constraints and scoring live above the trees; the program installs them at
+// start-up. A null entry means the service is missing, and the commands that need it fail.
+struct TreeServices {
+  // Collapsed form of a tree under the current rule (rule -1), renumbered canonically.
+  int (*collapsed_copy)(const std::int32_t* tree, std::vector<std::int32_t>& out, int rule) = nullptr;
+  // True when constraints are defined (force).
+  bool (*constraints_defined)() = nullptr;
+  // Number of constraint groups a stored tree violates.
+  int (*violations)(const std::int32_t* tree, int ntax) = nullptr;
+  // Makes the packed matrix current, so that character_steps can be called.
+  void (*prepare_scoring)() = nullptr;
+  // Unweighted steps of each character on a parent array (-1: not scored).
+  void (*character_steps)(const std::vector<int>& parent, std::vector<int>& steps) = nullptr;
+};
+extern TreeServices tree_services;
+
+// Weighted length of stored tree k (fails by error_exit when scoring is not installed);
+// prepare_scoring must have been called in the same command.
+[[nodiscard]] double stored_tree_length(int k);
+// Fails "No constraints defined" (or `message`) unless constraints exist.
+void require_constraints(const char* message);
+
 // --- Tree groups ---------------------------------------------------------------
 // Group for the trees a command makes: "=N" or ">N" first argument, else auto-grouping.
 // Returns the group (-1 none); *add is set for ">N". Wipes the group when not adding.
@@ -157,6 +184,9 @@ void group_wipe(int group);
 // Reads a list of trees (numbers, ranges, groups, "/" the last tree if slash_last),
 // flags sized ntrees. Returns number named.
 int read_tree_list(std::vector<std::uint8_t>& flags, bool slash_last);
+// The selection of one "=N", ">N" or "<N" of tgroup (trees, groups, len=, nod=, siz=,
+// mono, *R, /Z); flags sized ntrees, 1 for the trees selected.
+void read_group_selection(std::vector<std::uint8_t>& flags);
 
 // Commands.
 void cmd_hold();

@@ -1,6 +1,7 @@
 // Commands on the tree store: capacity, selection, counts, duplicates, order, random
 // trees, rooting, the vault and tree groups. Tree lists are read by read_tree_list.
 #include <algorithm>
+#include <cmath>
 #include <cctype>
 #include <cstring>
 #include <numeric>
@@ -33,6 +34,18 @@ bool name_prefix(std::string_view typed, std::string_view name) {
   return true;
 }
 
+// A group name as typed (letters, digits, '_' and '.'), after any blanks.
+std::string read_plain_word() {
+  std::string word;
+  int c = next_nonblank();
+  while ((std::isalnum(c) || c == '_' || c == '.') && word.size() < 200) {
+    word.push_back(static_cast<char>(c));
+    c = next_char();
+  }
+  unread_char();
+  return word;
+}
+
 void mark_group(std::vector<std::uint8_t>& flags, int g, std::uint8_t value) {
   for (int k = 0; k < tree_store.ntrees; ++k)
     if (tree_group_row(k)[g / 32] & (1u << (g % 32))) flags[k] = value;
@@ -54,11 +67,7 @@ void read_group_set(std::vector<std::uint8_t>& flags, std::uint8_t value) {
       if (b >= tree_store.group_capacity) error_exit({"No tree group", number_text(b)});
       for (int g = a; g <= b; ++g) mark_group(flags, g, value);
     } else if (std::isalnum(c) || c == '_') {
-      std::string word;
-      while (std::isalnum(peek_char()) || peek_char() == '_' || peek_char() == '.') {
-        word.push_back(static_cast<char>(next_char()));
-        if (word.size() > 200) break;
-      }
+      std::string word = read_plain_word();
       bool any = false;
       for (int g = tree_store.group_capacity - 1; g >= 0; --g)
         if (tree_store.group_defined[g] && name_prefix(word, tree_store.group_names[g])) {
@@ -345,16 +354,59 @@ std::vector<int> first_equal() {
 
 }  // namespace
 
+TreeServices tree_services;
+
+void require_constraints(const char* message) {
+  if (!tree_services.constraints_defined || !tree_services.violations || !tree_services.constraints_defined())
+    error_exit(message);
+}
+
+double stored_tree_length(int k) {
+  if (!tree_services.character_steps || !tree_services.prepare_scoring) error_exit("Tree lengths cannot be calculated");
+  const std::int32_t* row = tree_row(k);
+  std::vector<int> parent(row, row + tree_store.row_size), steps;
+  tree_services.character_steps(parent, steps);
+  double total = 0;
+  for (int c = 0; c < dataset.nchar && c < static_cast<int>(steps.size()); ++c)
+    if (steps[c] >= 0) total += static_cast<double>(steps[c]) * dataset.chars[c].weight;
+  return total;
+}
+
+// unique [ keeps the trees that fulfil the constraints, unique ] those that violate some.
+static void unique_by_constraints(bool fulfilling) {
+  require_constraints("No constraints defined");
+  const int n = tree_store.ntrees;
+  std::vector<std::uint8_t> keep(n);
+  for (int k = 0; k < n; ++k) {
+    show_progress(k, n, "Checking constraints");
+    keep[k] = (tree_services.violations(tree_row(k), tree_store.ntax) == 0) == fulfilling;
+  }
+  clear_progress();
+  tree_store_compact(keep);
+  out_text({number_text(tree_store.ntrees), " trees retained",
+            fulfilling ? " (all fulfill constraints)" : " (none fulfills constraints)", "\n"});
+}
+
 void cmd_unique() {
   require_data();
   int c = peek_char();
   if (c == '[' || c == ']') {
     next_char();
-    error_exit("No constraints defined");
+    unique_by_constraints(c == '[');
+    return;
   }
   if (c == '*') {
     next_char();
-    error_exit("Collapsing of trees is not available yet");
+    if (!tree_services.collapsed_copy) error_exit("Collapsing of trees is not available");
+    // Condense every tree first (the collapsed form replaces the stored one).
+    std::vector<std::int32_t> out;
+    for (int k = 0; k < tree_store.ntrees; ++k) {
+      show_progress(k, tree_store.ntrees, "Collapsing");
+      if (tree_services.collapsed_copy(tree_row(k), out, -1) > 0)
+        std::memcpy(tree_row(k), out.data(), sizeof(std::int32_t) * tree_store.row_size);
+    }
+    clear_progress();
+    tree_store.trees_changed = 1;
   }
   auto first = first_equal();
   int n = tree_store.ntrees;
@@ -392,19 +444,20 @@ void cmd_sort() {
     else if (is_prefix(w, "mono") == 0) criterion = 3;
     else error_exit({"Wrong argument for \"sort = \":", w});
   }
-  if (criterion == 3) error_exit("Cannot check constraints: no constraints defined!");
+  if (criterion == 3) require_constraints("Cannot check constraints: no constraints defined!");
   int n = tree_store.ntrees, ntax = tree_store.ntax;
   std::vector<double> value(n);
   for (int k = 0; k < n; ++k) {
     show_progress(k, n, criterion == 0 ? "Optimizing" : "Counting");
     value[k] = criterion == 0 ? tree_store.scores[k]
              : criterion == 1 ? tree_group_count(tree_row(k), ntax)
-                              : tree_terminal_count(tree_row(k), ntax);
+             : criterion == 2 ? tree_terminal_count(tree_row(k), ntax)
+                              : tree_services.violations(tree_row(k), ntax);
   }
   clear_progress();
   static const char* same[] = {"trees have the same score", "trees have the same number of nodes",
-                               "trees have the same number of taxa"};
-  static const char* names[] = {"score", "nodes", "size"};
+                               "trees have the same number of taxa", "trees violate the same number of constraints"};
+  static const char* names[] = {"score", "nodes", "size", "mono"};
   if (n == 0 || std::all_of(value.begin(), value.end(), [&](double x) { return x == value[0]; })) {
     out_line({"All", number_text(n), same[criterion]});
     return;
@@ -550,16 +603,72 @@ void tree_store_reroot_all(int outgroup) {
   if (tree_store.ntrees) tree_store.trees_changed = 1;
 }
 
+namespace {
+
+// Terminals below each node as bit rows of `words` 64-bit words (absent terminals none).
+std::vector<std::uint64_t> node_bits(const std::int32_t* tree, int ntax, int words) {
+  std::vector<std::uint64_t> bits(static_cast<std::size_t>(2 * ntax - 1) * words, 0);
+  for (int t = 0; t < ntax; ++t) {
+    if (!terminal_present(tree, t, ntax)) continue;
+    const std::uint64_t bit = 1ull << (t % 64);
+    bits[static_cast<std::size_t>(t) * words + t / 64] |= bit;
+    for (int a = tree[t];; a = tree[a]) {
+      bits[static_cast<std::size_t>(a) * words + t / 64] |= bit;
+      if (a == ntax) break;
+    }
+  }
+  return bits;
+}
+
+// reroot *: the tag tree is re-rooted too. A group that stays a group keeps its tag; one
+// that becomes paraphyletic hands its tag to its complement, the group of the same branch.
+void reroot_tag_tree(int point, bool point_is_node, const std::string& where) {
+  auto& s = tree_store;
+  const int ntax = s.ntax;
+  if (s.tag_tree.empty()) error_exit("No tags to reroot...");
+  std::vector<std::int32_t> tree = s.tag_tree;
+  if (point_is_node ? point >= tree[ntax] : !terminal_present(tree.data(), point, ntax)) {
+    if (point_is_node) error_exitf("Tag-tree does not have a node %i and can't be rerooted", point);
+    error_exitf("Tag-tree does not include taxon %s and can't be rerooted", where.c_str());
+  }
+  const int words = (ntax + 63) / 64;
+  auto before = node_bits(tree.data(), ntax, words);
+  if (!tree_reroot(tree.data(), ntax, point)) error_exitf("Tag-tree does not include taxon %s and can't be rerooted", where.c_str());
+  auto after = node_bits(tree.data(), ntax, words);
+  const std::uint64_t* all = before.data() + static_cast<std::size_t>(ntax) * words;
+  std::vector<std::string> tags(2 * ntax - 1);
+  for (int t = 0; t < ntax; ++t) tags[t] = s.tags[t];
+  tags[ntax] = s.tags[ntax];
+  for (int u = ntax + 1; u < tree[ntax]; ++u) {
+    const std::uint64_t* now = after.data() + static_cast<std::size_t>(u) * words;
+    for (int v = ntax + 1; v < s.tag_tree[ntax] && tags[u].empty(); ++v) {
+      const std::uint64_t* was = before.data() + static_cast<std::size_t>(v) * words;
+      bool same = true, complement = true;
+      for (int w = 0; w < words; ++w) {
+        same = same && now[w] == was[w];
+        complement = complement && now[w] == (all[w] & ~was[w]);
+      }
+      if (same || complement) tags[u] = s.tags[v];
+    }
+  }
+  s.tag_tree = tree;
+  s.tags = tags;
+  if (point_is_node) out_printf("Re-rooted tag-tree on node %i\n", point);
+  else out_text({"Re-rooted tag-tree on ", where, "\n"});
+}
+
+}  // namespace
+
 void cmd_reroot() {
   require_data();
   int ntax = tree_store.ntax;
   bool resolve = false;
   int point = dataset.outgroup;
-  bool point_is_node = false;
+  bool point_is_node = false, with_tags = false;
   for (;;) {
     int c = peek_char();
     if (c == '!') { next_char(); resolve = true; continue; }
-    if (c == '*') { next_char(); continue; }
+    if (c == '*') { next_char(); with_tags = true; continue; }
     if (c == '[') {
       next_char();
       error_exit("The \"[\" option is valid only when taxonomic categories have been defined");
@@ -580,6 +689,12 @@ void cmd_reroot() {
   }
   std::vector<std::uint8_t> flags;
   read_tree_list_or_all(flags, true);
+  if (with_tags) {
+    // The tag tree first: a failure leaves every tree as it was.
+    std::string name = point_is_node || point >= static_cast<int>(dataset.taxon_names.size()) ? number_text(point)
+                                                                                             : dataset.taxon_names[point];
+    reroot_tag_tree(point, point_is_node, name);
+  }
   int done = 0, skipped = 0;
   for (int k = 0; k < tree_store.ntrees; ++k) {
     if (flags[k] != 1) continue;
@@ -681,6 +796,184 @@ void cmd_tvault() {
   error_exit("Unrecognized option for tvault");
 }
 
+namespace {
+
+// One bound of a criterion: value v compared by '=', '>' or '<'; or a range lo-hi.
+struct Bound {
+  char op;
+  double lo, hi;
+};
+
+double read_bound_value(const std::string& after) {
+  int c = peek_char();
+  if (!std::isdigit(c) && c != '.') error_exit({"Expected number after", after});
+  return read_real();
+}
+
+// After len, nod or siz: "=X", ">X", "<X" or "(A-B, C, ...)".
+std::vector<Bound> read_bounds(const std::string& word) {
+  std::vector<Bound> bounds;
+  int c = peek_char();
+  if (c == '=' || c == '>' || c == '<') {
+    next_char();
+    double v = read_bound_value(word + static_cast<char>(c));
+    bounds.push_back({static_cast<char>(c), v, v});
+    return bounds;
+  }
+  if (c != '(') error_exit("Range must be enclosed in parentheses");
+  next_char();
+  for (;;) {
+    double lo = read_bound_value(word + "("), hi = lo;
+    if (accept_char('-')) hi = read_bound_value(word + "(");
+    if (lo > hi) std::swap(lo, hi);
+    bounds.push_back({'(', lo, hi});
+    int d = peek_char();
+    if (d == ')') { next_char(); return bounds; }
+    if (d == ',') { next_char(); continue; }
+    if (d == ';' || d == 0) error_exit("Range must be enclosed in parentheses");
+    error_exit("Ranges must be separated by comma");
+  }
+}
+
+bool within(const std::vector<Bound>& bounds, double v) {
+  for (const Bound& b : bounds) {
+    bool ok = b.op == '=' ? std::abs(v - b.lo) <= score_tolerance
+            : b.op == '>' ? v > b.lo + score_tolerance
+            : b.op == '<' ? v < b.lo - score_tolerance
+                          : v >= b.lo - score_tolerance && v <= b.hi + score_tolerance;
+    if (ok) return true;
+  }
+  return false;
+}
+
+// "[K L M]": members of tree groups, by number or beginning of name.
+void read_bracket_groups(std::vector<std::uint8_t>& flags) {
+  auto& s = tree_store;
+  for (;;) {
+    int c = peek_char();
+    if (c == ']') { next_char(); return; }
+    if (std::isdigit(c)) {
+      int g = read_int();
+      if (g >= s.group_capacity) error_exitf("Can't define more than %i groups", s.group_capacity);
+      mark_group(flags, g, 1);
+      continue;
+    }
+    if (std::isalpha(c) || c == '_') {
+      std::string word = read_plain_word();
+      bool any = false;
+      for (int g = 0; g < s.group_capacity; ++g)
+        if (s.group_defined[g] && name_prefix(word, s.group_names[g])) {
+          mark_group(flags, g, 1);
+          any = true;
+        }
+      if (!any) error_exit({"Name", word, "doesn't match any tree group name"});
+      continue;
+    }
+    next_char();
+    error_exitf("Unexpected %c symbol when reading group", c ? c : ';');
+  }
+}
+
+}  // namespace
+
+// The trees of one "=N", ">N" or "<N" of tgroup: tree numbers and ranges (a range followed
+// by /Z takes every Zth tree; "/" alone is the last tree), members of groups "[K L]" or
+// "{K L}", together the union; with none of these, all trees (no trees when there are no
+// criteria either). Then the criteria narrow it
+// down: len, nod and siz (=X, >X, <X or (A-B, C)), mono (no violated constraint); and *R
+// keeps R of the trees at random.
+void read_group_selection(std::vector<std::uint8_t>& flags) {
+  auto& s = tree_store;
+  const int n = s.ntrees, ntax = s.ntax;
+  std::vector<std::uint8_t> listed(n, 0);
+  bool any_listed = false, any_criterion = false, scored = false;
+  int pick = -1;
+  std::vector<std::uint8_t> pass(n, 1);
+  for (;;) {
+    int c = peek_char();
+    if (c == ';' || c == '=' || c == '>' || c == '<' || c == 0) break;
+    if (std::isdigit(c) || c == '.') {
+      int a = 0, b;
+      if (c != '.') a = read_int();
+      b = a;
+      if (peek_char() == '.') {
+        next_char();
+        b = std::isdigit(peek_char()) ? read_int() : n - 1;
+      }
+      if (a > b) std::swap(a, b);
+      if (b >= n || a < 0) error_exit({"No tree", number_text(b >= n ? b : a)});
+      int step = 1;
+      if (peek_char() == '/') {
+        next_char();
+        if (peek_char() == '-') error_exit("Zap must be > 0");
+        if (!std::isdigit(peek_char())) error_exit({"Expected number after", "/"});
+        step = read_int();
+        if (step <= 0) error_exit("Zap must be > 0");
+      }
+      for (int k = a; k <= b; k += step) listed[k] = 1;
+      any_listed = true;
+      continue;
+    }
+    if (c == '/') {
+      next_char();
+      if (n == 0) error_exit("No trees in memory");
+      listed[n - 1] = 1;
+      any_listed = true;
+      continue;
+    }
+    if (c == '[') { next_char(); read_bracket_groups(listed); any_listed = true; continue; }
+    if (c == '{') { next_char(); read_group_set(listed, 1); any_listed = true; continue; }
+    if (c == '*') {
+      next_char();
+      if (!std::isdigit(peek_char())) error_exit({"Expected number after", "*"});
+      pick = read_int();
+      any_criterion = true;
+      continue;
+    }
+    if (std::isalpha(c)) {
+      std::string word;
+      int d;
+      while (std::isalpha(d = next_char())) word.push_back(static_cast<char>(std::tolower(d)));
+      unread_char();
+      any_criterion = true;
+      if (word == "mono") {
+        require_constraints("Cannot check constraints: no constraints defined!");
+        for (int k = 0; k < n; ++k)
+          if (pass[k] && tree_services.violations(tree_row(k), ntax) != 0) pass[k] = 0;
+        continue;
+      }
+      if (word != "len" && word != "nod" && word != "siz") error_exitf("Unexpected %c symbol when reading group", c);
+      auto bounds = read_bounds(word);
+      if (word == "len" && !scored) {
+        if (!tree_services.prepare_scoring) error_exit("Tree lengths cannot be calculated");
+        tree_services.prepare_scoring();
+        scored = true;
+      }
+      for (int k = 0; k < n; ++k) {
+        if (!pass[k]) continue;
+        double v = word == "len" ? stored_tree_length(k)
+                 : word == "nod" ? tree_group_count(tree_row(k), ntax)
+                                 : tree_terminal_count(tree_row(k), ntax);
+        if (!within(bounds, v)) pass[k] = 0;
+      }
+      continue;
+    }
+    next_char();
+    error_exitf("Unexpected %c symbol when reading group", c);
+  }
+  flags.assign(n, 0);
+  if (!any_listed && !any_criterion) return;  // the group is only defined or named
+  std::vector<int> chosen;
+  for (int k = 0; k < n; ++k)
+    if ((!any_listed || listed[k]) && pass[k]) chosen.push_back(k);
+  if (pick >= 0 && pick < static_cast<int>(chosen.size())) {
+    // A random subset of `pick` trees, kept in tree order.
+    for (int i = 0; i < pick; ++i) std::swap(chosen[i], chosen[i + std::rand() % (chosen.size() - i)]);
+    chosen.resize(pick);
+  }
+  for (int k : chosen) flags[k] = 1;
+}
+
 void cmd_tgroup() {
   auto& s = tree_store;
   int c = peek_char();
@@ -725,6 +1018,18 @@ void cmd_tgroup() {
     return;
   }
   require_data();
+  if (c == '*') {
+    // The definitions as commands that recreate them on the same trees.
+    next_char();
+    for (int g = 0; g < s.group_capacity; ++g) {
+      if (!s.group_defined[g]) continue;
+      std::string line = "tgroup =" + std::to_string(g) + " (" + s.group_names[g] + ")";
+      for (int k = 0; k < s.ntrees; ++k)
+        if (tree_group_row(k)[g / 32] >> (g % 32) & 1u) line += " " + std::to_string(k);
+      out_text({line, ";\n"});
+    }
+    return;
+  }
   if (c == '-') {
     next_char();
     int g = read_int();
@@ -752,7 +1057,7 @@ void cmd_tgroup() {
     }
     if (s.group_names[g].empty()) s.group_names[g] = "Group_" + std::to_string(g);
     std::vector<std::uint8_t> flags;
-    read_tree_list(flags, true);
+    read_group_selection(flags);
     if (c == '=') group_wipe(g);
     int changed = 0;
     for (int k = 0; k < s.ntrees; ++k) {
