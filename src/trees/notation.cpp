@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <ctime>
 
 #include "dataset/dataset.h"
@@ -1073,6 +1074,28 @@ void close_tree_file(bool report) {
 
 namespace {
 
+// A parenthetical tree file ends by closing itself ("proc-;" or "proc/;"); trees appended
+// after that line would never be read, so it is cut off before appending.
+void drop_closing_command(const std::string& name) {
+  std::FILE* f = std::fopen(name.c_str(), "rb");
+  if (!f) return;
+  std::string text;
+  char buf[4096];
+  std::size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+  std::fclose(f);
+  std::size_t end = text.size();
+  while (end > 0 && static_cast<unsigned char>(text[end - 1]) < 33) --end;
+  for (const char* close : {"proc-;", "proc/;"}) {
+    std::size_t len = std::strlen(close);
+    if (end >= len && text.compare(end - len, len, close) == 0) {
+      std::error_code ec;
+      std::filesystem::resize_file(name, end - len, ec);
+      return;
+    }
+  }
+}
+
 void open_tree_file(const std::string& name, bool parenthetical, bool append) {
   if (tree_file.stream) error_exit({"Can't open new file: Tree file", tree_file.name, "is open"});
   require_data();
@@ -1098,6 +1121,7 @@ void open_tree_file(const std::string& name, bool parenthetical, bool append) {
         }
       } else {
         std::fclose(probe);
+        drop_closing_command(name);
       }
     }
   }
