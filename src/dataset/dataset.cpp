@@ -60,7 +60,7 @@ void reset_dataset_state() {
 }
 
 void require_data() {
-  if (!dataset.loaded) shell::error_exit("No data loaded");
+  if (!dataset.loaded) shell::error_exit("Must read data first");
 }
 
 // Symbol tables. Digits and letters are consecutive states in numeric reading; the

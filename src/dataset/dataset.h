@@ -170,7 +170,7 @@ void build_symbol_table(int format, int width);
 void minmax_check();
 // Minimum steps of a nonadditive character over all trees, exact (small set cover).
 int exact_min_steps(const std::uint32_t* cells, int count, std::uint32_t missing);
-// Fails with "No data loaded" style message when no matrix is in memory.
+// Fails with "Must read data first" style message when no matrix is in memory.
 void require_data();
 // Text of a state set in the output alphabet of the character ("[01]", "?", "A").
 std::string state_text(int character, std::uint32_t value);

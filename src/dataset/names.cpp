@@ -248,7 +248,7 @@ void cmd_blocks() {
 void cmd_info() {
   Dataset& d = dataset;
   if (!d.loaded) {
-    shell::out_text({"No data loaded\n"});
+    shell::out_text({"Must read data first\n"});
     return;
   }
   int active = 0, additive = 0, inactive_taxa = 0, weighted = 0, informative = 0;

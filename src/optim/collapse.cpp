@@ -284,7 +284,7 @@ void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, co
   keep.assign(std::max(end, 2 * ntax - 1), 1);
   if (rule < 0) rule = collapse_settings.rule;
   if (rule == collapse_none) return;
-  if (!dataset.loaded) shell::error_exit("No data in memory");
+  if (!dataset.loaded) shell::error_exit("Must read data first");
   ensure_packed();
   if (rule == collapse_rule4 || rule >= collapse_spr) rule = collapse_rule1;
   static CollapseWork w;

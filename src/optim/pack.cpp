@@ -55,7 +55,7 @@ void ensure_packed() {
 
 void pack_data(bool reduced, bool keep_search_state) {
   const Dataset& d = qax::dataset::dataset;
-  if (!d.loaded || d.ntax == 0) qax::shell::error_exit("No data in memory");
+  if (!d.loaded || d.ntax == 0) qax::shell::error_exit("Must read data first");
   Packed& p = packed;
   const int xbit = p.xbit;
   p = Packed{};
