@@ -2,6 +2,7 @@
 // the trees in memory), rseed and subopt.
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -475,6 +476,8 @@ void cmd_rseed() {
     s.seed = n;
   }
   shell_state.random_seed = static_cast<unsigned>(s.seed == 0 ? std::time(nullptr) : s.seed);
+  // Commands outside the search (randtrees, random data) draw from the C generator.
+  std::srand(shell_state.random_seed);
   out_line({"Random seed is", number_text(s.seed)});
   if (s.random_insertion) out_line({"Insertion sequence is random"});
   if (s.random_outgroup) out_line({"Random outgroup in Wagner trees"});
