@@ -558,15 +558,23 @@ void Engine::prepare_targets() {
   targets_ready = true;
 }
 
-void Engine::mark_target(int node, const std::uint32_t* set) {
+// Marks the branch set of `node` as changed (`set`, or null until a join needs it) and
+// returns its block's union for the tree without the clip: on the block's first change, a
+// copy of the union in the tree with the clip, to be widened by the changed sets.
+std::uint32_t* Engine::mark_target(int node, const std::uint32_t* set) {
+  const std::size_t WS = static_cast<std::size_t>(W);
   const int k = pos[node];
   tptr[k] = set;
   dirty_pos.push_back(k);
   const int b = k / block_size;
+  std::uint32_t* un = tunion.data() + b * WS;
   if (!block_mark[b]) {
     block_mark[b] = 1;
     dirty_blocks.push_back(b);
+    std::memcpy(un, sunion.data() + b * WS, sizeof(std::uint32_t) * WS);
+    uptr[b] = un;
   }
+  return un;
 }
 
 void Engine::restore_targets() {
@@ -608,7 +616,16 @@ void Engine::clip_update(int p, int s, int g) {
     while (top) {
       const int v = stack[--top];
       const std::uint64_t mv = umask[v];
-      mark_target(v, nullptr);   // branch set made when a join needs it (lazy_target)
+      // The branch set's changed chunks go to its scratch set now, while the sets are at
+      // hand, and widen the block's union (a wider union only weakens the block test, which
+      // stays a lower bound); lazy_target completes the set if a join needs it.
+      std::uint32_t* un = mark_target(v, nullptr);
+      std::uint32_t* tmp = e2 + v * WS;
+      fitch_mask(L, chunk, mv, D(v), u2 + v * WS, tmp, tmp);
+      for (std::uint64_t mm = mv; mm; mm &= mm - 1) {
+        const int lo = __builtin_ctzll(mm) * chunk, hi = std::min(W, lo + chunk);
+        for (int w = lo; w < hi; ++w) un[w] |= tmp[w];
+      }
       if (v < nt) continue;
       const int a = left[v], b = right[v];
       if ((umask[a] = fitch_mask(L, chunk, mv, u2 + v * WS, D(b), u2 + a * WS, U(a)))) stack[top++] = a;
@@ -634,7 +651,7 @@ void Engine::clip_update(int p, int s, int g) {
     const int pc = path[k], v = anc[pc];
     const std::uint32_t* pcd = down2.data() + pc * WS;
     fitch_sets(L, pcd, U(pc), e2 + pc * WS);
-    mark_target(pc, e2 + pc * WS);
+    union_sets(W, e2 + pc * WS, mark_target(pc, e2 + pc * WS));
     if (v == nt) continue;   // the other side is terminal 0, not a target
     const int oc = left[v] == pc ? right[v] : left[v];
     follow(oc, U(v), pcd, umask[pc]);
@@ -647,38 +664,19 @@ void Engine::clip_update(int p, int s, int g) {
     follow(s, U(g), D(q), all);
     follow(q, U(g), D(s), all);
   }
-  // Block unions: the block's union in the tree with the clip, widened by the changed
-  // sets. A wider union only weakens the block test, which stays a lower bound.
-  for (int b : dirty_blocks) {
-    std::uint32_t* un = tunion.data() + b * WS;
-    std::memcpy(un, sunion.data() + b * WS, sizeof(std::uint32_t) * WS);
-    uptr[b] = un;
-  }
-  for (int k : dirty_pos) {
-    std::uint32_t* un = tunion.data() + (k / block_size) * WS;
-    if (tptr[k]) {
-      union_sets(W, tptr[k], un);
-      continue;
-    }
-    // Not made yet: it differs from E (already in the union) only in the changed chunks,
-    // which are made here in a scratch set and added.
-    const int v = pre[k];
-    const std::uint64_t mv = umask[v];
-    std::uint32_t* tmp = chunk_scratch.data();
-    fitch_mask(L, chunk, mv, D(v), u2 + v * WS, tmp, tmp);
-    for (std::uint64_t m = mv; m; m &= m - 1) {
-      const int lo = __builtin_ctzll(m) * chunk, hi = std::min(W, lo + chunk);
-      for (int w = lo; w < hi; ++w) un[w] |= tmp[w];
-    }
-  }
 }
 
 const std::uint32_t* Engine::lazy_target(int k) {
   const std::size_t WS = static_cast<std::size_t>(W);
   const int v = pre[k];
   std::uint32_t* e2 = tgt.data() + v * WS;
-  std::memcpy(e2, E(v), sizeof(std::uint32_t) * WS);
-  fitch_mask(packed.layout, chunk_words, umask[v], D(v), up2.data() + v * WS, e2, e2);
+  // The changed chunks were made by clip_update; the others are those of the tree.
+  const std::uint32_t* e = E(v);
+  const std::uint64_t keep = full_mask & ~umask[v];
+  for (std::uint64_t m = keep; m; m &= m - 1) {
+    const int lo = __builtin_ctzll(m) * chunk_words, hi = std::min(W, lo + chunk_words);
+    std::memcpy(e2 + lo, e + lo, sizeof(std::uint32_t) * (hi - lo));
+  }
   tptr[k] = e2;
   return e2;
 }

@@ -93,7 +93,7 @@ struct Engine {
  private:
   void order_fields();                            // most variable characters first (equal weights)
   void prepare_targets();                         // pre/pos/span/sunion/tptr/uptr
-  void mark_target(int node, const std::uint32_t* set);
+  std::uint32_t* mark_target(int node, const std::uint32_t* set);   // block union to widen
   void clip_update(int p, int s, int g);          // sets of the tree without the clip
   void restore_targets();
   const std::uint32_t* lazy_target(int k);        // makes the branch set of position k
