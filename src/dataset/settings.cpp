@@ -123,7 +123,7 @@ void cmd_ccode() {
     return;
   }
   shell::unread_char();
-  CcodeSpec spec;
+  CcodeSpec change;
   std::vector<std::int8_t> flags;
   for (;;) {
     c = shell::next_nonblank();
@@ -132,29 +132,29 @@ void cmd_ccode() {
         shell::unread_char();
         minmax_check();
         return;
-      case '+': spec.additive = 1; spec.sankoff = 0; break;
-      case '-': spec.additive = 0; spec.sankoff = 0; break;
-      case '[': spec.active = 1; break;
-      case ']': spec.active = 0; break;
+      case '+': change.additive = 1; change.sankoff = 0; break;
+      case '-': change.additive = 0; change.sankoff = 0; break;
+      case '[': change.active = 1; break;
+      case ']': change.active = 0; break;
       case '(':
       case '~':
         error_exit("Sankoff characters have been disabled (use \"cost >;\" to enable)");
-      case ')': spec.sankoff = 0; break;
+      case ')': change.sankoff = 0; break;
       case '/': {
         int w = shell::read_int();
         if (w < 0) w = 1;
         if (w < 1 || w > 1000) error_exit("Error in ccode: can't give weight");
-        spec.weight = w;
+        change.weight = w;
         break;
       }
       case '=': {
         int n = shell::read_int();
         if (n < 0) n = 0;
         if (n > 100) error_exit("Internal steps can be set to a maximum of 100");
-        spec.steps = n;
+        change.steps = n;
         break;
       }
-      case '*': spec = CcodeSpec(); break;
+      case '*': change = CcodeSpec(); break;
       case '^': {
         int n = shell::read_int();
         if (n < 0) error_exit("Expected a complex number after \"^\" symbol");
@@ -162,13 +162,13 @@ void cmd_ccode() {
       }
       case '@':
         select_block(flags);
-        apply_spec(spec, flags);
+        apply_spec(change, flags);
         break;
       default:
         if (std::isdigit(c) || c == '.' || c == '{' || std::isalpha(c) || c == '_') {
           shell::unread_char();
           read_character_list(flags, "+-[]()~*/=^@");
-          apply_spec(spec, flags);
+          apply_spec(change, flags);
         } else {
           error_exit("Error in ccode: illegal character found");
         }
