@@ -100,7 +100,8 @@ void finish_tree(RawTree& rt, std::vector<std::int32_t>& out, std::vector<std::s
     // Fewer than two terminals: a bush of all taxa.
     for (int t = 0; t < ntax; ++t) out[t] = ntax;
     out[ntax] = ntax + 1;
-    if (out_tags) out_tags->clear();
+    // A bush keeps no tags, but the tag vector still has a cell for every node.
+    if (out_tags) out_tags->assign(n, std::string());
     return;
   }
   if (tree_store.absincl && placed < ntax) {
@@ -460,8 +461,10 @@ void join_tag(std::string& into, const std::string& add) {
 // and a group's tag to the smallest group of the tag tree that has the same taxa once the
 // taxa not in both trees are set aside. Tags that find no place are lost. The tag tree is
 // changed only when every join succeeded.
-void add_tags(const std::vector<std::int32_t>& tree, const std::vector<std::string>& tags) {
+void add_tags(const std::vector<std::int32_t>& tree, const std::vector<std::string>& given) {
   const int ntax = tree_store.ntax;
+  std::vector<std::string> tags = given;
+  tags.resize(2 * ntax - 1);
   const std::int32_t* old = tree_store.tag_tree.data();
   std::vector<std::string> joined = tree_store.tags;
   joined.resize(2 * ntax - 1);

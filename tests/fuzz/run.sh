@@ -16,5 +16,5 @@ for f in "$root"/tests/data/*.nex "$root"/tests/data/*.fasta "$root"/tests/e2e/i
   [ -e "$f" ] && [ "$(stat -c %s "$f")" -le 20000 ] && cp "$f" "$out/corpus/" || true
 done
 cd "$out"
-./import_fuzz -max_total_time="$seconds" -max_len=8192 -timeout=10 -rss_limit_mb=2048 \
+./import_fuzz -seed="${FUZZ_SEED:-0}" ${FUZZ_RUNS:+-runs=$FUZZ_RUNS} -max_total_time="$seconds" -max_len=8192 -timeout=10 -rss_limit_mb=2048 \
   -print_final_stats=1 corpus 2>&1 | tail -n 15

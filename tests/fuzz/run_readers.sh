@@ -17,5 +17,5 @@ done
 printf '\001(a (b (c d)));' > "$out/corpus/t1"
 printf '\002((a,b),(c,d));' > "$out/corpus/t2"
 cd "$out"
-./readers_fuzz -max_total_time="$seconds" -max_len=8192 -timeout=10 -rss_limit_mb=2048 \
+./readers_fuzz -seed="${FUZZ_SEED:-0}" ${FUZZ_RUNS:+-runs=$FUZZ_RUNS} -max_total_time="$seconds" -max_len=8192 -timeout=10 -rss_limit_mb=2048 \
   -print_final_stats=1 corpus 2>&1 | tail -n 15
