@@ -98,7 +98,7 @@ const CommandRecord command_records[] = {
     {"quote", cmd_quote, 0, topic_output | topic_various},
     {"quit", cmd_exit, 0, topic_various},
     {"randtrees", qax::trees::cmd_randtrees, 1, topic_various | topic_trees},
-    {"ratchet", cmd_not_available, 1, topic_searching},
+    {"ratchet", qax::search::cmd_ratchet, 1, topic_searching},
     {"rcompl", cmd_not_available, 1, topic_diagnosis},
     {"rdir", cmd_rdir, 0, topic_settings},
     {"rebuild", cmd_not_available, 1, topic_searching},

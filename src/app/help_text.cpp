@@ -249,8 +249,9 @@ const HelpEntry help_entries[] = {
     {"randtrees",
      "randtrees N J K;  N random trees, polytomy probability J, up to K-furcations"},
     {"ratchet",
-     "ratchet [ = options ];  ratchet: swapping under perturbed weights\n"
-     "Options: iter N, upfact N, downfact N, numsubs N\n"
+     "ratchet [ = options ];  ratchet from the best tree in memory: perturbed weights, then TBR\n"
+     "Options: iter N, numsubs N, upfact N, downfact N, [no]equals, giveup N, [no]tradrat,\n"
+     "findscore N\n"
      "ratchet: options;  set options only;  ratchet:;  report settings"},
     {"rcompl",
      "rcompl [ list ];  taxa compatible with / removed from groups"},

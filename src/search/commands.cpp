@@ -24,8 +24,6 @@ namespace qax::search {
 using namespace qax::shell;
 using qax::trees::tree_store;
 
-namespace {
-
 // Number after an option, or `missing` when none follows.
 int option_number(int missing) {
   int c = peek_char();
@@ -33,14 +31,6 @@ int option_number(int missing) {
   return read_int();
 }
 
-void set_sequence(int kind, int look) {
-  auto& s = search_settings;
-  s.sequence_kind = kind;
-  s.lookahead = look;
-  s.ias_lookahead = 0;
-}
-
-// One option of mult; false when the word is not a mult option.
 // An option word: letters only, so that a number may follow it directly ("ho1" is
 // "hold 1"). Anything else where a word should start is read as one token for the message.
 std::string read_option_word() {
@@ -52,6 +42,16 @@ std::string read_option_word() {
   return token_buffer;
 }
 
+namespace {
+
+void set_sequence(int kind, int look) {
+  auto& s = search_settings;
+  s.sequence_kind = kind;
+  s.lookahead = look;
+  s.ias_lookahead = 0;
+}
+
+// One option of mult; false when the word is not a mult option.
 bool mult_option(const char* w, int* run_replications) {
   auto& s = search_settings;
   if (is_prefix(w, "replications") == 0) {
@@ -75,7 +75,7 @@ bool mult_option(const char* w, int* run_replications) {
   } else if (is_prefix(w, "noratchet") == 0) {
     s.ratchet = 0;
   } else if (is_prefix(w, "drift") == 0) {
-    s.drift = 1;
+    error_exit("Drift is not available in this version");
   } else if (is_prefix(w, "nodrift") == 0) {
     s.drift = 0;
   } else if (is_prefix(w, "keepall") == 0) {
@@ -116,6 +116,7 @@ void print_mult_settings() {
                     : s.sequence_kind == sequence_closest ? "cas" : s.sequence_kind == sequence_furthest ? "fas" : "sas";
   out_printf("     * addition sequence: %s\n", seq);
   out_printf("     * keep trees of all replications: %s\n", on_off(s.keepall));
+  if (s.ratchet) out_printf("     * ratchet after each replication (%i iterations)\n", ratchet_settings.iterations);
   if (s.wcluster) out_printf("     * node clusters from %i taxa on\n", s.wcluster);
   else out_printf("     * no node clusters\n");
 }
@@ -184,34 +185,17 @@ struct SeedSource {
   }
 };
 
+}  // namespace
+
 std::uint32_t command_seed() {
   int s = search_settings.seed;
   return s == 0 ? static_cast<std::uint32_t>(std::time(nullptr)) : static_cast<std::uint32_t>(s);
 }
 
-void prepare() {
-  qax::trees::require_data();
-  // Packed afresh: settings and data may have changed since the last pack.
-  optim::pack_data();
-  engine_refresh();
-  if (optim::packed.nterm < 4) error_exit("Need at least 4 active taxa to search");
-  rearrangements_examined = Rearrangements{};
-  replacements_done = 0;
-}
-
-void tag_trees(const char* name) {
-  int g = qax::trees::take_auto_group(name);
-  if (g < 0) return;
-  for (int k = 0; k < tree_store.ntrees; ++k) qax::trees::group_set_bit(k, g);
-}
-
-struct SearchRunning {
-  SearchRunning() { shell_state.search_running = 1; shell_state.stop_search_flag = 0; }
-  ~SearchRunning() { shell_state.search_running = 0; }
-};
+namespace {
 
 void run_mult(int replications) {
-  prepare();
+  search_prepare();
   const auto& s = search_settings;
   SearchRunning running;
   tree_store.ntrees = 0;
@@ -245,8 +229,17 @@ void run_mult(int replications) {
     if (shell_state.stop_search_flag) break;
     const int limit = std::min(tree_store.ntrees + std::max(s.hold, 1), tree_store.maxtrees);
     const int first = tree_store.ntrees;
-    if (s.swapper == swapper_none) {
+    if (s.swapper == swapper_none && !s.ratchet) {
       store_add(tree, score);
+    } else if (s.ratchet) {
+      // One TBR pass on the Wagner tree, then the ratchet from it; the trees of the
+      // replication's best score are kept, up to `hold`.
+      const std::uint32_t ratchet_seed = seeds.next();
+      if (!(s.skipspr && s.hold <= 1)) score = swap_spr(tree, first, 0, limit);
+      if (!shell_state.stop_search_flag) score = swap_tbr(tree, first, 0, limit);
+      store_add(tree, score);
+      if (!shell_state.stop_search_flag)
+        score = ratchet_run(tree, ratchet_seed, first, limit, ratchet_settings.iterations, nullptr);
     } else {
       bool spr_done = false;
       if (!(s.skipspr && s.hold <= 1) || (s.swapper == swapper_spr && s.hold == 1) || s.swapper == swapper_spr) {
@@ -301,12 +294,12 @@ void run_mult(int replications) {
   } else {
     out_printf("Completed %i random addition sequences.\n", done);
   }
-  if (s.swapper != swapper_none)
+  if (s.swapper != swapper_none || s.ratchet)
     out_printf("Total rearrangements examined: %s.\n", number_text(static_cast<long long>(rearrangements_examined.total())).c_str());
   if (constraint_allows) out_printf("Constraints enforced during search.\n");
   if (s.limit > 0) out_printf("Note: TBR limited to moves within %i nodes of original position.\n", s.limit);
   if (!s.keepall && best >= 0) store_discard_above(0, best + s.suboptimal, -1);
-  tag_trees("random_addseqs");
+  tag_search_trees("random_addseqs");
   last_best_score = best;
   last_hits = hits;
   out_printf("Best score hit %i times out of %i%s.\nBest score%s %s.  %i trees retained.\n", hits, done,
@@ -319,7 +312,7 @@ void run_mult(int replications) {
 void run_bbreak() {
   qax::trees::require_data();
   if (tree_store.ntrees == 0) error_exit("No trees to swap");
-  prepare();
+  search_prepare();
   const auto& s = search_settings;
   SearchRunning running;
   const bool tbr = s.bb_swapper != swapper_spr;
@@ -381,7 +374,7 @@ void run_bbreak() {
   best = -1;
   for (int k = 0; k < tree_store.ntrees; ++k)
     if (best < 0 || tree_store.scores[k] < best) best = tree_store.scores[k];
-  tag_trees(tbr ? "tbr_swapping" : "spr_swapping");
+  tag_search_trees(tbr ? "tbr_swapping" : "spr_swapping");
   last_best_score = best;
   out_printf("Best score %s %s", tbr ? "(TBR):" : "(SPR):", search_score_text(best).c_str());
   if (s.suboptimal > 0) out_printf("-%s", search_score_text(best + s.suboptimal).c_str());
@@ -393,6 +386,28 @@ void run_bbreak() {
 }
 
 }  // namespace
+
+void search_prepare() {
+  qax::trees::require_data();
+  // Packed afresh: settings and data may have changed since the last pack.
+  optim::pack_data();
+  engine_refresh();
+  if (optim::packed.nterm < 4) error_exit("Need at least 4 active taxa to search");
+  rearrangements_examined = Rearrangements{};
+  replacements_done = 0;
+}
+
+void tag_search_trees(const char* name) {
+  int g = qax::trees::take_auto_group(name);
+  if (g < 0) return;
+  for (int k = 0; k < tree_store.ntrees; ++k) qax::trees::group_set_bit(k, g);
+}
+
+SearchRunning::SearchRunning() {
+  shell_state.search_running = 1;
+  shell_state.stop_search_flag = 0;
+}
+SearchRunning::~SearchRunning() { shell_state.search_running = 0; }
 
 void cmd_mult() {
   int c = peek_char();

@@ -37,6 +37,20 @@ double swap_spr_slot(std::vector<std::int32_t>& parent, int first, int mode, int
 // under clusters checks that every region's union covers its members' branch sets, and
 // that every branch has a region, adding 1 here for each failure.
 extern int wagner_region_faults;
+// Shared by the search commands: option numbers and words, the packing and counters at the
+// start of a search, the seed of a command (time when the seed is 0), group tags of the
+// trees found, and the "search running" mark for interrupts.
+int option_number(int missing);
+std::string read_option_word();
+void search_prepare();
+std::uint32_t command_seed();
+void tag_search_trees(const char* name);
+struct SearchRunning {
+  SearchRunning();
+  ~SearchRunning();
+  SearchRunning(const SearchRunning&) = delete;
+  SearchRunning& operator=(const SearchRunning&) = delete;
+};
 // Score as printed: whole numbers without decimals.
 std::string search_score_text(double s);
 }  // namespace qax::search

@@ -47,6 +47,21 @@ struct SearchSettings {
 
 extern SearchSettings search_settings;
 
+// Settings of the ratchet: perturbations of character weights between TBR searches.
+struct RatchetSettings {
+  int iterations = 50;          // iterations of a run
+  int numsubs = 40;             // moves made under perturbed weights
+  int upfactor = 4;             // percent chance of doubling a character's weight
+  int downfactor = 4;           // percent chance of setting it to 0
+  int equals = 1;               // every third iteration perturbs under the initial weights
+  int giveup = 99;              // percent of a pass of clips after which a perturbation stops
+  int tradrat = 0;              // perturb by a whole TBR search under the perturbed weights
+  int findscore = 0;            // stop at this score or better (0: never)
+  int fusefreq = 0;             // fusing is not built: always 0
+  int dumpfuse = 1;             // kept for the settings report
+};
+extern RatchetSettings ratchet_settings;
+
 // Counters of the swappers, reset by each search command.
 struct Rearrangements {
   std::uint32_t units = 0;      // kept below 1000000000
@@ -89,6 +104,19 @@ double wagner_build(std::vector<std::int32_t>& parent_array, std::uint32_t seed)
 double swap_tbr(std::vector<std::int32_t>& parent_array, int first, int mode, int limit);
 double swap_spr(std::vector<std::int32_t>& parent_array, int first, int mode, int limit);
 
+// A pass of TBR that takes one move of each clip (better or equal under the weights in
+// force) and stops after `moves` moves, or when `giveup` percent of the clips are done.
+// Returns the score under the weights in force.
+double swap_perturb(std::vector<std::int32_t>& parent_array, int moves, int giveup);
+
+// Ratchet from the tree in parent_array: `iterations` cycles of perturbation and TBR under
+// the initial weights. With first >= 0 the trees of best score go into the store from
+// `first` on, up to `limit` trees, and each cycle starts from the best tree so far; with
+// first < 0 nothing is stored and each cycle goes on from the tree of the last. The best
+// tree is left in parent_array; returns its score. Weights are restored on every exit.
+double ratchet_run(std::vector<std::int32_t>& parent_array, std::uint32_t seed, int first, int limit,
+                   int iterations, int* iterations_done);
+
 // Start-up values of settings and counters.
 void reset_search_state();
 
@@ -97,5 +125,6 @@ void cmd_mult();
 void cmd_bbreak();
 void cmd_rseed();
 void cmd_subopt();
+void cmd_ratchet();
 
 }  // namespace qax::search

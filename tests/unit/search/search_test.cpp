@@ -29,8 +29,10 @@
 #include "shell/output.h"
 #include "shell/state.h"
 #include "trees/store.h"
+#include "common/slow_length.h"
 
 using namespace qax;
+using qax::test::slow_length;
 namespace ds = qax::dataset;
 
 namespace {
@@ -65,50 +67,6 @@ std::string run(const std::string& text) {
 }
 
 bool has(const std::string& out, const std::string& piece) { return out.find(piece) != std::string::npos; }
-
-// ---- slow reference scorer ------------------------------------------------------------
-// Fitch (unordered) or interval (additive) steps of every character on a parent array.
-int slow_length(const std::int32_t* parent) {
-  const ds::Dataset& d = ds::dataset;
-  const int ntax = d.ntax;
-  const int end = parent[ntax];
-  std::vector<std::vector<int>> kids(end);
-  for (int n = 0; n < end; ++n)
-    if (n != ntax && !(n < ntax && parent[n] < ntax)) kids[parent[n]].push_back(n);
-  int total = 0;
-  for (int c = 0; c < d.nchar; ++c) {
-    if (!d.chars[c].active) continue;
-    const bool add = d.chars[c].additive;
-    int steps = 0;
-    std::function<void(int, std::uint32_t&, int&, int&)> go = [&](int node, std::uint32_t& set, int& lo, int& hi) {
-      if (node < ntax) {
-        std::uint32_t v = d.cell(node, c);
-        if (v == d.missing_value() || v == 0) v = ~0u;
-        set = v;
-        lo = v == ~0u ? 0 : std::countr_zero(v);
-        hi = v == ~0u ? 31 : 31 - std::countl_zero(v);
-        return;
-      }
-      bool first = true;
-      for (int k : kids[node]) {
-        std::uint32_t s;
-        int l, h;
-        go(k, s, l, h);
-        if (first) { set = s; lo = l; hi = h; first = false; continue; }
-        if (!add) {
-          if (set & s) set &= s; else { set |= s; ++steps; }
-        } else if (h < lo) { steps += lo - h; int nl = h; hi = lo; lo = nl; }
-        else if (l > hi) { steps += l - hi; int nh = l; lo = hi; hi = nh; }
-        else { lo = std::max(lo, l); hi = std::min(hi, h); }
-      }
-    };
-    std::uint32_t s;
-    int l, h;
-    go(ntax, s, l, h);
-    total += steps * std::max(1, static_cast<int>(d.chars[c].weight));
-  }
-  return total;
-}
 
 // Splits of a parent array: for each inner node below the root, its taxa as a sorted list,
 // taken on the side without taxon 0; the root is on taxon 0, so this is the unrooted tree.
