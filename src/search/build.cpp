@@ -27,7 +27,6 @@ int search_status_code = 0;
 double last_best_score = -1.0;
 int last_hits = 0;
 CandidateTestFn constraint_allows = nullptr;
-CollapseFn collapse_before_store = nullptr;
 int wagner_region_faults = -1;
 
 namespace {

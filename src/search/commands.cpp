@@ -248,7 +248,7 @@ void run_mult(int replications) {
       }
       if (shell_state.stop_search_flag) { store_add(tree, score); ++done; break; }
       if (s.hold <= 1) {
-        if (store_find(tree) < 0) {
+        if (store_find(tree, score) < 0) {
           if (s.swapper == swapper_tbr) score = swap_tbr(tree, first, spr_done ? -1 : 0, limit);
           store_add(tree, score);
         }

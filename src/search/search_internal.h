@@ -17,10 +17,12 @@ void engine_refresh();
 
 // Duplicate table over the rows of the tree store; rebuilt from the store by store_begin.
 void store_begin();
+// Trees are compared as collapsed under the collapsing rule in force (rule 0: as they
+// are); under rule 1 and stricter rules a duplicate must also have the same score.
 // Index of a stored tree equal to `tree` (canonical), -1 none.
-int store_find(const std::vector<std::int32_t>& tree);
-// Stores the tree (collapsing first when a collapse hook is set) unless a duplicate is
-// present; returns the row or -1 for a duplicate.
+int store_find(const std::vector<std::int32_t>& tree, double score);
+// Stores the tree, binary as it is, unless a duplicate is present; returns the row or -1
+// for a duplicate.
 int store_add(std::vector<std::int32_t>& tree, double score);
 // Drops rows from `first` on whose score is above `bound`, keeping order; returns the new
 // index of row `keep` (-1 when dropped).

@@ -79,14 +79,10 @@ extern int search_status_code;            // 0 Wagner, 1 SPR, 2 TBR
 extern double last_best_score;            // best score of the last search (macros)
 extern int last_hits;                     // hits of the last mult
 
-// Hooks for constraints and collapsing, null when not in force.
+// Hook for constraints, null when not in force.
 // A candidate move (clip node, rerooting node, target node) in engine numbering; 0 refuses it.
 using CandidateTestFn = int (*)(int clip, int reroot, int target);
 extern CandidateTestFn constraint_allows;
-// Applied to a tree (data set numbering, 2*ntax-1 cells) before it is stored: collapses
-// zero-length branches in place. Null stores binary trees as they are.
-using CollapseFn = void (*)(std::int32_t* tree);
-extern CollapseFn collapse_before_store;
 
 // Random numbers: a 31-bit generator under `seed`, reproducible across platforms.
 void set_random_seed(std::uint32_t seed) noexcept;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <unordered_map>
 
+#include "optim/collapse.h"
 #include "optim/kernels.h"
 #include "search/constraints.h"
 #include "search/search_internal.h"
@@ -22,7 +23,11 @@ using qax::trees::tree_store;
 
 namespace {
 
-std::unordered_multimap<std::uint64_t, int> seen;   // hash of a stored row -> row
+// Duplicates are found on the trees as collapsed under the collapsing rule in force, so
+// that trees differing only in unsupported branches count once; the rows themselves stay
+// binary, ready for swapping. keys[k] is the collapsed form of row k.
+std::unordered_multimap<std::uint64_t, int> seen;   // hash of a key -> row
+std::vector<std::vector<std::int32_t>> keys;
 
 std::uint64_t row_hash(const std::int32_t* row, int cells) {
   std::uint64_t h = 1469598103934665603ull;
@@ -30,34 +35,51 @@ std::uint64_t row_hash(const std::int32_t* row, int cells) {
   return h;
 }
 
+void make_key(const std::int32_t* tree, std::vector<std::int32_t>& key) {
+  optim::collapsed_copy(tree, key);
+}
+
+// With collapsing, two trees of different score may become one; such trees are not
+// duplicates as long as both are kept (the worse one goes when the search discards).
+bool same_tree(int k, const std::vector<std::int32_t>& key, double score) {
+  if (k >= tree_store.ntrees || keys[k] != key) return false;
+  return optim::collapse_settings.rule < optim::collapse_rule1 || std::fabs(tree_store.scores[k] - score) < 1e-8;
+}
+
+int find_key(const std::vector<std::int32_t>& key, double score) {
+  auto range = seen.equal_range(row_hash(key.data(), static_cast<int>(key.size())));
+  for (auto it = range.first; it != range.second; ++it)
+    if (same_tree(it->second, key, score)) return it->second;
+  return -1;
+}
+
+std::vector<std::int32_t> key_scratch;
+
 }  // namespace
 
 void store_begin() {
   seen.clear();
-  for (int k = 0; k < tree_store.ntrees; ++k) seen.emplace(row_hash(trees::tree_row(k), tree_store.row_size), k);
+  keys.resize(tree_store.ntrees);
+  for (int k = 0; k < tree_store.ntrees; ++k) {
+    make_key(trees::tree_row(k), keys[k]);
+    seen.emplace(row_hash(keys[k].data(), static_cast<int>(keys[k].size())), k);
+  }
 }
 
-int store_find(const std::vector<std::int32_t>& tree) {
-  const int cells = tree_store.row_size;
-  auto range = seen.equal_range(row_hash(tree.data(), cells));
-  for (auto it = range.first; it != range.second; ++it) {
-    const int k = it->second;
-    if (k < tree_store.ntrees && std::memcmp(trees::tree_row(k), tree.data(), sizeof(std::int32_t) * cells) == 0)
-      return k;
-  }
-  return -1;
+int store_find(const std::vector<std::int32_t>& tree, double score) {
+  make_key(tree.data(), key_scratch);
+  return find_key(key_scratch, score);
 }
 
 int store_add(std::vector<std::int32_t>& tree, double score) {
-  if (collapse_before_store) {
-    collapse_before_store(tree.data());
-    trees::reset_node_numbers(tree.data(), tree_store.ntax);
-  }
-  if (store_find(tree) >= 0) return -1;
+  make_key(tree.data(), key_scratch);
+  if (find_key(key_scratch, score) >= 0) return -1;
   const int k = trees::tree_store_add(-1, false);
   std::memcpy(trees::tree_row(k), tree.data(), sizeof(std::int32_t) * tree_store.row_size);
   tree_store.scores[k] = score;
-  seen.emplace(row_hash(tree.data(), tree_store.row_size), k);
+  if (static_cast<int>(keys.size()) <= k) keys.resize(k + 1);
+  keys[k] = key_scratch;
+  seen.emplace(row_hash(key_scratch.data(), static_cast<int>(key_scratch.size())), k);
   return k;
 }
 
@@ -73,8 +95,18 @@ int store_discard_above(int first, double bound, int keep) {
     }
   }
   if (new_keep >= 0) new_keep -= dropped_before;
+  // The keys follow the rows, so the table is rebuilt without collapsing anything again.
+  int to = 0;
+  keys.resize(tree_store.ntrees);
+  for (int k = 0; k < tree_store.ntrees; ++k)
+    if (flags[k]) {
+      if (to != k) keys[to] = std::move(keys[k]);
+      ++to;
+    }
+  keys.resize(to);
   trees::tree_store_compact(flags);
-  store_begin();
+  seen.clear();
+  for (int k = 0; k < tree_store.ntrees; ++k) seen.emplace(row_hash(keys[k].data(), static_cast<int>(keys[k].size())), k);
   return new_keep;
 }
 
@@ -168,7 +200,7 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
       if (saving && first > 0) {
         // A better tree already found by an earlier replication: its island has been seen.
         e.export_tree(row);
-        if (store_find(row) >= 0) {
+        if (store_find(row, score) >= 0) {
           rearrangements_examined.add(examined);
           parent = row;
           if (slot_io) *slot_io = -1;
