@@ -1,76 +1,98 @@
 #!/usr/bin/env bash
-# Search benchmark: for each matrix, runs mult with its best settings and a growing number
-# of replications (doubling) until the known best length is reached or the replication
-# budget is spent, and prints the best length, the CPU time of the run that reached it (or
-# of the last run), and TBR rearrangements examined per CPU second. When phylip's dnapars
-# is installed, it is run on the DNA matrices for comparison (one jumble, default search).
+# Search benchmark. For each bundled matrix it prints:
+#   - best: the best length found by `mult` with the ratchet (one replication, ratchet
+#     iterations until the known best length is found or the budget is spent), and the CPU
+#     time of that run, which is the time to reach the known best when it was reached;
+#   - TBR rearrangements examined per CPU second, from plain `mult` replications of Wagner
+#     tree plus TBR (hold 1), and the best length those replications reach;
+#   - when installed, the peers on the same matrices: phylip's dnapars and pars (default
+#     search, one jumble) and phangorn's pratchet (default settings), best length and time.
 #   usage: bench/search/run_bench.sh [qax binary] [data folder] [matrix ...]
-# Settings: small matrices need nothing but replications (hold 5 keeps a few equal trees).
-# The large ones gain most from exploring the plateau of equally short trees: `hold H`
-# keeps and swaps H trees per replication (every equal TBR neighbour found goes into the
-# store until H are held), here with random insertion (`rseed[`). Measured (CPU seconds):
-# rbcl500 hold 1 gives 16549.6 on average per replication (sd 6), 16533-16539 best of
-# 128-1500 replications; hold 40 x 64 replications 16532 (97 s); hold 100 x 16 16533
-# (44 s, 2 hits). dna2000 hold 1 averages 74703 (sd 21); one replication with hold 30 gives
-# 74700 (30 s), with hold 100 74641 (415 s), with hold 300 74631 (1233 s): the plateau walk keeps finding shorter trees
-# while there is room for equal ones. The known best lengths of these two (16531, 74613)
-# were not reached by mult alone.
+# Peers run on DNA and protein matrices (pars on protein is not possible: dnapars and
+# pratchet only for DNA, pratchet also for protein); each peer run is bounded by
+# PEER_TIMEOUT seconds (default 900).
 set -u
-qax=${1:-$(dirname "$0")/../../build-search/qax}
+qax=${1:-$(dirname "$0")/../../build/qax}
 data=${2:-/work/shared/data}
 shift 2 2>/dev/null || shift $#
 only=" $* "
-printf "%-16s %6s %8s %8s %9s %9s %14s  %s\n" matrix taxa known best "CPU s" "wall s" "TBR rearr/s" "settings"
-one() {  # name known max_reps hold [commands before mult]
-  local name=$1 known=$2 max=$3 hold=$4 pre=${5:-} reps=1 out best total secs t0 t1 wall
-  if [ "$only" != "  " ] && [[ "$only" != *" $name "* ]]; then return; fi
-  while :; do
-    t0=$(date +%s.%N)
-    out=$( { /usr/bin/time -f "CPU %U" "$qax" "mxram 3000, proc $data/$name/$name.xread, hold 20000, $pre mult=replic $reps tbr hold $hold, quit," ; } 2>&1 )
-    t1=$(date +%s.%N)
-    wall=$(echo "$t1 - $t0" | bc -l)
-    best=$(sed -n 's/^Best score (TBR): \([0-9.]*\)\..*/\1/p' <<<"$out")
-    total=$(sed -n 's/^Total rearrangements examined: \([0-9]*\)\./\1/p' <<<"$out")
-    secs=$(sed -n 's/^CPU \([0-9.]*\)$/\1/p' <<<"$out")
-    if [ -z "$best" ]; then echo "$name: no result"; echo "$out" | tail -3; return; fi
-    if [ "$best" -le "$known" ] || [ "$reps" -ge "$max" ]; then break; fi
-    reps=$((reps * 2))
-  done
-  local taxa; taxa=$(awk 'NR<=6 && /^[0-9]+ [0-9]+/{print $2; exit}' "$data/$name/$name.xread")
-  # Rate per CPU second; runs too short for the CPU clock (10 ms) use the wall clock.
-  local rate; rate=$(echo "if ($secs >= 0.5) $total / $secs else $total / $wall" | bc -l)
-  printf "%-16s %6s %8s %8s %9.2f %9.2f %14.0f  %smult=replic %i tbr hold %i\n" "$name" "$taxa" "$known" "$best" "$secs" "$wall" "$rate" "$pre" "$reps" "$hold"
-}
-one Longrich2010 128 64 5
-one Asher2005 341 64 5
-one Wills2012 268 256 5
-one Conrad2008 1704 256 5
-one primates 1153 16 5
-one woodmouse 68 16 5
-one cynmix 5320 64 5
-one Laurasiatherian 9713 64 5
-one chloroplast 11064 16 5
-one rrna150 8471 128 1
-one rbcl500 16531 64 40 "rseed[, "
-one dna2000 74613 1 100
+peer_timeout=${PEER_TIMEOUT:-900}
+want() { [ "$only" = "  " ] || [[ "$only" == *" $1 "* ]]; }
+cpu() { sed -n 's/^CPU \([0-9.]*\)$/\1/p' <<<"$1"; }
 
-dnapars_cmd=""
-if command -v dnapars >/dev/null 2>&1; then dnapars_cmd=dnapars; elif command -v phylip >/dev/null 2>&1; then dnapars_cmd="phylip dnapars"; fi
-if [ -n "$dnapars_cmd" ] && [ "$only" = "  " ]; then
+printf "%-16s %5s %6s | %8s %8s | %8s %8s %14s\n" matrix taxa known "ratchet" "CPU s" "TBR best" "CPU s" "TBR rearr/s"
+one() {  # name known ratchet_iterations tbr_replications
+  local name=$1 known=$2 iters=$3 reps=$4
+  want "$name" || return
+  local xr="$data/$name/$name.xread"
+  local taxa; taxa=$(awk 'NR<=6 && /^[0-9]+ [0-9]+/{print $2; exit}' "$xr")
+  local out rbest rsecs tbest tsecs total rate
+  out=$( { /usr/bin/time -f "CPU %U" "$qax" "mxram 3000, proc $xr, hold 1000, rseed 1, ratchet: iter $iters findscore $known, mult=replic 1 tbr hold 1 ratchet, quit," ; } 2>&1 )
+  rbest=$(sed -n 's/^Best score (TBR): \([0-9.]*\)\..*/\1/p' <<<"$out")
+  rsecs=$(cpu "$out")
+  out=$( { /usr/bin/time -f "CPU %U" "$qax" "mxram 3000, proc $xr, hold 1000, rseed 1, mult=replic $reps tbr hold 1, quit," ; } 2>&1 )
+  tbest=$(sed -n 's/^Best score (TBR): \([0-9.]*\)\..*/\1/p' <<<"$out")
+  total=$(sed -n 's/^Total rearrangements examined: \([0-9]*\)\./\1/p' <<<"$out")
+  tsecs=$(cpu "$out")
+  rate=$(echo "if ($tsecs >= 0.2) $total / $tsecs else 0" | bc -l)
+  printf "%-16s %5s %6s | %8s %8.2f | %8s %8.2f %14.0f\n" "$name" "$taxa" "$known" "${rbest:-?}" "${rsecs:-0}" \
+    "${tbest:-?}" "${tsecs:-0}" "$rate"
+}
+one Longrich2010 128 100 10
+one Asher2005 341 100 10
+one Wills2012 268 200 10
+one Conrad2008 1704 200 10
+one primates 1153 100 10
+one woodmouse 68 100 10
+one cynmix 5320 200 10
+one Laurasiatherian 9713 200 10
+one chloroplast 11064 100 10
+one rrna150 8471 500 10
+one rbcl500 16531 1000 10
+one dna2000 74613 1000 4
+
+# ---- peers ---------------------------------------------------------------------------
+# Sequences of an xread file as "name sequence" lines (gaps as missing).
+rows() { awk '/^&\[/{on=1; next} on && /^;/{exit} on && NF==2 {s=$2; gsub(/-/, "?", s); print $1, s}' "$1"; }
+phylip_cmd() {  # program name -> command line, or nothing
+  if command -v "$1" >/dev/null 2>&1; then echo "$1"; elif command -v phylip >/dev/null 2>&1; then echo "phylip $1"; fi
+}
+peer_names="primates woodmouse Laurasiatherian chloroplast rrna150 rbcl500 dna2000"
+dnapars=$(phylip_cmd dnapars)
+have_r=0
+if command -v Rscript >/dev/null 2>&1 && Rscript -e 'suppressMessages(library(phangorn))' >/dev/null 2>&1; then have_r=1; fi
+if [ -n "$dnapars" ] || [ "$have_r" = 1 ]; then
   echo
-  echo "dnapars (phylip), default settings:"
-  for name in primates woodmouse Laurasiatherian rrna150 rbcl500; do
+  printf "%-16s | %8s %8s | %8s %8s\n" matrix dnapars "s" pratchet "s"
+  for name in $peer_names; do
+    want "$name" || continue
     xr="$data/$name/$name.xread"
     w=$(mktemp -d)
-    # Sequential infile from the xread rows; names of 10 characters T000000001...
-    awk '/^&\[/{on=1; next} on && /^;/{exit} on && NF==2 {n++; s=$2; gsub(/-/, "?", s); seq[n]=s} \
-         END{printf "%d %d\n", n, length(seq[1]); for(i=1;i<=n;i++) printf "T%09d%s\n", i, seq[i]}' "$xr" > "$w/infile"
-    t0=$(date +%s.%N)
-    # Bounded: the menu program waits for input if the file isn't what it expects.
-    (cd "$w" && printf "Y\n" | timeout 600 $dnapars_cmd >/dev/null 2>&1) || true
-    t1=$(date +%s.%N)
-    len=$(sed -n 's/.*requires a total of *\([0-9.]*\).*/\1/p' "$w/outfile" | sort -n | head -1)
-    printf "%-16s %8s %10.2f\n" "$name" "${len:-?}" "$(echo "$t1 - $t0" | bc -l)"
+    rows "$xr" > "$w/rows"
+    protein=0; grep -q '^&\[prot' "$xr" && protein=1
+    dl="-"; dt="-"; pl="-"; pt="-"
+    if [ -n "$dnapars" ] && [ "$protein" = 0 ]; then
+      # Sequential infile with 10-character names; the menu answer Y accepts the defaults.
+      awk '{n++; seq[n]=$2} END{printf "%d %d\n", n, length(seq[1]); for(i=1;i<=n;i++) printf "T%09d%s\n", i, seq[i]}' "$w/rows" > "$w/infile"
+      t0=$(date +%s.%N)
+      (cd "$w" && printf "Y\n" | timeout "$peer_timeout" $dnapars >/dev/null 2>&1) || true
+      t1=$(date +%s.%N)
+      dl=$(sed -n 's/.*requires a total of *\([0-9.]*\).*/\1/p' "$w/outfile" 2>/dev/null | sort -n | head -1)
+      dl=${dl%.000}; dl=${dl:-"?"}
+      dt=$(printf "%.2f" "$(echo "$t1 - $t0" | bc -l)")
+      rm -f "$w/outfile" "$w/outtree"
+    fi
+    if [ "$have_r" = 1 ]; then
+      awk '{printf ">%s\n%s\n", $1, $2}' "$w/rows" > "$w/seq.fasta"
+      type=DNA; [ "$protein" = 1 ] && type=AA
+      res=$(timeout "$peer_timeout" Rscript -e "suppressMessages(library(phangorn)); set.seed(1);
+        d <- read.phyDat('$w/seq.fasta', format='fasta', type='$type');
+        t <- system.time(tr <- pratchet(d, trace=0))[['elapsed']];
+        cat(parsimony(tr, d), t, '\n')" 2>/dev/null)
+      pl=$(awk '{print $1}' <<<"$res"); pt=$(awk '{printf "%.2f", $2}' <<<"$res")
+      pl=${pl:-"?"}; pt=${pt:-"-"}
+    fi
+    printf "%-16s | %8s %8s | %8s %8s\n" "$name" "$dl" "$dt" "$pl" "$pt"
     rm -rf "$w"
   done
 fi

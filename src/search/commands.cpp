@@ -124,8 +124,10 @@ void print_mult_settings() {
 void print_bbreak_settings() {
   const auto& s = search_settings;
   out_printf("Branch-swapping settings:\n     * swap trees with %s\n", s.bb_swapper == swapper_spr ? "SPR" : "TBR");
-  out_printf("     * mulpars %s, fillonly %s, randclip %s, skipspr %s, safe %s\n", on_off(s.mulpars), on_off(s.fillonly),
-             on_off(s.randclip), on_off(s.skipspr), on_off(s.safe));
+  out_printf("     * mulpars %s, fillonly %s, randclip %s, skipspr %s, safe %s, preproc %s\n", on_off(s.mulpars),
+             on_off(s.fillonly), on_off(s.randclip), on_off(s.skipspr), on_off(s.safe), on_off(s.preproc));
+  out_printf("     * xbits %s, intersections %s, stratswap %s\n", on_off(optim::packed.xbit),
+             s.inters ? (s.inters == 2 ? "on (reordered)" : "on") : "off", on_off(s.stratswap));
   if (s.limit) out_printf("     * TBR limited to %i nodes\n", s.limit);
   out_printf("     * clustersize %i\n", s.clustersize);
 }
@@ -159,6 +161,18 @@ bool bbreak_option(const char* w, bool set_only) {
     s.clustersize = n;
   } else if (is_prefix(w, "outfreq") == 0) {
     s.outfreq = option_number(0);
+  } else if (is_prefix(w, "inters") == 0 || is_prefix(w, "nointers") == 0) {
+    if (!set_only) error_exit("Intersections can be changed only with the \":\" option");
+    s.inters = w[0] == 'n' ? 0 : std::max(1, option_number(1));
+    if (s.inters > 2) error_exit("Intersections can be 1 or 2");
+  } else if (is_prefix(w, "xbits") == 0 || is_prefix(w, "noxbits") == 0) {
+    if (!set_only) error_exit("Xbits can be changed only with the \":\" option");
+    optim::packed.xbit = w[0] == 'n' ? 0 : 1;
+    optim::invalidate_pack();
+  } else if (is_prefix(w, "stratswap") == 0) {
+    s.stratswap = 1;
+  } else if (is_prefix(w, "nostratswap") == 0) {
+    s.stratswap = 0;
   } else {
     return false;
   }
@@ -249,7 +263,11 @@ void run_mult(int replications) {
       if (shell_state.stop_search_flag) { store_add(tree, score); ++done; break; }
       if (s.hold <= 1) {
         if (store_find(tree, score) < 0) {
-          if (s.swapper == swapper_tbr) score = swap_tbr(tree, first, spr_done ? -1 : 0, limit);
+          if (s.swapper == swapper_tbr) {
+            preproc_pass = s.preproc && !spr_done;
+            struct EndPass { ~EndPass() { preproc_pass = false; } } end_pass;
+            score = swap_tbr(tree, first, spr_done ? -1 : 0, limit);
+          }
           store_add(tree, score);
         }
       } else {

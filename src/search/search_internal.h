@@ -35,6 +35,9 @@ namespace qax::search {
 // score went down.
 double swap_tbr_slot(std::vector<std::int32_t>& parent, int first, int mode, int limit, int* slot, bool* improved);
 double swap_spr_slot(std::vector<std::int32_t>& parent, int first, int mode, int limit, int* slot, bool* improved);
+// Set by mult around the TBR of a replication whose SPR phase was skipped, with `preproc`
+// on: the swapper first costs every clip and takes them in the order of their gains.
+extern bool preproc_pass;
 // Checking of the Wagner build's node clusters, for tests: when not negative, each insertion
 // under clusters checks that every region's union covers its members' branch sets, and
 // that every branch has a region, adding 1 here for each failure.

@@ -166,6 +166,19 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
   std::vector<std::int32_t> row;
   Move best;
   std::uint64_t examined = 0;
+  if (preproc_pass && tbr && mode == 0) {
+    // A first look at every clip: clips that promise the largest gain go first, the
+    // others in the order they would have had (the sort is stable).
+    std::vector<std::pair<std::int32_t, int>> gain(nn);
+    for (int i = 0; i < nn; ++i) {
+      const int n = clip_order[i];
+      best = Move{};
+      const std::int32_t base = e.evaluate_clip(n, tbr, false, 0, best, records, examined);
+      gain[i] = {base >= 0 && best.clip >= 0 ? base - best.cost : 0, n};
+    }
+    std::stable_sort(gain.begin(), gain.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+    for (int i = 0; i < nn; ++i) clip_order[i] = gain[i].second;
+  }
   while (failures < nn) {
     if (++clips % report_every == 0) {
       qax::shell::show_progress(failures, nn, tbr ? "TBR" : "SPR");
@@ -260,5 +273,7 @@ double swap_spr(std::vector<std::int32_t>& parent_array, int first, int mode, in
 }
 
 std::string search_score_text(double s) { return score_text(s); }
+
+bool preproc_pass = false;
 
 }  // namespace qax::search
