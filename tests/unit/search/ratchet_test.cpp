@@ -111,3 +111,15 @@ TEST_F(Ratchet, PerturbationKeepsTheTreeValidAndScored) {
   EXPECT_EQ(slow_length(tree.data()), score);
   EXPECT_LE(score, start);
 }
+
+TEST_F(Ratchet, MultWithRatchetReachesKnownBestOnLargeMatrices) {
+  // One replication each; the ratchet stops as soon as the known best length is found.
+  struct Case { const char* file; int best; };
+  for (const Case& c : {Case{"cynmix.xread", 5320}, Case{"chloroplast.xread", 11064}, Case{"rrna150.xread", 8471},
+                        Case{"rbcl500.xread", 16531}}) {
+    std::string out = run(std::string("proc ") + QAX_TEST_DATA + "/" + c.file + "; hold 100; rseed 1; ratchet: iter 2000 findscore " +
+                          std::to_string(c.best) + "; mult=replic 1 tbr hold 1 ratchet;");
+    EXPECT_TRUE(has(out, "Best score (TBR): " + std::to_string(c.best) + ".")) << c.file << "\n" << out;
+    expect_store_scored(c.best);
+  }
+}
