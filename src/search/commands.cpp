@@ -6,8 +6,10 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <set>
 #include <unordered_set>
 
+#include "optim/collapse.h"
 #include "optim/kernels.h"
 #include "optim/packed.h"
 #include "search/search_internal.h"
@@ -338,8 +340,7 @@ void run_bbreak() {
   Engine& e = engine();
   double best = -1;
   for (int k = 0; k < tree_store.ntrees; ++k) {
-    std::vector<std::int32_t> row(trees::tree_row(k), trees::tree_row(k) + tree_store.row_size);
-    if (!e.load(row)) error_exitf("Tree %i is not binary on the active taxa: cannot swap it", k);
+    if (!load_for_swapping(e, k)) error_exitf("Tree %i does not hold all active taxa: cannot swap it", k);
     tree_store.scores[k] = e.compute_all();
     if (best < 0 || tree_store.scores[k] < best) best = tree_store.scores[k];
   }
@@ -415,7 +416,52 @@ void search_prepare() {
   replacements_done = 0;
 }
 
+bool load_for_swapping(Engine& e, int k) {
+  std::vector<std::int32_t> row(trees::tree_row(k), trees::tree_row(k) + tree_store.row_size);
+  if (e.load(row)) return true;
+  // Polytomies are resolved as combs: each extra child goes with the next one under a new node.
+  const int ntax = tree_store.ntax;
+  const int end = std::max(row[ntax], ntax + 1);
+  std::vector<std::vector<int>> kids(end);
+  for (int n = 0; n < end; ++n)
+    if (n != ntax && row[n] >= ntax && row[n] < end) kids[row[n]].push_back(n);
+  int next = end;
+  for (int v = ntax; v < end; ++v) {
+    auto& c = kids[v];
+    while (c.size() > 2) {
+      if (next >= 2 * ntax - 1) return false;
+      const int u = next++;
+      row[u] = v;
+      row[c[c.size() - 1]] = u;
+      row[c[c.size() - 2]] = u;
+      c.resize(c.size() - 2);
+      c.push_back(u);
+    }
+  }
+  row[ntax] = next;
+  trees::reset_node_numbers(row.data(), ntax);
+  if (!e.load(row)) return false;
+  std::copy(row.begin(), row.end(), trees::tree_row(k));
+  tree_store.trees_changed = 1;
+  return true;
+}
+
 void tag_search_trees(const char* name) {
+  // Automatic condensing: the trees found are replaced by their collapsed forms, and the
+  // trees that become equal are kept once.
+  const auto& cs = optim::collapse_settings;
+  if (cs.auto_collapse && cs.rule != optim::collapse_none && tree_store.ntrees > 0) {
+    std::vector<std::uint8_t> keep(tree_store.ntrees, 1);
+    std::set<std::vector<std::int32_t>> seen_rows;
+    for (int k = 0; k < tree_store.ntrees; ++k) {
+      std::int32_t* row = trees::tree_row(k);
+      optim::collapse_for_store(row);
+      if (!seen_rows.emplace(row, row + tree_store.row_size).second) keep[k] = 0;
+    }
+    trees::tree_store_compact(keep);
+    tree_store.trees_changed = 1;
+    store_begin();
+  }
   int g = qax::trees::take_auto_group(name);
   if (g < 0) return;
   for (int k = 0; k < tree_store.ntrees; ++k) qax::trees::group_set_bit(k, g);

@@ -256,8 +256,7 @@ void run_ratchet() {
   int start = -1;
   double start_score = 0;
   for (int k = 0; k < tree_store.ntrees; ++k) {
-    std::vector<std::int32_t> row(trees::tree_row(k), trees::tree_row(k) + tree_store.row_size);
-    if (!e.load(row)) error_exitf("Tree %i is not binary on the active taxa: cannot swap it", k);
+    if (!load_for_swapping(e, k)) error_exitf("Tree %i does not hold all active taxa: cannot swap it", k);
     const double sc = e.compute_all();
     if (start < 0 || sc < start_score) { start = k; start_score = sc; }
   }

@@ -49,6 +49,10 @@ int option_number(int missing);
 std::string read_option_word();
 void search_prepare();
 std::uint32_t command_seed();
+// Loads stored tree k into the engine; polytomies are resolved first (arbitrarily) and the
+// resolved tree replaces the stored one. False when the tree lacks active taxa.
+bool load_for_swapping(Engine& e, int k);
+// Group tag of the trees found; condenses them first when automatic collapsing is on.
 void tag_search_trees(const char* name);
 struct SearchRunning {
   SearchRunning();
