@@ -41,7 +41,7 @@ const CommandRecord command_records[] = {
     {"cstree", cmd_not_available, 0, topic_input | topic_settings | topic_characters},
     {"dcomp", cmd_not_available, 1, topic_input | topic_various},
     {"dmerge", cmd_not_available, 1, topic_input | topic_various},
-    {"drift", cmd_not_available, 1, topic_searching},
+    {"drift", qax::search::cmd_drift, 1, topic_searching},
     {"edit", cmd_not_available, 1, topic_various | topic_trees},
     {"echo", cmd_echo, 0, topic_output | topic_various},
     {"export", qax::dataset::cmd_export, 0, topic_output | topic_save | topic_various},

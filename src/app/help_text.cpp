@@ -103,8 +103,9 @@ const HelpEntry help_entries[] = {
     {"dmerge",
      "dmerge files;  merge matrices into one data set"},
     {"drift",
-     "drift [ = options ];  tree drifting of the trees in memory\n"
-     "Options: iter N, numsubs N, fitdiff N, rfitdiff R, xfactor N\n"
+     "drift [ = options ];  tree drifting from the best tree in memory: worse moves, then TBR\n"
+     "Options: iter N, numsubs N, fitdiff N, rfitdiff R, xfactor N, [no]equals, giveup N,\n"
+     "[no]pert, flat N, rflat R, flatnumsubs N, findscore N\n"
      "drift: options;  set options only;  drift:;  report settings"},
     {"edit",
      "edit [ tree ];  edit a tree interactively"},

@@ -50,6 +50,7 @@ void random_shuffle(int count, int* array) noexcept {
 void reset_search_state() {
   search_settings = SearchSettings{};
   ratchet_settings = RatchetSettings{};
+  drift_settings = DriftSettings{};
   rearrangements_examined = Rearrangements{};
   replacements_done = 0;
   search_status_code = 0;

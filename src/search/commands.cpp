@@ -77,7 +77,7 @@ bool mult_option(const char* w, int* run_replications) {
   } else if (is_prefix(w, "noratchet") == 0) {
     s.ratchet = 0;
   } else if (is_prefix(w, "drift") == 0) {
-    error_exit("Drift is not available in this version");
+    s.drift = 1;
   } else if (is_prefix(w, "nodrift") == 0) {
     s.drift = 0;
   } else if (is_prefix(w, "keepall") == 0) {
@@ -119,6 +119,7 @@ void print_mult_settings() {
   out_printf("     * addition sequence: %s\n", seq);
   out_printf("     * keep trees of all replications: %s\n", on_off(s.keepall));
   if (s.ratchet) out_printf("     * ratchet after each replication (%i iterations)\n", ratchet_settings.iterations);
+  if (s.drift) out_printf("     * drift after each replication (%i cycles)\n", drift_settings.iterations);
   if (s.wcluster) out_printf("     * node clusters from %i taxa on\n", s.wcluster);
   else out_printf("     * no node clusters\n");
 }
@@ -245,17 +246,19 @@ void run_mult(int replications) {
     if (shell_state.stop_search_flag) break;
     const int limit = std::min(tree_store.ntrees + std::max(s.hold, 1), tree_store.maxtrees);
     const int first = tree_store.ntrees;
-    if (s.swapper == swapper_none && !s.ratchet) {
+    if (s.swapper == swapper_none && !s.ratchet && !s.drift) {
       store_add(tree, score);
-    } else if (s.ratchet) {
+    } else if (s.ratchet || s.drift) {
       // One TBR pass on the Wagner tree, then the ratchet from it; the trees of the
       // replication's best score are kept, up to `hold`.
       const std::uint32_t ratchet_seed = seeds.next();
       if (!(s.skipspr && s.hold <= 1)) score = swap_spr(tree, first, 0, limit);
       if (!shell_state.stop_search_flag) score = swap_tbr(tree, first, 0, limit);
       store_add(tree, score);
-      if (!shell_state.stop_search_flag)
+      if (s.ratchet && !shell_state.stop_search_flag)
         score = ratchet_run(tree, ratchet_seed, first, limit, ratchet_settings.iterations, nullptr);
+      if (s.drift && !shell_state.stop_search_flag)
+        score = std::min(score, drift_run(tree, ratchet_seed + 1, first, limit, drift_settings.iterations, nullptr));
     } else {
       bool spr_done = false;
       if (!(s.skipspr && s.hold <= 1) || (s.swapper == swapper_spr && s.hold == 1) || s.swapper == swapper_spr) {
@@ -314,7 +317,7 @@ void run_mult(int replications) {
   } else {
     out_printf("Completed %i random addition sequences.\n", done);
   }
-  if (s.swapper != swapper_none || s.ratchet)
+  if (s.swapper != swapper_none || s.ratchet || s.drift)
     out_printf("Total rearrangements examined: %s.\n", number_text(static_cast<long long>(rearrangements_examined.total())).c_str());
   if (constraint_allows) out_printf("Constraints enforced during search.\n");
   if (s.limit > 0) out_printf("Note: TBR limited to moves within %i nodes of original position.\n", s.limit);

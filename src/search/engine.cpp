@@ -848,7 +848,11 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
           best = Move{n, j == 0 ? -1 : cnode[j], t, c};
           bound = std::max(best_cost - 1, save_bound);
         }
-        if (saving && c <= save_bound) records.push_back(Move{n, j == 0 ? -1 : cnode[j], t, c});
+        if (saving && c <= save_bound) {
+          records.push_back(Move{n, j == 0 ? -1 : cnode[j], t, c});
+          if (take_first && take_first(take_ctx, records.back(), base, cset.data(), tp[ks], cj, tptr[kt]))
+            return base;
+        }
         if (bound < 0) return base;
       }
     }
@@ -898,7 +902,11 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
             best = Move{n, j == 0 ? -1 : cnode[j], tn[k], c};
             bound = std::max(best_cost - 1, save_bound);
           }
-          if (saving && c <= save_bound) records.push_back(Move{n, j == 0 ? -1 : cnode[j], tn[k], c});
+          if (saving && c <= save_bound) {
+            records.push_back(Move{n, j == 0 ? -1 : cnode[j], tn[k], c});
+            if (take_first && take_first(take_ctx, records.back(), base, cset.data(), tp[ks], cj, tp[k] ? tp[k] : lazy_target(k)))
+              return base;
+          }
           if (bound < 0) return base;
         }
       }

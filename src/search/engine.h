@@ -66,6 +66,15 @@ struct Engine {
   std::uint64_t full_mask = 0;                    // every chunk
   std::vector<int>* edge_log = nullptr;           // insert_leaf adds the nodes whose E changed
   double score = 0;                               // length of the tree (constant steps included)
+  // When set, evaluate_clip (saving) offers each record as it is found, with the sets of the
+  // clip where it is (clip_now, target_now) and of the move (clip_new, target_new); a true
+  // answer ends the clip with that record last in the list. For perturbations that take the
+  // first acceptable move.
+  using TakeFirstFn = bool (*)(void* ctx, const Move& m, std::int32_t base, const std::uint32_t* clip_now,
+                               const std::uint32_t* target_now, const std::uint32_t* clip_new,
+                               const std::uint32_t* target_new);
+  TakeFirstFn take_first = nullptr;
+  void* take_ctx = nullptr;
 
   std::uint32_t* D(int n) { return down.data() + static_cast<std::size_t>(n) * W; }
   std::uint32_t* U(int n) { return up.data() + static_cast<std::size_t>(n) * W; }

@@ -26,47 +26,6 @@ using qax::trees::tree_store;
 
 RatchetSettings ratchet_settings;
 
-double swap_perturb(std::vector<std::int32_t>& parent, int moves, int giveup) {
-  Engine& e = engine();
-  if (!e.load(parent)) error_exit("Tree cannot be swapped (not binary on the active taxa)");
-  double score = e.compute_all();
-  if (e.nt < 4 || moves <= 0) return score;
-  constraints_start_search(e.anc.data(), e.left.data(), e.right.data(), e.nt);
-  struct EndConstraints { ~EndConstraints() { constraints_end_search(); } } end_constraints;
-  const int nn = e.nn;
-  std::vector<int> order(nn);
-  random_shuffle(nn, order.data());
-  std::vector<Move> records;
-  std::uint64_t examined = 0;
-  int done = 0;
-  for (int i = 0; i < nn; ++i) {
-    if ((i + 1) % 15 == 0) {
-      show_progress(i, nn, "Perturbation");
-      if (shell_state.stop_search_flag) break;
-    }
-    records.clear();
-    Move best;
-    // Every move not worse than the clip where it is: the best one when something is
-    // better, otherwise one of the equal ones at random (a step on the plateau).
-    const std::int32_t base = e.evaluate_clip(order[i], true, true, 0, best, records, examined);
-    if (base < 0) continue;
-    Move m = best;
-    if (m.clip < 0) {
-      if (records.empty()) continue;
-      m = records[static_cast<std::size_t>(random_next()) % records.size()];
-    }
-    e.apply_move(m);
-    score = search_settings.safe ? e.compute_all() : e.update_after_move();
-    if (constraint_allows) constraint_tree_changed();
-    ++replacements_done;
-    if (++done >= moves) break;
-    if (giveup < 100 && giveup * nn < 100 * (i + 1)) break;
-  }
-  rearrangements_examined.add(examined);
-  e.export_tree(parent);
-  return score;
-}
-
 namespace {
 
 // Changes the weights of the active characters for one phase of the cycle: 0 initial
@@ -127,44 +86,20 @@ double ratchet_run(std::vector<std::int32_t>& tree, std::uint32_t seed, int firs
   const RatchetSettings& r = ratchet_settings;
   set_random_seed(seed);
   WeightGuard weights;
-  Engine& e0 = engine();
-  if (!e0.load(tree)) error_exit("Tree cannot be swapped (not binary on the active taxa)");
-  double current = e0.compute_all();
-  double best = current;
-  std::vector<std::int32_t> best_tree = tree;
   const bool up = r.upfactor > 0, down = r.downfactor > 0;
   const int cycle = (up && down && r.equals) ? 3 : 2;
   const int offset = r.equals ? 0 : 1;
-  const double subopt = search_settings.suboptimal;
-  int done = 0;
-  for (int it = 0; it < iterations; ++it) {
-    if (shell_state.stop_search_flag) break;
-    search_status_code = 5;
+  auto perturb = [&](int it, std::vector<std::int32_t>& t) {
     int phase = it % cycle + offset;
     if (!up && !down) phase = 0;
     weights.changed = reweight_characters(phase, weights.initial);
     if (weights.changed) repack();
-    if (r.tradrat) swap_tbr(tree, 0, 0, 0);
-    else swap_perturb(tree, r.numsubs, r.giveup);
+    if (r.tradrat) swap_tbr(t, 0, 0, 0);
+    else swap_perturb(t, 0, r.numsubs, r.giveup);
     weights.restore();
-    if (shell_state.stop_search_flag) break;
-    const double score = swap_tbr(tree, 0, 0, 0);
-    ++done;
-    if (score <= current + 1e-8) {
-      if (first >= 0 && score < best - 1e-8) store_discard_above(first, score + subopt, -1);
-      current = score;
-      if (score < best) best = score;
-      best_tree = tree;
-      if (first >= 0 && tree_store.ntrees < limit && score <= best + subopt + 1e-8) store_add(tree, score);
-    } else if (first >= 0) {
-      tree = best_tree;   // go on from the best tree so far
-    }
-    show_progress(it + 1, iterations, "Ratchet");
-    if (r.findscore > 0 && best <= r.findscore + 1e-8) break;
-  }
-  tree = best_tree;
-  if (iterations_done) *iterations_done = done;
-  return best;
+    return true;
+  };
+  return perturb_search(tree, first, limit, iterations, iterations_done, r.findscore, 5, "Ratchet", perturb);
 }
 
 namespace {
@@ -245,44 +180,6 @@ bool ratchet_option(const std::string& w) {
   return true;
 }
 
-// Runs the ratchet from the best tree in memory; the store ends with the trees of best
-// score found (up to the tree buffer).
-void run_ratchet() {
-  qax::trees::require_data();
-  if (tree_store.ntrees == 0) error_exit("No trees to swap");
-  search_prepare();
-  SearchRunning running;
-  Engine& e = engine();
-  int start = -1;
-  double start_score = 0;
-  for (int k = 0; k < tree_store.ntrees; ++k) {
-    if (!load_for_swapping(e, k)) error_exitf("Tree %i does not hold all active taxa: cannot swap it", k);
-    const double sc = e.compute_all();
-    if (start < 0 || sc < start_score) { start = k; start_score = sc; }
-  }
-  std::vector<std::int32_t> tree(trees::tree_row(start), trees::tree_row(start) + tree_store.row_size);
-  set_random_seed(command_seed());
-  const std::uint32_t seed = static_cast<std::uint32_t>(random_next()) | 1u;
-  search_status_code = 2;
-  double score = swap_tbr(tree, 0, 0, 0);
-  tree_store.ntrees = 0;
-  tree_store.trees_changed = 1;
-  store_begin();
-  store_add(tree, score);
-  int done = 0;
-  const double best = ratchet_run(tree, seed, 0, tree_store.maxtrees, ratchet_settings.iterations, &done);
-  store_discard_above(0, best + search_settings.suboptimal, -1);
-  tag_search_trees("ratchet");
-  last_best_score = best;
-  out_printf("%i ratchet iterations completed\n", done);
-  out_printf("Total rearrangements examined: %s.\n",
-             number_text(static_cast<long long>(rearrangements_examined.total())).c_str());
-  out_printf("Saved %i trees of score %s", tree_store.ntrees, search_score_text(best).c_str());
-  if (search_settings.suboptimal > 0) out_printf("-%s", search_score_text(best + search_settings.suboptimal).c_str());
-  out_printf("\n");
-  search_status_code = 0;
-}
-
 }  // namespace
 
 void cmd_ratchet() {
@@ -309,7 +206,10 @@ void cmd_ratchet() {
     ratchet_settings = saved;
     error_exit("Ratchet must do at least one of equals, up, or down --all three are off!");
   }
-  if (run) run_ratchet();
+  if (run)
+    run_from_best_tree("ratchet", "%i ratchet iterations completed\n", [](std::vector<std::int32_t>& tree, std::uint32_t seed, int* done) {
+      return ratchet_run(tree, seed, 0, tree_store.maxtrees, ratchet_settings.iterations, done);
+    });
 }
 
 }  // namespace qax::search

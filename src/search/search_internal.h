@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,25 @@ struct SearchRunning {
   SearchRunning(const SearchRunning&) = delete;
   SearchRunning& operator=(const SearchRunning&) = delete;
 };
+// Relative fit difference between the tree with the clip where it is (clip_now joined to
+// target_now) and with the move (clip_new joined to target_new): (F - C) / F, F the
+// weighted steps saved by characters that favour the present tree, C by those that favour
+// the move. Packed fields count as characters.
+double move_rfd(const std::uint32_t* clip_now, const std::uint32_t* target_now, const std::uint32_t* clip_new,
+                const std::uint32_t* target_new);
+// The loop of the ratchet and drift: `perturb(iteration, tree)` then TBR, `iterations`
+// times; with first >= 0 the trees of best score go into the store from `first` on (up to
+// `limit`) and each iteration starts from the best tree so far, with first < 0 from the tree
+// of the last one. Stops at `findscore` (when above 0), on interrupt, or when perturb
+// returns false. Returns the best score and leaves the best tree in `tree`.
+double perturb_search(std::vector<std::int32_t>& tree, int first, int limit, int iterations, int* iterations_done,
+                      int findscore, int status, const char* label,
+                      const std::function<bool(int, std::vector<std::int32_t>&)>& perturb);
+// The ratchet and drift commands: TBR on the best tree in memory, then `run` from it
+// (tree, seed, iterations done); the store ends with the trees of best score, under the
+// group tag `tag`, and the end report.
+void run_from_best_tree(const char* tag, const char* completed_format,
+                        const std::function<double(std::vector<std::int32_t>&, std::uint32_t, int*)>& run);
 // Score as printed: whole numbers without decimals.
 std::string search_score_text(double s);
 }  // namespace qax::search

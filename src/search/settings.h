@@ -102,10 +102,44 @@ double wagner_build(std::vector<std::int32_t>& parent_array, std::uint32_t seed)
 double swap_tbr(std::vector<std::int32_t>& parent_array, int first, int mode, int limit);
 double swap_spr(std::vector<std::int32_t>& parent_array, int first, int mode, int limit);
 
-// A pass of TBR that takes one move of each clip (better or equal under the weights in
-// force) and stops after `moves` moves, or when `giveup` percent of the clips are done.
-// Returns the score under the weights in force.
-double swap_perturb(std::vector<std::int32_t>& parent_array, int moves, int giveup);
+// Settings of drift: perturbations that accept worse moves under a bound on their relative
+// fit difference.
+struct DriftSettings {
+  int iterations = 30;          // cycles of a run
+  int numsubs = 60;             // moves of a perturbation
+  double fitdiff = 1.0;         // largest score increase of a move
+  double rfitdiff = 0.2;        // largest relative fit difference of a move
+  double xfactor = 3.0;         // larger values reject worse moves more often
+  int equals = 1;               // even cycles take no worse moves
+  int giveup = 99;              // percent of a pass of clips after which a perturbation stops
+  int pert = 1;                 // 0: no worse moves at all
+  int flat = 0;                 // first cycles with rflat and flatnumsubs
+  double rflat = 0.0;           // relative fit difference of those cycles
+  int flatnumsubs = 60;         // moves of those cycles
+  int findscore = 0;            // stop at this score or better (0: never)
+};
+extern DriftSettings drift_settings;
+
+// Limits of the worse moves a perturbation may take (mode 1); mode 0 takes none.
+struct PerturbLimits {
+  double fitdiff = 0;           // largest score increase
+  double rfd = 0;               // largest relative fit difference
+  double xfactor = 3.0;         // rejection factor
+};
+
+// A pass of TBR over the clips in random order that makes one move per clip, and stops
+// after `moves` moves or when `giveup` percent of the clips are done. Mode 0 takes moves
+// not worse under the weights in force: the best when one is better, otherwise one of the
+// equal ones at random. Mode 1 takes the first move found that is not worse, or worse but
+// accepted under `limits` (a random test that grows stricter with the excess accumulated in
+// the pass, and the relative fit difference). Returns the score; sets *all_failed when no
+// clip had a move at all.
+double swap_perturb(std::vector<std::int32_t>& parent_array, int mode, int moves, int giveup,
+                    const PerturbLimits& limits = PerturbLimits{}, bool* all_failed = nullptr);
+
+// Drift from the tree in parent_array; arguments and result as ratchet_run.
+double drift_run(std::vector<std::int32_t>& parent_array, std::uint32_t seed, int first, int limit, int iterations,
+                 int* iterations_done);
 
 // Ratchet from the tree in parent_array: `iterations` cycles of perturbation and TBR under
 // the initial weights. With first >= 0 the trees of best score go into the store from
@@ -124,5 +158,6 @@ void cmd_bbreak();
 void cmd_rseed();
 void cmd_subopt();
 void cmd_ratchet();
+void cmd_drift();
 
 }  // namespace qax::search

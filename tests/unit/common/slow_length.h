@@ -13,14 +13,15 @@
 
 namespace qax::test {
 
-inline int slow_length(const std::int32_t* parent) {
+// Unweighted steps of each character (0 for inactive ones).
+inline std::vector<int> slow_character_steps(const std::int32_t* parent) {
   const dataset::Dataset& d = dataset::dataset;
   const int ntax = d.ntax;
   const int end = parent[ntax];
   std::vector<std::vector<int>> kids(end);
   for (int n = 0; n < end; ++n)
     if (n != ntax && !(n < ntax && parent[n] < ntax)) kids[parent[n]].push_back(n);
-  int total = 0;
+  std::vector<int> out(d.nchar, 0);
   for (int c = 0; c < d.nchar; ++c) {
     if (!d.chars[c].active) continue;
     const bool add = d.chars[c].additive;
@@ -50,8 +51,16 @@ inline int slow_length(const std::int32_t* parent) {
     std::uint32_t s;
     int l, h;
     go(ntax, s, l, h);
-    total += steps * std::max(1, static_cast<int>(d.chars[c].weight));
+    out[c] = steps;
   }
+  return out;
+}
+
+inline int slow_length(const std::int32_t* parent) {
+  const auto steps = slow_character_steps(parent);
+  int total = 0;
+  for (std::size_t c = 0; c < steps.size(); ++c)
+    total += steps[c] * std::max(1, static_cast<int>(dataset::dataset.chars[c].weight));
   return total;
 }
 

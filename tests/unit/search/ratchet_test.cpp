@@ -107,7 +107,7 @@ TEST_F(Ratchet, PerturbationKeepsTheTreeValidAndScored) {
   const int start = slow_length(tree.data());
   search::set_random_seed(3);
   // Only moves that are not worse under the weights in force: the score can't go up.
-  const double score = search::swap_perturb(tree, 30, 100);
+  const double score = search::swap_perturb(tree, 0, 30, 100);
   EXPECT_EQ(slow_length(tree.data()), score);
   EXPECT_LE(score, start);
 }

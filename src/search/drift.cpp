@@ -1,0 +1,167 @@
+// Drift: cycles of a perturbation that also takes worse moves (a random test that grows
+// stricter with the excess taken, and a bound on the relative fit difference), each
+// followed by TBR. Even cycles take equal moves only, a walk on the plateau.
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "search/search_internal.h"
+#include "search/settings.h"
+#include "shell/commands.h"
+#include "shell/failure.h"
+#include "shell/input.h"
+#include "shell/output.h"
+#include "shell/state.h"
+#include "trees/store.h"
+
+namespace qax::search {
+
+using namespace qax::shell;
+using qax::trees::tree_store;
+
+DriftSettings drift_settings;
+
+double drift_run(std::vector<std::int32_t>& tree, std::uint32_t seed, int first, int limit, int iterations,
+                 int* iterations_done) {
+  const DriftSettings& d = drift_settings;
+  set_random_seed(seed);
+  bool single_tree_island = false;
+  auto perturb = [&](int cycle, std::vector<std::int32_t>& t) {
+    const bool flat = cycle < d.flat;
+    const int moves = flat ? d.flatnumsubs : d.numsubs;
+    if (!d.pert || (d.equals && cycle % 2 == 0)) {
+      bool all_failed = false;
+      swap_perturb(t, 0, moves, d.giveup, PerturbLimits{}, &all_failed);
+      if (!d.pert && all_failed) {
+        single_tree_island = true;
+        return false;
+      }
+      return true;
+    }
+    const PerturbLimits limits{d.fitdiff, flat ? d.rflat : d.rfitdiff, d.xfactor};
+    swap_perturb(t, 1, moves, d.giveup, limits);
+    return true;
+  };
+  const double best = perturb_search(tree, first, limit, iterations, iterations_done, d.findscore, 4, "Drift", perturb);
+  if (single_tree_island) out_printf("NOTE: Island has a single tree (no need to continue unperturbated drift)\n");
+  return best;
+}
+
+namespace {
+
+void print_drift_settings() {
+  const DriftSettings& d = drift_settings;
+  out_printf("Settings for tree-drifting:\n");
+  out_printf("     * %i cycles, %i substitutions per perturbation\n", d.iterations, d.numsubs);
+  out_printf("     * worse moves: %s, score difference up to %g, relative fit difference up to %g, xfactor %g\n",
+             d.pert ? "accepted" : "never", d.fitdiff, d.rfitdiff, d.xfactor);
+  out_printf("     * even cycles without worse moves: %s\n", d.equals ? "on" : "off");
+  out_printf("     * give up perturbation at %i%% of the clips\n", d.giveup);
+  if (d.flat > 0)
+    out_printf("     * first %i cycles: %i substitutions, relative fit difference up to %g\n", d.flat, d.flatnumsubs,
+               d.rflat);
+  if (d.findscore > 0) out_printf("     * stop when score %i is found\n", d.findscore);
+  out_printf("     * no fusing of the trees found\n");
+}
+
+double read_real_option(const char* what) {
+  int c = peek_char();
+  if (!std::isdigit(c) && c != '.') error_exitf("Give value for %s", what);
+  return read_real();
+}
+
+bool drift_option(const std::string& w) {
+  DriftSettings& d = drift_settings;
+  const char* s = w.c_str();
+  auto is = [&](const char* name, std::size_t least) { return w.size() >= least && is_prefix(s, name) == 0; };
+  if (is("iterations", 2)) {
+    int n = option_number(-1);
+    if (n < 0) error_exit("Give number of drift cycles");
+    if (n > 100000) error_exitf("Can't do %i drift cycles (max=100000)", n);
+    d.iterations = n;
+  } else if (is("numsubs", 2)) {
+    int n = option_number(-1);
+    if (n < 0) error_exit("Give number of drift substitutions");
+    if (n > 1000000) error_exitf("Can't do %i drift substitutions (max=1000000)", n);
+    d.numsubs = n;
+  } else if (is("fitdiff", 2)) {
+    d.fitdiff = read_real_option("fitdiff");
+  } else if (is("rfitdiff", 2)) {
+    d.rfitdiff = read_real_option("rfitdiff");
+  } else if (is("xfactor", 2)) {
+    const double x = read_real_option("xfactor");
+    if (x <= 0) error_exit("Xfactor must be above 0");
+    d.xfactor = x;
+  } else if (is("equals", 2)) {
+    d.equals = 1;
+  } else if (is("noequals", 3)) {
+    d.equals = 0;
+  } else if (is("giveup", 2)) {
+    int n = option_number(-1);
+    if (n < 0 || n > 100) error_exitf("Percentage can't be %i (must be 0-100)", n);
+    d.giveup = n;
+  } else if (is("nogiveup", 3)) {
+    d.giveup = 100;
+  } else if (is("pert", 2)) {
+    d.pert = 1;
+  } else if (is("nopert", 3)) {
+    d.pert = 0;
+  } else if (is("flatnumsubs", 5)) {
+    int n = option_number(-1);
+    if (n < 0 || n > 1000000) error_exitf("Can't do %i drift substitutions (max=1000000)", n);
+    d.flatnumsubs = n;
+  } else if (is("flat", 2)) {
+    int n = option_number(-1);
+    if (n < 0) error_exit("Give number of flat cycles");
+    d.flat = n;
+  } else if (is("rflat", 2)) {
+    d.rflat = read_real_option("rflat");
+  } else if (is("findscore", 2)) {
+    int n = option_number(-1);
+    if (n < 0) error_exit("Give score to find");
+    d.findscore = n;
+  } else if (is("nofindscore", 3)) {
+    d.findscore = 0;
+  } else if (is("fusefreq", 2)) {
+    int n = option_number(-1);
+    if (n != 0) error_exit("Fusing of drift trees is not available in this version (use fusefreq 0)");
+  } else if (is("nofusefreq", 3) || is("dumpfuse", 2) || is("nodumpfuse", 3) || is("noautoconst", 3)) {
+    // fusing and autoconstraints are off
+  } else if (is("autoconst", 2)) {
+    int n = option_number(-1);
+    if (n != 0) error_exit("Autoconstrained drift is not available in this version (use autoconst 0)");
+  } else {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void cmd_drift() {
+  int c = peek_char();
+  bool run = true;
+  if (c == '=' || c == ':') {
+    next_char();
+    run = c == '=';
+    if (!run && peek_char() == ';') { print_drift_settings(); return; }
+  } else if (c != ';') {
+    next_char();
+    error_exitf("Wrong argument for drift: %c", c);
+  }
+  const DriftSettings saved = drift_settings;
+  while (peek_char() != ';') {
+    std::string w = read_option_word();
+    if (!drift_option(w)) {
+      drift_settings = saved;
+      error_exitf("Unidentified string in drift options: %s", w.c_str());
+    }
+  }
+  if (run)
+    run_from_best_tree("drifting", "%i drift cycles completed\n", [](std::vector<std::int32_t>& tree, std::uint32_t seed, int* done) {
+      return drift_run(tree, seed, 0, tree_store.maxtrees, drift_settings.iterations, done);
+    });
+}
+
+}  // namespace qax::search
