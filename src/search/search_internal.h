@@ -36,6 +36,14 @@ namespace qax::search {
 // score went down.
 double swap_tbr_slot(std::vector<std::int32_t>& parent, int first, int mode, int limit, int* slot, bool* improved);
 double swap_spr_slot(std::vector<std::int32_t>& parent, int first, int mode, int limit, int* slot, bool* improved);
+// A receiver of the moves the swappers examine, for commands that study moves without
+// taking them. While one is installed the swappers make no move and store nothing: for
+// each clip, every move of cost up to base + suboptimal goes to the hook with the clip's
+// base cost and the tree's score; the tree in the engine is the tree being swapped (a hook
+// that applies a move to look at it puts the topology back). Returning true abandons the
+// tree. Null: the swappers store and take moves themselves.
+using SwapHookFn = bool (*)(Engine& e, const std::vector<Move>& records, std::int32_t base, double score);
+extern SwapHookFn swap_hook;
 // Set by mult around the TBR of a replication whose SPR phase was skipped, with `preproc`
 // on: the swapper first costs every clip and takes them in the order of their gains.
 extern bool preproc_pass;

@@ -188,6 +188,13 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
     pos = pos + 1 == nn ? 0 : pos + 1;
     if (mode < 0 && !improved && tips[n] < 3) { ++failures; continue; }
     records.clear();
+    if (swap_hook) {
+      // Examination only: every move within the suboptimal goes to the hook, none is taken.
+      const std::int32_t base = e.evaluate_clip(n, tbr, true, save_slack, best, records, examined);
+      ++failures;
+      if (base >= 0 && !records.empty() && swap_hook(e, records, base, score)) break;
+      continue;
+    }
     const bool room = saving && tree_store.ntrees < limit;
     const std::int32_t base = e.evaluate_clip(n, tbr, room, save_slack, best, records, examined);
     if (base < 0) { ++failures; continue; }
@@ -248,7 +255,7 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
   }
   rearrangements_examined.add(examined);
   e.export_tree(parent);
-  if (saving && slot < 0 && tree_store.ntrees < limit) slot = store_add(parent, score);
+  if (saving && !swap_hook && slot < 0 && tree_store.ntrees < limit) slot = store_add(parent, score);
   if (slot_io) *slot_io = slot;
   if (improved_out) *improved_out = improved;
   return score;
@@ -275,5 +282,6 @@ double swap_spr(std::vector<std::int32_t>& parent_array, int first, int mode, in
 std::string search_score_text(double s) { return score_text(s); }
 
 bool preproc_pass = false;
+SwapHookFn swap_hook = nullptr;
 
 }  // namespace qax::search

@@ -10,6 +10,8 @@
 #include "common/harness.h"
 #include "common/slow_length.h"
 #include "optim/collapse.h"
+#include "search/engine.h"
+#include "search/search_internal.h"
 #include "search/settings.h"
 #include "trees/store.h"
 
@@ -61,4 +63,44 @@ TEST_F(SearchStore, EqualTreesAreToldApartAsCollapsed) {
   // The same plateau: every collapsed tree reached one way is reached the other way.
   EXPECT_EQ(collapsed, from_binary);
   for (int k = 0; k < n; ++k) EXPECT_EQ(test::slow_length(trees::tree_row(k)), 128);
+}
+
+namespace {
+
+// Trees offered to the hook, as exported parent arrays with their scores.
+std::vector<std::pair<std::vector<std::int32_t>, double>> offered;
+
+bool collect_moves(search::Engine& e, const std::vector<search::Move>& records, std::int32_t base, double score) {
+  const std::vector<int> anc = e.anc, left = e.left, right = e.right;
+  for (const auto& m : records) {
+    e.apply_move(m);
+    std::vector<std::int32_t> row;
+    e.export_tree(row);
+    offered.emplace_back(row, score + (m.cost - base));
+    e.anc = anc;
+    e.left = left;
+    e.right = right;
+  }
+  return false;
+}
+
+}  // namespace
+
+TEST_F(SearchStore, HookReceivesEveryMoveWithinSuboptimalAndTheTreeStays) {
+  run(std::string("proc ") + QAX_TEST_DATA + "/Asher2005.xread; hold 100; rseed 3; mult=replic 1 hold 1;");
+  const std::vector<std::int32_t> before(trees::tree_row(0), trees::tree_row(0) + trees::tree_store.row_size);
+  offered.clear();
+  search::swap_hook = collect_moves;
+  std::string out = run("subopt 3; bbreak=tbr;");
+  search::swap_hook = nullptr;
+  run("subopt 0;");
+  EXPECT_EQ(trees::tree_store.ntrees, 1) << out;
+  EXPECT_EQ(std::vector<std::int32_t>(trees::tree_row(0), trees::tree_row(0) + trees::tree_store.row_size), before);
+  ASSERT_FALSE(offered.empty());
+  const int best = test::slow_length(before.data());
+  for (const auto& [row, score] : offered) {
+    EXPECT_EQ(test::slow_length(row.data()), score);
+    EXPECT_LE(score, best + 3);
+    EXPECT_GE(score, best);   // the tree was TBR-optimal
+  }
 }
