@@ -321,7 +321,11 @@ void run_mult(int replications) {
     out_printf("Total rearrangements examined: %s.\n", number_text(static_cast<long long>(rearrangements_examined.total())).c_str());
   if (constraint_allows) out_printf("Constraints enforced during search.\n");
   if (s.limit > 0) out_printf("Note: TBR limited to moves within %i nodes of original position.\n", s.limit);
-  if (!s.keepall && best >= 0) store_discard_above(0, best + s.suboptimal, -1);
+  if (!s.keepall && best >= 0) {
+    store_discard_above(0, best + s.suboptimal, -1);
+    if (store_drop_collapsed_duplicates() > 0)
+      out_printf("Note: some trees of different length are identical as collapsed. Discarded.\n");
+  }
   tag_search_trees("random_addseqs");
   last_best_score = best;
   last_hits = hits;

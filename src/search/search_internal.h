@@ -29,6 +29,9 @@ int store_add(std::vector<std::int32_t>& tree, double score);
 // index of row `keep` (-1 when dropped).
 int store_discard_above(int first, double bound, int keep);
 
+// Keeps one tree of each collapsed form, the first of lowest score; returns how many went.
+int store_drop_collapsed_duplicates();
+
 }  // namespace qax::search
 
 namespace qax::search {

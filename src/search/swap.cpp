@@ -55,6 +55,22 @@ int find_key(const std::vector<std::int32_t>& key, double score) {
 
 std::vector<std::int32_t> key_scratch;
 
+// Drops the rows with flags[k] == 0; the keys follow the rows, so the table is rebuilt
+// without collapsing anything again.
+void compact_rows(const std::vector<std::uint8_t>& flags) {
+  int to = 0;
+  keys.resize(tree_store.ntrees);
+  for (int k = 0; k < tree_store.ntrees; ++k)
+    if (flags[k]) {
+      if (to != k) keys[to] = std::move(keys[k]);
+      ++to;
+    }
+  keys.resize(to);
+  trees::tree_store_compact(flags);
+  seen.clear();
+  for (int k = 0; k < tree_store.ntrees; ++k) seen.emplace(row_hash(keys[k].data(), static_cast<int>(keys[k].size())), k);
+}
+
 }  // namespace
 
 void store_begin() {
@@ -95,19 +111,29 @@ int store_discard_above(int first, double bound, int keep) {
     }
   }
   if (new_keep >= 0) new_keep -= dropped_before;
-  // The keys follow the rows, so the table is rebuilt without collapsing anything again.
-  int to = 0;
-  keys.resize(tree_store.ntrees);
-  for (int k = 0; k < tree_store.ntrees; ++k)
-    if (flags[k]) {
-      if (to != k) keys[to] = std::move(keys[k]);
-      ++to;
-    }
-  keys.resize(to);
-  trees::tree_store_compact(flags);
-  seen.clear();
-  for (int k = 0; k < tree_store.ntrees; ++k) seen.emplace(row_hash(keys[k].data(), static_cast<int>(keys[k].size())), k);
+  compact_rows(flags);
   return new_keep;
+}
+
+int store_drop_collapsed_duplicates() {
+  // Rows of equal keys: the first of lowest score stays.
+  std::vector<std::uint8_t> flags(tree_store.ntrees, 1);
+  int dropped = 0;
+  for (int k = 0; k < tree_store.ntrees; ++k) {
+    auto range = seen.equal_range(row_hash(keys[k].data(), static_cast<int>(keys[k].size())));
+    for (auto it = range.first; it != range.second; ++it) {
+      const int j = it->second;
+      if (j == k || !flags[j] || keys[j] != keys[k]) continue;
+      const double sj = tree_store.scores[j], sk = tree_store.scores[k];
+      if (sj < sk - 1e-8 || (std::fabs(sj - sk) <= 1e-8 && j < k)) {
+        flags[k] = 0;
+        ++dropped;
+        break;
+      }
+    }
+  }
+  if (dropped) compact_rows(flags);
+  return dropped;
 }
 
 namespace {

@@ -104,3 +104,17 @@ TEST_F(SearchStore, HookReceivesEveryMoveWithinSuboptimalAndTheTreeStays) {
     EXPECT_GE(score, best);   // the tree was TBR-optimal
   }
 }
+
+TEST_F(SearchStore, SuboptimalTreesIdenticalAsCollapsedAreKeptOnce) {
+  std::string out = run(std::string("proc ") + QAX_TEST_DATA +
+                        "/Longrich2010.xread; hold 1000; rseed 1; subopt 2; mult=replic 5 hold 30;");
+  run("subopt 0;");
+  EXPECT_TRUE(has(out, "Note: some trees of different length are identical as collapsed. Discarded.\n")) << out;
+  const int n = trees::tree_store.ntrees;
+  EXPECT_EQ(static_cast<int>(collapsed_set(optim::collapse_rule1).size()), n);
+  for (int k = 0; k < n; ++k) {
+    const int len = test::slow_length(trees::tree_row(k));
+    EXPECT_EQ(len, trees::tree_store.scores[k]);
+    EXPECT_LE(len, 130);
+  }
+}
