@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <string>
 #include <set>
 #include <unordered_set>
@@ -510,22 +511,40 @@ void cmd_mult() {
   run_mult(run_reps >= 0 ? run_reps : search_settings.replications);
 }
 
-void cmd_bbreak() {
+bool read_settings_command(const char* name, const char* unknown_format,
+                           const std::function<bool(const std::string&, bool)>& option,
+                           const std::function<void()>& report, const std::function<void()>& undo) {
   int c = peek_char();
   bool run = true;
   if (c == '=' || c == ':') {
     next_char();
     run = c == '=';
-    if (!run && peek_char() == ';') { print_bbreak_settings(); return; }
+    if (!run && peek_char() == ';') {
+      report();
+      return false;
+    }
   } else if (c != ';') {
     next_char();
-    error_exitf("Wrong argument for bbreak: %c", c);
+    error_exitf("Wrong argument for %s: %c", name, c);
   }
-  while (peek_char() != ';') {
-    std::string w = read_option_word();
-    if (!bbreak_option(w.c_str(), !run)) error_exitf("Unidentified string in bbreak options: %s\n", w.c_str());
+  try {
+    while (peek_char() != ';') {
+      std::string w = read_option_word();
+      if (!option(w, !run)) error_exitf(unknown_format, w.c_str());
+    }
+  } catch (const CommandFailed&) {
+    undo();
+    throw;
   }
-  if (run) run_bbreak();
+  return run;
+}
+
+void cmd_bbreak() {
+  const SearchSettings saved = search_settings;
+  if (read_settings_command("bbreak", "Unidentified string in bbreak options: %s\n",
+                            [](const std::string& w, bool set_only) { return bbreak_option(w.c_str(), set_only); },
+                            print_bbreak_settings, [&] { search_settings = saved; }))
+    run_bbreak();
 }
 
 void cmd_rseed() {

@@ -140,25 +140,10 @@ bool drift_option(const std::string& w) {
 }  // namespace
 
 void cmd_drift() {
-  int c = peek_char();
-  bool run = true;
-  if (c == '=' || c == ':') {
-    next_char();
-    run = c == '=';
-    if (!run && peek_char() == ';') { print_drift_settings(); return; }
-  } else if (c != ';') {
-    next_char();
-    error_exitf("Wrong argument for drift: %c", c);
-  }
   const DriftSettings saved = drift_settings;
-  while (peek_char() != ';') {
-    std::string w = read_option_word();
-    if (!drift_option(w)) {
-      drift_settings = saved;
-      error_exitf("Unidentified string in drift options: %s", w.c_str());
-    }
-  }
-  if (run)
+  if (read_settings_command("drift", "Unidentified string in drift options: %s",
+                            [](const std::string& w, bool) { return drift_option(w); }, print_drift_settings,
+                            [&] { drift_settings = saved; }))
     run_from_best_tree("drifting", "%i drift cycles completed\n", [](std::vector<std::int32_t>& tree, std::uint32_t seed, int* done) {
       return drift_run(tree, seed, 0, tree_store.maxtrees, drift_settings.iterations, done);
     });

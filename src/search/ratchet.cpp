@@ -183,33 +183,20 @@ bool ratchet_option(const std::string& w) {
 }  // namespace
 
 void cmd_ratchet() {
-  int c = peek_char();
-  bool run = true;
-  if (c == '=' || c == ':') {
-    next_char();
-    run = c == '=';
-    if (!run && peek_char() == ';') { print_ratchet_settings(); return; }
-  } else if (c != ';') {
-    next_char();
-    error_exitf("Wrong argument for ratchet: %c", c);
-  }
   const RatchetSettings saved = ratchet_settings;
-  while (peek_char() != ';') {
-    std::string w = read_option_word();
-    if (!ratchet_option(w)) {
-      ratchet_settings = saved;
-      error_exitf("Unidentified string in ratchet options: %s", w.c_str());
-    }
-  }
+  auto undo = [&] { ratchet_settings = saved; };
+  const bool run = read_settings_command("ratchet", "Unidentified string in ratchet options: %s",
+                                         [](const std::string& w, bool) { return ratchet_option(w); },
+                                         print_ratchet_settings, undo);
   const RatchetSettings& r = ratchet_settings;
   if (r.upfactor == 0 && r.downfactor == 0 && !r.equals) {
-    ratchet_settings = saved;
+    undo();
     error_exit("Ratchet must do at least one of equals, up, or down --all three are off!");
   }
-  if (run)
-    run_from_best_tree("ratchet", "%i ratchet iterations completed\n", [](std::vector<std::int32_t>& tree, std::uint32_t seed, int* done) {
-      return ratchet_run(tree, seed, 0, tree_store.maxtrees, ratchet_settings.iterations, done);
-    });
+  if (!run) return;
+  run_from_best_tree("ratchet", "%i ratchet iterations completed\n", [](std::vector<std::int32_t>& tree, std::uint32_t seed, int* done) {
+    return ratchet_run(tree, seed, 0, tree_store.maxtrees, ratchet_settings.iterations, done);
+  });
 }
 
 }  // namespace qax::search

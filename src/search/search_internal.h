@@ -60,6 +60,13 @@ extern int wagner_region_faults;
 int option_number(int missing);
 std::string read_option_word();
 void search_prepare();
+// Reads the forms of a settings command: "name;" runs, "name=options;" sets and runs,
+// "name:options;" only sets, "name:;" reports. Each option word goes to `option` (word,
+// set only), which reads what follows it; an unknown word fails with `unknown_format`, and
+// any failure puts the settings back through `undo`. Returns true when the command runs.
+bool read_settings_command(const char* name, const char* unknown_format,
+                           const std::function<bool(const std::string&, bool)>& option,
+                           const std::function<void()>& report, const std::function<void()>& undo);
 std::uint32_t command_seed();
 // Loads stored tree k into the engine; polytomies are resolved first (arbitrarily) and the
 // resolved tree replaces the stored one. False when the tree lacks active taxa.

@@ -32,6 +32,12 @@ inline void setup_shell() {
   dataset::reset_dataset_state();
 }
 
+// A test that starts from the start-up state.
+class ShellTest : public ::testing::Test {
+ protected:
+  void SetUp() override { setup_shell(); }
+};
+
 // Each test process logs to its own file: ctest runs test processes in parallel.
 inline std::string capture_log_name() {
   return ::testing::TempDir() + "qax_capture_" + std::to_string(::getpid()) + ".log";

@@ -22,10 +22,7 @@ using qax::test::slow_length;
 
 namespace {
 
-class Drift : public ::testing::Test {
- protected:
-  void SetUp() override { test::setup_shell(); }
-};
+class Drift : public test::ShellTest {};
 
 std::string random_matrix(int ntax, int nchar, std::mt19937& rng) {
   std::string s = "xread " + std::to_string(nchar) + " " + std::to_string(ntax) + "\n";

@@ -20,10 +20,7 @@ using qax::test::slow_length;
 
 namespace {
 
-class Ratchet : public ::testing::Test {
- protected:
-  void SetUp() override { test::setup_shell(); }
-};
+class Ratchet : public test::ShellTest {};
 
 void expect_store_scored(int best) {
   ASSERT_GT(trees::tree_store.ntrees, 0);

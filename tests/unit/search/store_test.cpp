@@ -21,10 +21,7 @@ using qax::test::run;
 
 namespace {
 
-class SearchStore : public ::testing::Test {
- protected:
-  void SetUp() override { test::setup_shell(); }
-};
+class SearchStore : public test::ShellTest {};
 
 std::set<std::vector<std::int32_t>> collapsed_set(int rule) {
   std::set<std::vector<std::int32_t>> out;
