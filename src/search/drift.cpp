@@ -73,19 +73,8 @@ double read_real_option(const char* what) {
 
 bool drift_option(const std::string& w) {
   DriftSettings& d = drift_settings;
-  const char* s = w.c_str();
-  auto is = [&](const char* name, std::size_t least) { return w.size() >= least && is_prefix(s, name) == 0; };
-  if (is("iterations", 2)) {
-    int n = option_number(-1);
-    if (n < 0) error_exit("Give number of drift cycles");
-    if (n > 100000) error_exitf("Can't do %i drift cycles (max=100000)", n);
-    d.iterations = n;
-  } else if (is("numsubs", 2)) {
-    int n = option_number(-1);
-    if (n < 0) error_exit("Give number of drift substitutions");
-    if (n > 1000000) error_exitf("Can't do %i drift substitutions (max=1000000)", n);
-    d.numsubs = n;
-  } else if (is("fitdiff", 2)) {
+  auto is = [&](const char* name, std::size_t least) { return w.size() >= least && is_prefix(w.c_str(), name) == 0; };
+  if (is("fitdiff", 2)) {
     d.fitdiff = read_real_option("fitdiff");
   } else if (is("rfitdiff", 2)) {
     d.rfitdiff = read_real_option("rfitdiff");
@@ -93,46 +82,20 @@ bool drift_option(const std::string& w) {
     const double x = read_real_option("xfactor");
     if (x <= 0) error_exit("Xfactor must be above 0");
     d.xfactor = x;
-  } else if (is("equals", 2)) {
-    d.equals = 1;
-  } else if (is("noequals", 3)) {
-    d.equals = 0;
-  } else if (is("giveup", 2)) {
-    int n = option_number(-1);
-    if (n < 0 || n > 100) error_exitf("Percentage can't be %i (must be 0-100)", n);
-    d.giveup = n;
-  } else if (is("nogiveup", 3)) {
-    d.giveup = 100;
   } else if (is("pert", 2)) {
     d.pert = 1;
   } else if (is("nopert", 3)) {
     d.pert = 0;
   } else if (is("flatnumsubs", 5)) {
-    int n = option_number(-1);
-    if (n < 0 || n > 1000000) error_exitf("Can't do %i drift substitutions (max=1000000)", n);
-    d.flatnumsubs = n;
+    d.flatnumsubs = read_count(1000000, "Can't do %i drift substitutions (max=1000000)", "drift substitutions");
   } else if (is("flat", 2)) {
-    int n = option_number(-1);
-    if (n < 0) error_exit("Give number of flat cycles");
-    d.flat = n;
+    d.flat = read_count(100000, "Can't do %i flat cycles (max=100000)", "flat cycles");
   } else if (is("rflat", 2)) {
     d.rflat = read_real_option("rflat");
-  } else if (is("findscore", 2)) {
-    int n = option_number(-1);
-    if (n < 0) error_exit("Give score to find");
-    d.findscore = n;
-  } else if (is("nofindscore", 3)) {
-    d.findscore = 0;
-  } else if (is("fusefreq", 2)) {
-    int n = option_number(-1);
-    if (n != 0) error_exit("Fusing of drift trees is not available in this version (use fusefreq 0)");
-  } else if (is("nofusefreq", 3) || is("dumpfuse", 2) || is("nodumpfuse", 3) || is("noautoconst", 3)) {
-    // fusing and autoconstraints are off
-  } else if (is("autoconst", 2)) {
-    int n = option_number(-1);
-    if (n != 0) error_exit("Autoconstrained drift is not available in this version (use autoconst 0)");
   } else {
-    return false;
+    int dumpfuse = 1;
+    return shared_perturb_option(w, PerturbOptions{&d.iterations, &d.numsubs, &d.equals, &d.giveup, &d.findscore,
+                                                   &dumpfuse, "drift cycles", "drift substitutions", "drift"});
   }
   return true;
 }

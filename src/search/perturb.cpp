@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstdio>
 #include <vector>
 
 #include "optim/packed.h"
@@ -190,6 +191,58 @@ double perturb_search(std::vector<std::int32_t>& tree, int first, int limit, int
   tree = best_tree;
   if (iterations_done) *iterations_done = done;
   return best;
+}
+
+int read_percent() {
+  int n = option_number(-1);
+  if (n < 0 || n > 100) error_exitf("Percentage can't be %i (must be 0-100)", n);
+  return n;
+}
+
+int read_count(int max, const char* too_many, const char* what) {
+  int n = option_number(-1);
+  if (n < 0) error_exitf("Give number of %s", what);
+  if (n > max) error_exitf(too_many, n);
+  return n;
+}
+
+bool shared_perturb_option(const std::string& w, const PerturbOptions& o) {
+  auto is = [&](const char* name, std::size_t least) { return w.size() >= least && is_prefix(w.c_str(), name) == 0; };
+  char text[100];
+  if (is("iterations", 2)) {
+    std::snprintf(text, sizeof text, "Can't do %%i %s (max=100000)", o.cycles);
+    *o.iterations = read_count(100000, text, o.cycles);
+  } else if (is("numsubs", 2)) {
+    std::snprintf(text, sizeof text, "Can't do %%i %s (max=1000000)", o.substitutions);
+    *o.numsubs = read_count(1000000, text, o.substitutions);
+  } else if (is("equals", 2)) {
+    *o.equals = 1;
+  } else if (is("noequals", 3)) {
+    *o.equals = 0;
+  } else if (is("giveup", 2)) {
+    *o.giveup = read_percent();
+  } else if (is("nogiveup", 3)) {
+    *o.giveup = 100;
+  } else if (is("findscore", 2)) {
+    int n = option_number(-1);
+    if (n < 0) error_exit("Give score to find");
+    *o.findscore = n;
+  } else if (is("nofindscore", 3)) {
+    *o.findscore = 0;
+  } else if (is("fusefreq", 2)) {
+    if (option_number(-1) != 0)
+      error_exitf("Fusing of %s trees is not available in this version (use fusefreq 0)", o.subject);
+  } else if (is("autoconst", 2)) {
+    if (option_number(-1) != 0)
+      error_exitf("Autoconstrained %s is not available in this version (use autoconst 0)", o.subject);
+  } else if (is("dumpfuse", 2)) {
+    *o.dumpfuse = 1;
+  } else if (is("nodumpfuse", 3)) {
+    *o.dumpfuse = 0;
+  } else if (!is("nofusefreq", 3) && !is("noautoconst", 3)) {
+    return false;   // fusing and autoconstraints are off anyway
+  }
+  return true;
 }
 
 void run_from_best_tree(const char* tag, const char* completed_format,

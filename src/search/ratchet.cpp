@@ -116,66 +116,20 @@ void print_ratchet_settings() {
   out_printf("     * no fusing of the trees found\n");
 }
 
-// Percentages of the perturbation.
-int read_percent() {
-  int n = option_number(-1);
-  if (n < 0 || n > 100) error_exitf("Percentage can't be %i (must be 0-100)", n);
-  return n;
-}
-
 bool ratchet_option(const std::string& w) {
   RatchetSettings& r = ratchet_settings;
-  const char* s = w.c_str();
-  auto is = [&](const char* name, std::size_t least) { return w.size() >= least && is_prefix(s, name) == 0; };
-  if (is("iterations", 2)) {
-    int n = option_number(-1);
-    if (n < 0) error_exit("Give number of ratchet iterations");
-    if (n > 100000) error_exitf("Can't do %i ratchet iterations (max=100000)", n);
-    r.iterations = n;
-  } else if (is("numsubs", 2)) {
-    int n = option_number(-1);
-    if (n < 0) error_exit("Give number of ratchet substitutions");
-    if (n > 1000000) error_exitf("Can't do %i ratchet substitutions (max=1000000)", n);
-    r.numsubs = n;
-  } else if (is("upfactor", 2)) {
+  auto is = [&](const char* name, std::size_t least) { return w.size() >= least && is_prefix(w.c_str(), name) == 0; };
+  if (is("upfactor", 2)) {
     r.upfactor = read_percent();
   } else if (is("downfactor", 2)) {
     r.downfactor = read_percent();
-  } else if (is("equals", 2)) {
-    r.equals = 1;
-  } else if (is("noequals", 3)) {
-    r.equals = 0;
-  } else if (is("giveup", 2)) {
-    r.giveup = read_percent();
-  } else if (is("nogiveup", 3)) {
-    r.giveup = 100;
   } else if (is("tradrat", 2)) {
     r.tradrat = 1;
   } else if (is("notradrat", 3)) {
     r.tradrat = 0;
-  } else if (is("findscore", 2)) {
-    int n = option_number(-1);
-    if (n < 0) error_exit("Give score to find");
-    r.findscore = n;
-  } else if (is("nofindscore", 3)) {
-    r.findscore = 0;
-  } else if (is("fusefreq", 2)) {
-    int n = option_number(-1);
-    if (n != 0) error_exit("Fusing of ratchet trees is not available in this version (use fusefreq 0)");
-    r.fusefreq = 0;
-  } else if (is("nofusefreq", 3)) {
-    r.fusefreq = 0;
-  } else if (is("dumpfuse", 2)) {
-    r.dumpfuse = 1;
-  } else if (is("nodumpfuse", 3)) {
-    r.dumpfuse = 0;
-  } else if (is("autoconst", 2)) {
-    int n = option_number(-1);
-    if (n != 0) error_exit("Autoconstrained ratchet is not available in this version (use autoconst 0)");
-  } else if (is("noautoconst", 3)) {
-    // nothing to turn off
   } else {
-    return false;
+    return shared_perturb_option(w, PerturbOptions{&r.iterations, &r.numsubs, &r.equals, &r.giveup, &r.findscore,
+                                                   &r.dumpfuse, "ratchet iterations", "ratchet substitutions", "ratchet"});
   }
   return true;
 }

@@ -98,6 +98,22 @@ double perturb_search(std::vector<std::int32_t>& tree, int first, int limit, int
 // group tag `tag`, and the end report.
 void run_from_best_tree(const char* tag, const char* completed_format,
                         const std::function<double(std::vector<std::int32_t>&, std::uint32_t, int*)>& run);
+// Options shared by the ratchet and drift; the words name what the messages count.
+struct PerturbOptions {
+  int* iterations;
+  int* numsubs;
+  int* equals;
+  int* giveup;
+  int* findscore;
+  int* dumpfuse;
+  const char* cycles;          // "ratchet iterations"
+  const char* substitutions;   // "ratchet substitutions"
+  const char* subject;         // "ratchet"
+};
+bool shared_perturb_option(const std::string& w, const PerturbOptions& o);
+// A percentage after an option (0 to 100); a count up to max ("Give number of <what>").
+int read_percent();
+int read_count(int max, const char* too_many, const char* what);
 // Score as printed: whole numbers without decimals.
 std::string search_score_text(double s);
 }  // namespace qax::search

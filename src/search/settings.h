@@ -59,7 +59,6 @@ struct RatchetSettings {
   int giveup = 99;              // percent of a pass of clips after which a perturbation stops
   int tradrat = 0;              // perturb by a whole TBR search under the perturbed weights
   int findscore = 0;            // stop at this score or better (0: never)
-  int fusefreq = 0;             // fusing is not built: always 0
   int dumpfuse = 1;             // kept for the settings report
 };
 extern RatchetSettings ratchet_settings;
