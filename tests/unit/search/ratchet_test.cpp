@@ -3,6 +3,8 @@
 // weights as they were, repeats with the same seed, and the mult option runs it.
 #include <gtest/gtest.h>
 
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -118,5 +120,29 @@ TEST_F(Ratchet, MultWithRatchetReachesKnownBestOnLargeMatrices) {
                           std::to_string(c.best) + "; mult=replic 1 tbr hold 1 ratchet;");
     EXPECT_TRUE(has(out, "Best score (TBR): " + std::to_string(c.best) + ".")) << c.file << "\n" << out;
     expect_store_scored(c.best);
+  }
+}
+
+TEST_F(Ratchet, TreesKeepTheGroupsForcedOnTheSearch) {
+  // A group the data don't favour: every tree the ratchet and drift keep must still hold it.
+  run(std::string("proc ") + QAX_TEST_DATA + "/Conrad2008.xread; hold 200; force +[3 5 9 12]; constrain =; rseed 2;" +
+      "mult=replic 1 hold 1;");
+  const std::set<int> group{3, 5, 9, 12};
+  auto holds_group = [&](const std::int32_t* row) {
+    const int ntax = dataset::dataset.ntax;
+    std::map<int, std::set<int>> below;
+    for (int t = 0; t < ntax; ++t)
+      for (int a = row[t]; a >= ntax; a = a == ntax ? -1 : row[a]) below[a].insert(t);
+    for (const auto& [node, taxa] : below)
+      if (taxa == group) return true;
+    return false;
+  };
+  for (const char* command : {"ratchet=iter 15;", "drift=iter 10;"}) {
+    std::string out = run(command);
+    ASSERT_GT(trees::tree_store.ntrees, 0) << out;
+    for (int k = 0; k < trees::tree_store.ntrees; ++k) {
+      EXPECT_TRUE(holds_group(trees::tree_row(k))) << command << " tree " << k;
+      EXPECT_EQ(slow_length(trees::tree_row(k)), trees::tree_store.scores[k]);
+    }
   }
 }
