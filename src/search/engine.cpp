@@ -620,11 +620,11 @@ void Engine::clip_update(int p, int s, int g) {
       // hand, and widen the block's union (a wider union only weakens the block test, which
       // stays a lower bound); lazy_target completes the set if a join needs it.
       std::uint32_t* un = mark_target(v, nullptr);
-      std::uint32_t* tmp = e2 + v * WS;
-      fitch_mask(L, chunk, mv, D(v), u2 + v * WS, tmp, tmp);
+      const std::uint32_t* dv = D(v);
+      const std::uint32_t* uv = u2 + v * WS;
       for (std::uint64_t mm = mv; mm; mm &= mm - 1) {
         const int lo = __builtin_ctzll(mm) * chunk, hi = std::min(W, lo + chunk);
-        for (int w = lo; w < hi; ++w) un[w] |= tmp[w];
+        for (int w = lo; w < hi; ++w) un[w] |= dv[w] | uv[w];
       }
       if (v < nt) continue;
       const int a = left[v], b = right[v];
@@ -672,6 +672,7 @@ const std::uint32_t* Engine::lazy_target(int k) {
   std::uint32_t* e2 = tgt.data() + v * WS;
   // The changed chunks were made by clip_update; the others are those of the tree.
   const std::uint32_t* e = E(v);
+  fitch_mask(packed.layout, chunk_words, umask[v], D(v), up2.data() + v * WS, e2, e2);
   const std::uint64_t keep = full_mask & ~umask[v];
   for (std::uint64_t m = keep; m; m &= m - 1) {
     const int lo = __builtin_ctzll(m) * chunk_words, hi = std::min(W, lo + chunk_words);
