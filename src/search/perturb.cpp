@@ -175,15 +175,16 @@ double perturb_search(std::vector<std::int32_t>& tree, int first, int limit, int
     if (shell_state.stop_search_flag) break;
     const double score = swap_tbr(tree, 0, 0, 0);
     ++done;
-    if (score <= current + 1e-8) {
+    const bool accepted = score <= current + 1e-8;
+    if (accepted) {
       if (first >= 0 && score < best - 1e-8) store_discard_above(first, score + subopt, -1);
       current = score;
       if (score < best) best = score;
       best_tree = tree;
-      if (first >= 0 && tree_store.ntrees < limit && score <= best + subopt + 1e-8) store_add(tree, score);
-    } else if (first >= 0) {
-      tree = best_tree;   // go on from the best tree so far
     }
+    // Every tree within the suboptimal of the best is kept, while there is room.
+    if (first >= 0 && tree_store.ntrees < limit && score <= best + subopt + 1e-8) store_add(tree, score);
+    if (!accepted && first >= 0) tree = best_tree;   // go on from the best tree so far
     show_progress(it + 1, iterations, label);
     if (findscore > 0 && best <= findscore + 1e-8) break;
     if (!go_on) break;
