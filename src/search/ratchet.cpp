@@ -2,14 +2,11 @@
 // doubled, some set to 0, or the initial weights with equal moves only) followed by TBR
 // under the initial weights. The perturbation moves the tree off its local optimum along
 // directions the data partly support, which TBR alone can't leave.
-#include <algorithm>
-#include <cmath>
-#include <cstring>
+#include <string>
 #include <vector>
 
 #include "dataset/dataset.h"
 #include "optim/packed.h"
-#include "search/constraints.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
 #include "shell/commands.h"
