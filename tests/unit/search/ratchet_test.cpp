@@ -146,3 +146,16 @@ TEST_F(Ratchet, TreesKeepTheGroupsForcedOnTheSearch) {
     }
   }
 }
+
+TEST_F(Ratchet, TimeOutEndsItWithWeightsRestoredAndTreesScored) {
+  // Far more iterations than a second allows: the time-out stops the ratchet, which keeps
+  // what it found, and the doubled or zeroed weights of the iteration in work go back.
+  run(std::string("proc ") + QAX_TEST_DATA + "/rbcl500.xread; hold 100; rseed 1; mult=replic 1 hold 1;");
+  const std::vector<int> before = weights();
+  std::string out = run("timeout 0:00:01; ratchet=iter 100000; timeout 0;");
+  EXPECT_TRUE(has(out, "Interrupting search (time is out!)")) << out;
+  EXPECT_FALSE(has(out, "100000 ratchet iterations completed")) << out;
+  EXPECT_EQ(weights(), before);
+  const int best = static_cast<int>(search::last_best_score);
+  expect_store_scored(best);
+}
