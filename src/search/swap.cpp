@@ -280,6 +280,14 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
     }
   }
   rearrangements_examined.add(examined);
+  {
+    // The running score, kept up by the incremental updates, against a full evaluation.
+    const double running = score;
+    score = e.compute_all();
+    if (std::fabs(score - running) > 1e-8)
+      qax::shell::error_exitf("\nInternal error in %s calculations, expected %.10f, is %.10f", tbr ? "TBR" : "SPR",
+                              running, score);
+  }
   e.export_tree(parent);
   if (saving && !swap_hook && slot < 0 && tree_store.ntrees < limit) slot = store_add(parent, score);
   if (slot_io) *slot_io = slot;
