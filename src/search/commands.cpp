@@ -143,7 +143,7 @@ bool bbreak_option(const char* w, bool set_only) {
   Flag flags[] = {{"mulpars", "nomulpars", &s.mulpars}, {"fillonly", "nofillonly", &s.fillonly},
                   {"safe", "nosafe", &s.safe},          {"skipspr", "noskipspr", &s.skipspr},
                   {"randclip", "norandclip", &s.randclip}, {"preproc", "nopreproc", &s.preproc},
-                  {"qcollapse", "noqcollapse", &s.qcollapse}};
+                  {"qcollapse", "noqcollapse", &optim::collapse_settings.quick_collapse}};
   for (const Flag& f : flags) {
     if (std::strcmp(w, f.on) == 0 || (std::strlen(w) >= 3 && is_prefix(w, f.on) == 0)) { *f.field = 1; return true; }
     if (std::strcmp(w, f.off) == 0 || (std::strlen(w) >= 5 && is_prefix(w, f.off) == 0)) { *f.field = 0; return true; }

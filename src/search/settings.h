@@ -41,7 +41,6 @@ struct SearchSettings {
   int randclip = 0;             // clip in random order
   int preproc = 0;              // sort clips by expected gain
   int limit = 0;                // TBR within this many nodes of the clip point (0: none)
-  int qcollapse = 1;            // quick collapse flags while swapping
   int inters = 0;               // regions keep intersections (1, or 2 with reordered characters)
   int stratswap = 0;            // landmark error margin while swapping
   double suboptimal = 0;        // subopt: trees up to best + this are kept
