@@ -30,7 +30,8 @@ const HelpEntry help_entries[] = {
      "apo- / apo=  ambiguous changes shown or not;  apo[ / apo]  as table"},
     {"bbreak",
      "bbreak [ = options ];  branch swapping of the trees in memory\n"
-     "Options: tbr, spr, fillonly, safe, clusters N, inters, mulpars, nomulpars\n"
+     "Options: tbr, spr, [no]mulpars, [no]fillonly, [no]safe, [no]skipspr, [no]randclip,\n"
+     "[no]preproc, limit N, outfreq N, [no]qcollapse; with \":\" only: clustersize N, inters N, xbits\n"
      "bbreak: options;  set options only;  bbreak:;  report settings"},
     {"beep",
      "beep =;  beep on errors;  beep -;  silent errors;  beep /;  toggle"},
