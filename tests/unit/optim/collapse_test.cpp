@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "app/program.h"
+#include "common/data_fixtures.h"
 #include "dataset/dataset.h"
 #include "optim/collapse.h"
 #include "optim/packed.h"
@@ -26,22 +27,13 @@ namespace ds = qax::dataset;
 
 namespace {
 
-std::vector<std::uint32_t> cells;
+std::vector<std::uint32_t>& cells = qax::test::matrix_cells();
 
 // Random matrix: nonadditive characters of 2-4 states with polymorphisms and missing
 // entries, additive ones with single states or missing.
 void random_matrix(std::mt19937& rng, int ntax, int nchar) {
+  qax::test::install_matrix(ntax, nchar);
   ds::Dataset& d = ds::dataset;
-  d = ds::Dataset{};
-  d.loaded = 1;
-  d.ntax = ntax;
-  d.nchar = nchar;
-  d.cell_width = 4;
-  d.taxon_active.assign(ntax, 1);
-  d.taxon_names.clear();
-  for (int t = 0; t < ntax; ++t) d.taxon_names.push_back("t" + std::to_string(t));
-  d.chars.assign(nchar, ds::CharacterRecord{});
-  cells.assign(static_cast<std::size_t>(ntax) * nchar, 0);
   auto U = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
   for (int c = 0; c < nchar; ++c) {
     const bool add = U(4) == 0;
@@ -56,29 +48,9 @@ void random_matrix(std::mt19937& rng, int ntax, int nchar) {
       cells[static_cast<std::size_t>(t) * nchar + c] = v;
     }
   }
-  d.cells = reinterpret_cast<unsigned char*>(cells.data());
-  d.outgroup = 0;
 }
 
-std::vector<std::int32_t> random_parent(std::mt19937& rng, int ntax) {
-  std::vector<std::int32_t> parent(2 * ntax - 1, 0);
-  std::vector<int> pool(ntax);
-  for (int i = 0; i < ntax; ++i) pool[i] = i;
-  int next = 2 * ntax - 2;
-  while (pool.size() > 2) {
-    int i = rng() % pool.size();
-    int a = pool[i];
-    pool.erase(pool.begin() + i);
-    int j = rng() % pool.size();
-    int b = pool[j];
-    pool.erase(pool.begin() + j);
-    parent[a] = parent[b] = next;
-    pool.push_back(next--);
-  }
-  parent[pool[0]] = parent[pool[1]] = ntax;
-  parent[ntax] = 2 * ntax - 1;
-  return parent;
-}
+std::vector<std::int32_t> random_parent(std::mt19937& rng, int ntax) { return qax::test::random_binary_parent(rng, ntax); }
 
 // Per branch (v, parent v): 1 when character c can have zero length there (zero), and
 // when it can have a change (change), in some best reconstruction on the rooted tree.

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "dataset/dataset.h"
+#include "common/data_fixtures.h"
 #include "optim/packed.h"
 #include "optim/recons.h"
 #include "optim/reports.h"
@@ -21,19 +22,12 @@ namespace ds = qax::dataset;
 
 namespace {
 
-std::vector<std::uint32_t> cells;
+std::vector<std::uint32_t>& cells = qax::test::matrix_cells();
 
 // Characters of 2-4 states (every third additive), with polymorphisms and missing entries.
 void random_matrix(std::mt19937& rng, int ntax, int nchar) {
+  qax::test::install_matrix(ntax, nchar);
   ds::Dataset& d = ds::dataset;
-  d = ds::Dataset{};
-  d.loaded = 1;
-  d.ntax = ntax;
-  d.nchar = nchar;
-  d.cell_width = 4;
-  d.taxon_active.assign(ntax, 1);
-  d.chars.assign(nchar, ds::CharacterRecord{});
-  cells.assign(static_cast<std::size_t>(ntax) * nchar, 0);
   for (int c = 0; c < nchar; ++c) {
     const int nst = 2 + static_cast<int>(rng() % 3);
     d.chars[c].additive = c % 3 == 2;
@@ -45,7 +39,6 @@ void random_matrix(std::mt19937& rng, int ntax, int nchar) {
       cells[static_cast<std::size_t>(t) * nchar + c] = v;
     }
   }
-  d.cells = reinterpret_cast<unsigned char*>(cells.data());
 }
 
 // Random rooted tree with polytomies: items are merged two or three at a time.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "dataset/dataset.h"
+#include "common/data_fixtures.h"
 #include "optim/kernels.h"
 #include "optim/packed.h"
 #include "search/constraints.h"
@@ -20,42 +21,15 @@ namespace ds = qax::dataset;
 
 namespace {
 
-std::vector<std::uint32_t> cells;
-
 void make_data(std::mt19937& rng, int ntax, bool some_inactive) {
-  ds::Dataset& d = ds::dataset;
-  d = ds::Dataset{};
-  d.loaded = 1;
-  d.ntax = ntax;
-  d.nchar = 3;
-  d.cell_width = 4;
-  d.taxon_active.assign(ntax, 1);
-  if (some_inactive) d.taxon_active[1 + rng() % (ntax - 1)] = 0;
-  d.chars.assign(3, ds::CharacterRecord{});
-  cells.assign(static_cast<std::size_t>(ntax) * 3, 0);
-  for (auto& c : cells) c = 1u << (rng() % 2);
-  d.cells = reinterpret_cast<unsigned char*>(cells.data());
-  d.outgroup = 0;
+  qax::test::install_matrix(ntax, 3);
+  if (some_inactive) ds::dataset.taxon_active[1 + rng() % (ntax - 1)] = 0;
+  for (auto& c : qax::test::matrix_cells()) c = 1u << (rng() % 2);
 }
 
 std::vector<int> random_parent(std::mt19937& rng, int ntax) {
-  std::vector<int> parent(2 * ntax - 1, 0);
-  std::vector<int> pool(ntax);
-  for (int i = 0; i < ntax; ++i) pool[i] = i;
-  int next = 2 * ntax - 2;
-  while (pool.size() > 2) {
-    int i = rng() % pool.size();
-    int a = pool[i];
-    pool.erase(pool.begin() + i);
-    int j = rng() % pool.size();
-    int b = pool[j];
-    pool.erase(pool.begin() + j);
-    parent[a] = parent[b] = next;
-    pool.push_back(next--);
-  }
-  parent[pool[0]] = parent[pool[1]] = ntax;
-  parent[ntax] = 2 * ntax - 1;
-  return parent;
+  const auto p = qax::test::random_binary_parent(rng, ntax);
+  return {p.begin(), p.end()};
 }
 
 ConstraintGroup random_group(std::mt19937& rng, int ntax, int size) {

@@ -29,6 +29,7 @@
 #include "shell/output.h"
 #include "shell/state.h"
 #include "trees/store.h"
+#include "common/harness.h"
 #include "common/slow_length.h"
 
 using namespace qax;
@@ -37,36 +38,8 @@ namespace ds = qax::dataset;
 
 namespace {
 
-const std::string log_name = ::testing::TempDir() + "search_test_" + std::to_string(::getpid()) + ".log";
-
-void setup_shell() {
-  app::reset_run_state();
-  shell::install_command_table(app::command_records, &app::run_file_record);
-  shell::init_input_stack(10, "", false);
-  shell::frame_at(0).stream = nullptr;
-  shell::region_tags = shell::RegionTags();
-  shell::claim_arena(shell::default_ram_size);
-  ds::reset_dataset_state();
-  trees::install_dataset_links();
-  ds::add_dataset_replaced_hook(trees::tree_store_clear);
-}
-
-std::string run(const std::string& text) {
-  shell::init_input_stack(10, "", false);
-  shell::frame_at(0).stream = nullptr;
-  shell::open_log(log_name, false);
-  shell::push_text_level(text + "\n", "test");
-  while (shell::input_level() > 0 && !shell::current_frame().at_eof) shell::read_and_dispatch();
-  while (shell::input_level() > 0) shell::close_input();
-  shell::flush_log();
-  shell::close_log();
-  std::ifstream in(log_name);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-bool has(const std::string& out, const std::string& piece) { return out.find(piece) != std::string::npos; }
+using qax::test::has;
+using qax::test::run;
 
 // Splits of a parent array: for each inner node below the root, its taxa as a sorted list,
 // taken on the side without taxon 0; the root is on taxon 0, so this is the unrooted tree.
@@ -214,10 +187,7 @@ std::string random_matrix(int ntax, int nchar, int states, std::mt19937& rng) {
   return s + ";";
 }
 
-class Search : public ::testing::Test {
- protected:
-  void SetUp() override { setup_shell(); }
-};
+class Search : public test::ShellTest {};
 
 // Every stored tree has the reported score, re-scored by the slow scorer.
 void check_store(double best) {

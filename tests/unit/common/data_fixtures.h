@@ -1,0 +1,58 @@
+// Data fixtures of the kernel and search tests: a matrix installed directly in memory
+// (32-bit cells, taxon by taxon, editable by the test), and random binary trees over it.
+#pragma once
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "dataset/dataset.h"
+
+namespace qax::test {
+
+// The cells of the installed matrix: cell (t, c) is at t * nchar + c.
+inline std::vector<std::uint32_t>& matrix_cells() {
+  static std::vector<std::uint32_t> cells;
+  return cells;
+}
+
+// A matrix of ntax active taxa (t0, t1, ...) by nchar characters with default records, all
+// cells 0 (the caller fills them), outgroup 0.
+inline void install_matrix(int ntax, int nchar) {
+  dataset::Dataset& d = dataset::dataset;
+  d = dataset::Dataset{};
+  d.loaded = 1;
+  d.ntax = ntax;
+  d.nchar = nchar;
+  d.cell_width = 4;
+  d.taxon_active.assign(ntax, 1);
+  for (int t = 0; t < ntax; ++t) d.taxon_names.push_back("t" + std::to_string(t));
+  d.chars.assign(nchar, dataset::CharacterRecord{});
+  matrix_cells().assign(static_cast<std::size_t>(ntax) * nchar, 0);
+  d.cells = reinterpret_cast<unsigned char*>(matrix_cells().data());
+  d.outgroup = 0;
+}
+
+// A random binary tree on all taxa as a parent array: pairs of items are joined at random.
+inline std::vector<std::int32_t> random_binary_parent(std::mt19937& rng, int ntax) {
+  std::vector<std::int32_t> parent(2 * ntax - 1, 0);
+  std::vector<int> pool(ntax);
+  for (int i = 0; i < ntax; ++i) pool[i] = i;
+  int next = 2 * ntax - 2;
+  while (pool.size() > 2) {
+    int i = rng() % pool.size();
+    int a = pool[i];
+    pool.erase(pool.begin() + i);
+    int j = rng() % pool.size();
+    int b = pool[j];
+    pool.erase(pool.begin() + j);
+    parent[a] = parent[b] = next;
+    pool.push_back(next--);
+  }
+  parent[pool[0]] = parent[pool[1]] = ntax;
+  parent[ntax] = 2 * ntax - 1;
+  return parent;
+}
+
+}  // namespace qax::test
