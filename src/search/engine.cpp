@@ -319,17 +319,21 @@ void Engine::export_tree(std::vector<std::int32_t>& parent) const {
   trees::reset_node_numbers(parent.data(), ntax);
 }
 
-double Engine::compute_all() {
-  const optim::Layout& L = packed.layout;
-  // Preorder of inner nodes from the root.
+int Engine::inner_preorder() {
   int cnt = 0, top = 0;
   stack[top++] = nt;
   while (top) {
-    int n = stack[--top];
+    const int n = stack[--top];
     order[cnt++] = n;
     if (right[n] >= nt) stack[top++] = right[n];
     if (left[n] >= nt) stack[top++] = left[n];
   }
+  return cnt;
+}
+
+double Engine::compute_all() {
+  const optim::Layout& L = packed.layout;
+  const int cnt = inner_preorder();
   std::int64_t steps = 0;
   std::int32_t ok;
   for (int k = cnt - 1; k >= 0; --k) {
@@ -483,14 +487,7 @@ void Engine::apply_move(const Move& m) {
 
 double Engine::update_after_move() {
   const optim::Layout& L = packed.layout;
-  int cnt = 0, top = 0;
-  stack[top++] = nt;
-  while (top) {
-    int n = stack[--top];
-    order[cnt++] = n;
-    if (right[n] >= nt) stack[top++] = right[n];
-    if (left[n] >= nt) stack[top++] = left[n];
-  }
+  const int cnt = inner_preorder();
   // A node whose pair of children changed has a new subtree below it and new sisters for
   // its children; everything else changes only through changed values.
   auto moved = [&](int v) {

@@ -83,6 +83,7 @@ struct Engine {
   void init();                                    // sizes from the current pack, empty tree
   bool load(const std::vector<std::int32_t>& parent);   // from a data set parent array
   void export_tree(std::vector<std::int32_t>& parent) const;  // canonical data set parent array
+  int inner_preorder();                           // inner nodes in preorder from the root into order; count
   double compute_all();                           // all sets and the score
   void reroot_on_zero();                          // rebuilds the rooted arrays rooted on terminal 0
   // Evaluates every move of clip n; fills best (cost below base) and, when saving, the records

@@ -142,15 +142,8 @@ namespace {
 void count_tips(Engine& e, std::vector<int>& tips) {
   tips.assign(e.nn, 0);
   for (int t = 0; t < e.nt; ++t) tips[t] = 1;
-  // Postorder through the preorder list left in e.order by compute_all.
-  int cnt = 0, top = 0;
-  e.stack[top++] = e.nt;
-  while (top) {
-    int n = e.stack[--top];
-    e.order[cnt++] = n;
-    if (e.right[n] >= e.nt) e.stack[top++] = e.right[n];
-    if (e.left[n] >= e.nt) e.stack[top++] = e.left[n];
-  }
+  // Inner nodes in reverse preorder: children before parents.
+  const int cnt = e.inner_preorder();
   for (int k = cnt - 1; k >= 0; --k) {
     int n = e.order[k];
     tips[n] = tips[e.left[n]] + tips[e.right[n]];
