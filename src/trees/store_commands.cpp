@@ -23,6 +23,21 @@ using qax::dataset::dataset;
 
 namespace {
 
+// A tree number or range "a.b" ("a." to the last tree, ".b" from 0) of n trees; c is the
+// first character, not yet read. "No tree N" when out of range.
+void read_tree_range(int c, int n, int& a, int& b) {
+  a = 0;
+  if (c != '.') a = read_int();
+  b = a;
+  if (peek_char() == '.') {
+    next_char();
+    b = std::isdigit(peek_char()) ? read_int() : n - 1;
+  }
+  if (a > b) std::swap(a, b);
+  if (b >= n || a < 0) error_exit({"No tree", number_text(b >= n ? b : a)});
+}
+
+
 bool is_list_end(int c) {
   return c == ';' || c == '&' || c == '/' || c == '<' || c == '=' || c == '>' || c == '\\' || c == ']' || c == 0;
 }
@@ -102,15 +117,8 @@ int read_tree_list(std::vector<std::uint8_t>& flags, bool slash_last) {
     if (c == '-') { next_char(); sign = 255; anything = 1; continue; }
     if (c == '{') { next_char(); read_group_set(flags, sign); anything = 1; continue; }
     if (std::isdigit(c) || c == '.') {
-      int a = 0, b;
-      if (c != '.') a = read_int();
-      b = a;
-      if (peek_char() == '.') {
-        next_char();
-        b = std::isdigit(peek_char()) ? read_int() : n - 1;
-      }
-      if (a > b) std::swap(a, b);
-      if (b >= n || a < 0) error_exit({"No tree", number_text(b >= n ? b : a)});
+      int a = 0, b = 0;
+      read_tree_range(c, n, a, b);
       for (int k = a; k <= b; ++k) flags[k] = sign;
       anything = 1;
       continue;
@@ -893,15 +901,8 @@ void read_group_selection(std::vector<std::uint8_t>& flags) {
     int c = peek_char();
     if (c == ';' || c == '=' || c == '>' || c == '<' || c == 0) break;
     if (std::isdigit(c) || c == '.') {
-      int a = 0, b;
-      if (c != '.') a = read_int();
-      b = a;
-      if (peek_char() == '.') {
-        next_char();
-        b = std::isdigit(peek_char()) ? read_int() : n - 1;
-      }
-      if (a > b) std::swap(a, b);
-      if (b >= n || a < 0) error_exit({"No tree", number_text(b >= n ? b : a)});
+      int a = 0, b = 0;
+      read_tree_range(c, n, a, b);
       int step = 1;
       if (peek_char() == '/') {
         next_char();
