@@ -103,10 +103,11 @@ void character_steps(const std::vector<int>& parent, std::vector<int>& steps) {
   }
 }
 
-// Trees of "N/L": all trees when no list is given. Fails without data or trees.
-std::vector<int> read_trees_argument() {
+// Trees of "N/L": all trees when no list is given. Fails without data (and, when
+// need_trees, without trees).
+std::vector<int> read_trees_argument(bool need_trees) {
   qax::dataset::require_data();
-  if (tree_store.ntrees == 0) error_exit("No trees in memory");
+  if (need_trees && tree_store.ntrees == 0) error_exit("No trees in memory");
   std::vector<std::uint8_t> flags;
   int named = 0;
   const int c = peek_char();

@@ -9,8 +9,8 @@
 namespace qax::optim {
 
 // Trees named before "/" in a report command (all trees when none); fails without data,
-// without trees, or when the list names none.
-std::vector<int> read_trees_argument();
+// without trees (when need_trees), or when the list names none.
+std::vector<int> read_trees_argument(bool need_trees = true);
 
 // Unweighted steps of every character on a tree given as a parent array (data set numbering),
 // -1 for characters not scored. Needs a current pack (pack_data). Binary trees on the active

@@ -90,6 +90,21 @@ struct Placement {
   int branch = -1;          // best branch
   std::int32_t best = INT_MAX;   // its cost
   std::int32_t worst = -1;  // worst complete cost
+  // Costs terminal t on branch b within bound; a new best (constraints allowing) is noted,
+  // and with `lower` the bound comes down to just below it. False when nothing is left to
+  // find (a best of 0 under a lowered bound).
+  bool offer(Engine& e, int t, int b, std::int32_t& bound, bool lower) {
+    std::int32_t ok;
+    const std::int32_t c = join_count(e.D(t), e.E(b), bound, &ok);
+    if (!ok || (constraint_allows && !constraint_allows(t, -1, b))) return true;
+    if (c > worst) worst = c;
+    if (c >= best) return true;
+    best = c;
+    branch = b;
+    if (!lower) return true;
+    bound = c - 1;
+    return bound >= 0;
+  }
 };
 
 // Best branch for terminal t; `strict` lowers the bound with the best (plain and cas),
@@ -98,22 +113,9 @@ Placement place(Engine& e, int t, const std::vector<int>& list, int count, const
                 bool strict) {
   Placement pl;
   std::int32_t bound = INT_MAX;
-  std::int32_t ok;
   for (int k = 0; k < count; ++k) {
-    int idx = visit ? visit[k] : (backward ? count - 1 - k : k);
-    int b = list[idx];
-    std::int32_t c = join_count(e.D(t), e.E(b), bound, &ok);
-    if (!ok) continue;
-    if (constraint_allows && !constraint_allows(t, -1, b)) continue;
-    if (c > pl.worst) pl.worst = c;
-    if (c < pl.best) {
-      pl.best = c;
-      pl.branch = b;
-      if (strict) {
-        bound = c - 1;
-        if (c == 0) break;
-      }
-    }
+    const int idx = visit ? visit[k] : (backward ? count - 1 - k : k);
+    if (!pl.offer(e, t, list[idx], bound, strict)) break;
   }
   return pl;
 }
@@ -190,18 +192,8 @@ Placement place_by_regions(Engine& e, Regions& rg, int t, bool backward) {
     const int r = backward ? nr - 1 - k : k;
     join_count(e.D(t), rg.U(e, r), bound, &ok);
     if (!ok) continue;
-    for (int b : rg.members[r]) {
-      std::int32_t c = join_count(e.D(t), e.E(b), bound, &ok);
-      if (!ok) continue;
-      if (constraint_allows && !constraint_allows(t, -1, b)) continue;
-      if (c > pl.worst) pl.worst = c;
-      if (c < pl.best) {
-        pl.best = c;
-        pl.branch = b;
-        bound = c - 1;
-        if (bound < 0) break;
-      }
-    }
+    for (int b : rg.members[r])
+      if (!pl.offer(e, t, b, bound, true)) break;
   }
   return pl;
 }

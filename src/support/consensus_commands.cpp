@@ -9,6 +9,7 @@
 
 #include "dataset/dataset.h"
 #include "dataset/lists_bridge.h"
+#include "optim/reports.h"
 #include "shell/arena.h"
 #include "shell/failure.h"
 #include "shell/input.h"
@@ -29,18 +30,7 @@ using qax::trees::tree_row;
 using qax::trees::tree_store;
 
 // Trees named before "/" or ";": all trees when the list is empty.
-std::vector<int> read_selected_trees() {
-  qax::dataset::require_data();
-  std::vector<std::uint8_t> flags;
-  const int c = peek_char();
-  int named = 0;
-  if (c != ';' && c != '/') named = qax::trees::read_tree_list(flags, false);
-  std::vector<int> list;
-  for (int k = 0; k < tree_store.ntrees; ++k)
-    if (!named || (k < static_cast<int>(flags.size()) && flags[k] == 1)) list.push_back(k);
-  if (list.empty()) error_exit("No trees specified");
-  return list;
-}
+std::vector<int> read_selected_trees() { return qax::optim::read_trees_argument(false); }
 
 // "/" and a taxon list, when present: flags per taxon.
 std::vector<std::uint8_t> read_excluded_taxa() {

@@ -426,22 +426,6 @@ void store_tags(const std::vector<std::int32_t>& tree, const std::vector<std::st
   tree_store.tags = tags;
 }
 
-// Terminals below each node of a tree, restricted to the taxa flagged in `shared`, as
-// bit rows of `words` 64-bit words a node.
-std::vector<std::uint64_t> shared_clusters(const std::int32_t* tree, int ntax, const std::vector<std::uint8_t>& shared,
-                                           int words) {
-  std::vector<std::uint64_t> bits(static_cast<std::size_t>(2 * ntax - 1) * words, 0);
-  for (int t = 0; t < ntax; ++t) {
-    if (!shared[t]) continue;
-    const std::uint64_t bit = 1ull << (t % 64);
-    bits[static_cast<std::size_t>(t) * words + t / 64] |= bit;
-    for (int a = tree[t];; a = tree[a]) {
-      bits[static_cast<std::size_t>(a) * words + t / 64] |= bit;
-      if (a == ntax) break;
-    }
-  }
-  return bits;
-}
 
 // Joins `add` after `into` with the separator; fails when the result is too long.
 void join_tag(std::string& into, const std::string& add) {
@@ -477,8 +461,8 @@ void add_tags(const std::vector<std::int32_t>& tree, const std::vector<std::stri
   std::vector<std::uint8_t> shared(ntax, 0);
   for (int t = 0; t < ntax; ++t) shared[t] = terminal_present(old, t, ntax) && terminal_present(tree.data(), t, ntax);
   const int words = (ntax + 63) / 64;
-  auto mine = shared_clusters(tree.data(), ntax, shared, words);
-  auto theirs = shared_clusters(old, ntax, shared, words);
+  auto mine = terminal_bits(tree.data(), ntax, words, &shared);
+  auto theirs = terminal_bits(old, ntax, words, &shared);
   std::vector<int> size(old[ntax], 0);  // terminals below each node of the tag tree
   for (int t = 0; t < ntax; ++t) {
     if (!terminal_present(old, t, ntax)) continue;

@@ -391,6 +391,21 @@ int tree_bucket_find(const std::int32_t* hashed, int bucket, double score, bool 
 
 // --- Rerooting and pruning -------------------------------------------------------
 
+std::vector<std::uint64_t> terminal_bits(const std::int32_t* tree, int ntax, int words,
+                                         const std::vector<std::uint8_t>* include) {
+  std::vector<std::uint64_t> bits(static_cast<std::size_t>(2 * ntax - 1) * words, 0);
+  for (int t = 0; t < ntax; ++t) {
+    if (include ? !(*include)[t] : !terminal_present(tree, t, ntax)) continue;
+    const std::uint64_t bit = 1ull << (t % 64);
+    bits[static_cast<std::size_t>(t) * words + t / 64] |= bit;
+    for (int a = tree[t];; a = tree[a]) {
+      bits[static_cast<std::size_t>(a) * words + t / 64] |= bit;
+      if (a == ntax) break;
+    }
+  }
+  return bits;
+}
+
 bool tree_reroot(std::int32_t* tree, int ntax, int x) {
   int end = tree[ntax];
   if (x < 0 || x >= end || x == ntax) return false;

@@ -109,6 +109,10 @@ void reset_node_numbers(std::int32_t* tree, int ntax, std::vector<std::string>* 
 // Groups of a tree: root cell - ntax - 1.
 [[nodiscard]] inline int tree_group_count(const std::int32_t* tree, int ntax) noexcept { return tree[ntax] - ntax - 1; }
 [[nodiscard]] inline bool terminal_present(const std::int32_t* tree, int t, int ntax) noexcept { return tree[t] >= ntax; }
+// Terminals below each node as bit rows of `words` 64-bit words: the terminals flagged in
+// `include`, or all those present when it is null.
+std::vector<std::uint64_t> terminal_bits(const std::int32_t* tree, int ntax, int words,
+                                         const std::vector<std::uint8_t>* include = nullptr);
 
 // Derived arrays: first descendant, next sister (-1 ends), terminals below, children.
 struct TreeLinks {

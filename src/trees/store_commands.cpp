@@ -613,20 +613,6 @@ void tree_store_reroot_all(int outgroup) {
 
 namespace {
 
-// Terminals below each node as bit rows of `words` 64-bit words (absent terminals none).
-std::vector<std::uint64_t> node_bits(const std::int32_t* tree, int ntax, int words) {
-  std::vector<std::uint64_t> bits(static_cast<std::size_t>(2 * ntax - 1) * words, 0);
-  for (int t = 0; t < ntax; ++t) {
-    if (!terminal_present(tree, t, ntax)) continue;
-    const std::uint64_t bit = 1ull << (t % 64);
-    bits[static_cast<std::size_t>(t) * words + t / 64] |= bit;
-    for (int a = tree[t];; a = tree[a]) {
-      bits[static_cast<std::size_t>(a) * words + t / 64] |= bit;
-      if (a == ntax) break;
-    }
-  }
-  return bits;
-}
 
 // reroot *: the tag tree is re-rooted too. A group that stays a group keeps its tag; one
 // that becomes paraphyletic hands its tag to its complement, the group of the same branch.
@@ -640,9 +626,9 @@ void reroot_tag_tree(int point, bool point_is_node, const std::string& where) {
     error_exitf("Tag-tree does not include taxon %s and can't be rerooted", where.c_str());
   }
   const int words = (ntax + 63) / 64;
-  auto before = node_bits(tree.data(), ntax, words);
+  auto before = terminal_bits(tree.data(), ntax, words);
   if (!tree_reroot(tree.data(), ntax, point)) error_exitf("Tag-tree does not include taxon %s and can't be rerooted", where.c_str());
-  auto after = node_bits(tree.data(), ntax, words);
+  auto after = terminal_bits(tree.data(), ntax, words);
   const std::uint64_t* all = before.data() + static_cast<std::size_t>(ntax) * words;
   std::vector<std::string> tags(2 * ntax - 1);
   for (int t = 0; t < ntax; ++t) tags[t] = s.tags[t];
