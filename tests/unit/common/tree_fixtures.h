@@ -44,4 +44,26 @@ inline std::vector<std::int32_t> random_complete(int ntax, int poly) {
   return tree;
 }
 
+// Slow reference: the terminals below node v, in order, leaving out absent terminals and
+// those flagged in `excluded` (may be null).
+inline std::vector<int> taxa_below(const std::int32_t* tree, int ntax, int v,
+                                   const std::vector<std::uint8_t>* excluded = nullptr) {
+  std::vector<int> c;
+  for (int t = 0; t < ntax; ++t) {
+    if (tree[t] < ntax || (excluded && (*excluded)[t])) continue;
+    int a = tree[t];
+    while (a != v && a != ntax) a = tree[a];
+    if (a == v) c.push_back(t);
+  }
+  return c;
+}
+
+// Two clusters conflict when they overlap and neither holds the other.
+template <class Set> bool clusters_conflict(const Set& a, const Set& b) {
+  int both = 0, ao = 0, bo = 0;
+  for (int x : a) (b.count(x) ? both : ao)++;
+  for (int x : b) bo += !a.count(x);
+  return both && ao && bo;
+}
+
 }  // namespace qax::test

@@ -53,24 +53,14 @@ std::vector<std::int32_t> nudge(std::vector<std::int32_t> tree, int ntax) {
 std::set<Cluster> clusters(const std::int32_t* tree, int ntax, const std::vector<std::uint8_t>& excl, int included) {
   std::set<Cluster> out;
   for (int v = ntax + 1; v < tree[ntax]; ++v) {
-    Cluster c;
-    for (int t = 0; t < ntax; ++t) {
-      if (tree[t] < ntax || excl[t]) continue;
-      int a = tree[t];
-      while (a != v && a != ntax) a = tree[a];
-      if (a == v) c.insert(t);
-    }
+    const std::vector<int> below = qax::test::taxa_below(tree, ntax, v, &excl);
+    const Cluster c(below.begin(), below.end());
     if (static_cast<int>(c.size()) >= 2 && static_cast<int>(c.size()) < included) out.insert(c);
   }
   return out;
 }
 
-bool conflict(const Cluster& a, const Cluster& b) {
-  int both = 0, ao = 0, bo = 0;
-  for (int x : a) (b.count(x) ? both : ao)++;
-  for (int x : b) bo += !a.count(x);
-  return both && ao && bo;
-}
+bool conflict(const Cluster& a, const Cluster& b) { return qax::test::clusters_conflict(a, b); }
 
 struct Brute {
   std::vector<std::uint8_t> excl;

@@ -78,24 +78,14 @@ Clusters clusters(const std::int32_t* tree, int ntax, const std::vector<std::uin
   for (int t = 0; t < ntax; ++t) included += !excl[t] && tree[t] >= ntax;
   Clusters out;
   for (int v = ntax + 1; v < tree[ntax]; ++v) {
-    Cluster c;
-    for (int t = 0; t < ntax; ++t) {
-      if (tree[t] < ntax || excl[t]) continue;
-      int a = tree[t];
-      while (a != v && a != ntax) a = tree[a];
-      if (a == v) c.insert(t);
-    }
+    const std::vector<int> below = qax::test::taxa_below(tree, ntax, v, &excl);
+    const Cluster c(below.begin(), below.end());
     if (static_cast<int>(c.size()) >= 2 && static_cast<int>(c.size()) < included) out.insert(c);
   }
   return out;
 }
 
-bool conflict(const Cluster& a, const Cluster& b) {
-  int both = 0, ao = 0, bo = 0;
-  for (int x : a) (b.count(x) ? both : ao)++;
-  for (int x : b) bo += !a.count(x);
-  return both && ao && bo;
-}
+bool conflict(const Cluster& a, const Cluster& b) { return qax::test::clusters_conflict(a, b); }
 
 // Strict and combinable consensus by brute force over pruned copies of the trees.
 Clusters brute_consensus(const std::vector<int>& trees, const std::vector<std::uint8_t>& remove, bool loose) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "common/harness.h"
+#include "common/tree_fixtures.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -32,13 +33,7 @@ class TreeForms : public ::testing::Test {
 std::vector<std::vector<int>> node_clusters(const std::int32_t* tree, int ntax) {
   std::vector<std::vector<int>> out;
   for (int v = ntax; v < tree[ntax]; ++v) {
-    std::vector<int> c;
-    for (int t = 0; t < ntax; ++t) {
-      if (tree[t] < ntax) continue;
-      int a = tree[t];
-      while (a != v && a != ntax) a = tree[a];
-      if (a == v) c.push_back(t);
-    }
+    const std::vector<int> c = qax::test::taxa_below(tree, ntax, v);
     out.push_back(c);
   }
   return out;

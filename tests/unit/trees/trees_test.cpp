@@ -37,13 +37,7 @@ using qax::test::run_qax;
 std::set<std::vector<int>> clusters(const std::int32_t* tree, int ntax) {
   std::set<std::vector<int>> out;
   for (int v = ntax; v < tree[ntax]; ++v) {
-    std::vector<int> c;
-    for (int t = 0; t < ntax; ++t) {
-      if (tree[t] < ntax) continue;
-      int a = tree[t];
-      while (a != v && a != ntax) a = tree[a];
-      if (a == v) c.push_back(t);
-    }
+    const std::vector<int> c = qax::test::taxa_below(tree, ntax, v);
     out.insert(c);
   }
   return out;
