@@ -3,6 +3,7 @@
 // format; a file written here reads back to the same cells.
 #include <cstdio>
 
+#include "shell/file_access.h"
 #include "dataset/dataset.h"
 #include "dataset/import.h"
 #include "shell/failure.h"
@@ -126,7 +127,7 @@ void cmd_export() {
   std::string name = shell::token_buffer;
   if (!dataset.loaded) shell::error_exit("No data file has been read!");
   std::string text = dataset_to_nexus();
-  std::FILE* f = std::fopen(name.c_str(), "wb");
+  std::FILE* f = shell::open_user_file(name, "wb");
   if (!f) shell::error_exit({"Can't open", name});
   bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
   ok = std::fclose(f) == 0 && ok;

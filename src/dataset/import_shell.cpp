@@ -3,6 +3,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "shell/file_access.h"
 #include "dataset/dataset.h"
 #include "dataset/import.h"
 #include "shell/failure.h"
@@ -19,6 +20,7 @@ namespace {
 NexusTrees last_trees_;
 
 std::string read_whole_file(const std::string& name) {
+  shell::check_file_name(name);
   std::ifstream in(name, std::ios::binary);
   if (!in) shell::error_exit({"Can't open", name});
   std::ostringstream s;

@@ -13,6 +13,7 @@
 #include "dataset/dataset.h"
 #include "dataset/dataset_commands.h"
 #include "shell/arena.h"
+#include "shell/sizing.h"
 #include "shell/commands.h"
 #include "shell/failure.h"
 #include "shell/input.h"
@@ -627,6 +628,23 @@ std::size_t memory_estimate(int ntax, int nchar, int width) {
   return bytes * 5 / 4;
 }
 
+// Generated data replace the matrix only when the new one can be held: the old data
+// (and the tree data are simulated along) must survive a request that is too large.
+// Counted in floating point, so that no product of the dimensions can overflow.
+void check_generation_fits(int ntax, int nchar, int nstates) {
+  double width = dataset.data_format == format_continuous ? 4 : nstates <= 8 ? 1 : nstates <= 16 ? 2 : 4;
+  double nodes = 2.0 * ntax;
+  double name = dataset.name_length;
+  double names = ntax * (sizeof(std::string) + 16.0);  // generated names, the copy kept
+  double need = (96 * name + 112.0 * nchar + 24 * nodes + double(ntax) * nchar * width +
+                 ((4 * name + 19) * nodes + 2.0 * ntax) * 4) * 1.25 + 2 * names;
+  bool arena_grows = shell::arena.grow_on_read;
+  double room = arena_grows ? double(shell::memory_budget()) + double(shell::arena.block_size)
+                            : double(shell::arena.block_size);
+  if (need > room)
+    error_exit({"Sorry, not enough memory to generate", std::to_string(nchar), "chars. and", std::to_string(ntax), "taxa"});
+}
+
 // Allocates the cells, records and names of an empty matrix of the given size.
 void allocate_matrix(int ntax, int nchar, const std::string& title) {
   Dataset& d = dataset;
@@ -790,6 +808,7 @@ void random_matrix() {
   if (nstates < 1 || nstates > max_states) error_exit("Number of states must be 1-32");
   char title[64];
   std::snprintf(title, sizeof title, "Random Data (%i states)", nstates);
+  check_generation_fits(ntax, nchar, nstates);
   std::vector<std::string> names(ntax);
   for (int t = 0; t < ntax; ++t) names[t] = "TAX" + std::to_string(t);
   bool continuous = d.data_format == format_continuous;
@@ -816,6 +835,7 @@ void generate_matrix(int ntax, int nchar, int nstates, bool continuous, const st
                      const std::vector<std::string>& names, void (*fill)(Dataset& d, void* context),
                      void* context) {
   Dataset& d = dataset;
+  check_generation_fits(ntax, nchar, nstates);
   replace_announcement(title);
   dataset_clear();
   ReadGuard guard;

@@ -1,13 +1,12 @@
 // The two-ended arena.
 #include "shell/arena.h"
 
-#include <sys/sysinfo.h>
-
 #include <cstdlib>
 #include <cstring>
 
 #include "shell/failure.h"
 #include "shell/output.h"
+#include "shell/sizing.h"
 #include "shell/state.h"
 
 namespace qax::shell {
@@ -32,10 +31,6 @@ void note_peak() {
   if (used > shell_state.peak_ram_command) shell_state.peak_ram_command = used;
 }
 
-[[noreturn]] void out_of_ram() {
-  error_exit({shell_state.current_command_name + " - out of ram (change \"hold\" and/or \"mxram\")"});
-}
-
 std::size_t rounded(std::size_t n) {
   if (n > (std::size_t{1} << 62)) error_exit("Cannot allocate that much RAM!");
   return (n + 7) & ~std::size_t{7};
@@ -56,13 +51,11 @@ void claim_arena(std::size_t bytes) {
   free_arena();
   arena.ram_size = bytes;
   std::size_t size = bytes < 32 ? 32 : bytes;
-  // Memory the machine does not have is treated as a failed claim: with overcommit a
-  // huge malloc "succeeds" and the process dies later when the pages are touched.
-  struct sysinfo info {};
-  if (sysinfo(&info) == 0) {
-    std::uint64_t physical = static_cast<std::uint64_t>(info.totalram) * info.mem_unit;
-    while (physical > 0 && size > physical) size /= 2;
-  }
+  // Memory the process cannot obtain is treated as a failed claim: with overcommit a
+  // huge malloc "succeeds" and the process dies later when the pages are touched. The
+  // block in use now is given back first, so it counts as available.
+  std::uint64_t budget = memory_budget();
+  while (size > 100 && size > budget) size /= 2;
   unsigned char* p = nullptr;
   while (size > 100) {
     p = static_cast<unsigned char*>(std::malloc(size));

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <string>
 
+#include "shell/file_access.h"
 #include "shell/arena.h"
 #include "shell/commands.h"
 #include "shell/console.h"
@@ -292,6 +293,7 @@ void cmd_cdir() {
   if (peek_char() != ';') {
     read_token();
     std::string dir(token_buffer);
+    check_file_name(dir);
     if (chdir(dir.c_str()) != 0) error_exit({"Cannot change directory to", dir});
   }
   char buf[4096];

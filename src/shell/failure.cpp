@@ -5,10 +5,13 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <new>
+#include <stdexcept>
 #include <vector>
 
 #include "shell/input.h"
 #include "shell/output.h"
+#include "shell/sizing.h"
 #include "shell/state.h"
 
 namespace qax::shell {
@@ -32,6 +35,21 @@ void print_location() {
 void ring_bell() {
   if (switches.beep && !shell_state.background && isatty(2)) console_write("\a");
 }
+// Turns a failed allocation into the out-of-ram error of the current command, from
+// inside protected_call (its level still counted); returns what protected_call returns.
+// In background the failure path ends the run, and that goes through.
+int fail_for_memory() {
+  try {
+    out_of_ram();
+  } catch (const CommandFailed&) {
+    --protected_depth_;
+    return 0;
+  } catch (...) {
+    --protected_depth_;
+    throw;
+  }
+}
+
 }  // namespace
 
 void add_recover_step(std::function<void()> step) { recover_steps_.push_back(std::move(step)); }
@@ -109,6 +127,12 @@ int protected_call(const std::function<void()>& fn) {
   } catch (const CommandFailed&) {
     --protected_depth_;
     return 0;
+  } catch (const std::bad_alloc&) {
+    // An allocation outside the arena failed (a name table, a vector sized from a
+    // count): the command fails as one that ran out of arena memory does.
+    return fail_for_memory();
+  } catch (const std::length_error&) {
+    return fail_for_memory();
   } catch (...) {
     --protected_depth_;
     throw;

@@ -1,4 +1,5 @@
 // Input stack and reading primitives.
+#include "shell/file_access.h"
 #include "shell/input.h"
 
 #include <unistd.h>
@@ -174,7 +175,7 @@ void open_input_file(bool recursion) {
   }
   if (name.size() >= file_name_size) name.resize(file_name_size - 1);
   if (!recursion && count_open_instances(name) > 0) error_exit({"File", name, "already in use"});
-  std::FILE* fp = std::fopen(name.c_str(), "rb");
+  std::FILE* fp = open_user_file(name, "rb");
   if (!fp) error_exit({"Can't open", name});
   InputFrame& f = stack_.frames[stack_.top + 1];
   if (f.stream && f.stream != stdin) std::fclose(f.stream);

@@ -1,4 +1,5 @@
 // Output channels, progress line and interrupt polling.
+#include "shell/file_access.h"
 #include "shell/output.h"
 
 #include <fcntl.h>
@@ -386,8 +387,18 @@ int poll_background(int mode) {
 
 }  // namespace
 
+namespace {
+double interrupt_deadline = 0;  // now_seconds() after which long work stops; 0 none
+}  // namespace
+
+void set_interrupt_deadline(double at) { interrupt_deadline = at; }
+
 int check_interrupt(int mode) {
   if (shell_state.stop_search_flag) return 1;
+  if (interrupt_deadline > 0 && now_seconds() > interrupt_deadline) {
+    shell_state.stop_search_flag = 1;
+    return 1;
+  }
   if (shell_state.background) {
     if (mode == 1 || mode == 100) return poll_background(mode);
     return 0;
@@ -488,7 +499,7 @@ bool open_log(const std::string& name, bool append) {
     o.log_name = name;
     return true;
   }
-  std::FILE* f = std::fopen(name.c_str(), append ? "ab" : "wb");
+  std::FILE* f = open_user_file(name, append ? "ab" : "wb");
   if (!f) return false;
   o.log_stream = f;
   o.log_name = name;
@@ -508,11 +519,11 @@ bool take_execute_file() {
   if (shell_state.worker_mode || shell_state.execute_disabled) return false;
   std::string name = control_file_name("execute");
   if (!file_exists(name)) return false;
-  std::FILE* in = std::fopen(name.c_str(), "rb");
+  std::FILE* in = open_user_file(name, "rb");
   if (!in) return false;
   ++shell_state.execute_count;
   std::string copy = ".qaxexec_" + std::to_string(shell_state.execute_count) + "_qax_" + std::to_string(shell_state.pid);
-  std::FILE* out = std::fopen(copy.c_str(), "wb");
+  std::FILE* out = open_user_file(copy, "wb");
   if (!out) {
     std::fclose(in);
     return false;

@@ -61,6 +61,9 @@ void console_write(std::string_view text);
 void warning(std::initializer_list<std::string_view> pieces);
 void show_progress(long long done, long long total, std::string_view label);
 int check_interrupt(int mode);
+// After this time (now_seconds()), check_interrupt stops long work as an interrupt
+// does; 0 sets no limit. Used to bound runs that must end, such as fuzzed instructions.
+void set_interrupt_deadline(double at);
 void clear_progress();
 void flush_log();
 // Reads one key without blocking; -1 if none. Hooks for tests.

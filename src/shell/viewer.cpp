@@ -1,5 +1,6 @@
 // The text-buffer viewer, and the view and clbuffer commands.
 #define NCURSES_NOMACROS
+#include "shell/file_access.h"
 #include "shell/viewer.h"
 
 #include <curses.h>
@@ -293,7 +294,7 @@ namespace {
 
 // Clears the buffer and fills it with the file, under a heading line.
 void load_file_into_buffer(const std::string& name) {
-  std::FILE* f = std::fopen(name.c_str(), "rb");
+  std::FILE* f = open_user_file(name, "rb");
   if (!f) error_exit({"Can't open", name});
   text_buffer_clear();
   text_buffer_add("** FILE: " + name + " **\n");

@@ -1,5 +1,6 @@
 // Readers and writers of trees: tread text (with its repairs), Newick, NEXUS TREES,
 // the compact insertion code, and the tree-file commands tsave, save and shortread.
+#include "shell/file_access.h"
 #include "trees/notation.h"
 
 #include <algorithm>
@@ -971,7 +972,7 @@ int read_nexus_trees_block(const std::string& text) {
 
 void import_newick_file(const std::string& name) {
   require_data();
-  std::FILE* f = std::fopen(name.c_str(), "rb");
+  std::FILE* f = shell::open_user_file(name, "rb");
   if (!f) error_exit({"Can't open", name});
   std::string text;
   char buf[65536];
@@ -1064,7 +1065,7 @@ namespace {
 // A parenthetical tree file ends by closing itself ("proc-;" or "proc/;"); trees appended
 // after that line would never be read, so it is cut off before appending.
 void drop_closing_command(const std::string& name) {
-  std::FILE* f = std::fopen(name.c_str(), "rb");
+  std::FILE* f = shell::open_user_file(name, "rb");
   if (!f) return;
   std::string text;
   char buf[4096];
@@ -1090,7 +1091,7 @@ void open_tree_file(const std::string& name, bool parenthetical, bool append) {
   bool wide = ntax >= 16384;
   bool exists = false;
   if (append) {
-    std::FILE* probe = std::fopen(name.c_str(), "rb");
+    std::FILE* probe = shell::open_user_file(name, "rb");
     if (probe) {
       exists = true;
       if (!parenthetical) {
@@ -1112,7 +1113,7 @@ void open_tree_file(const std::string& name, bool parenthetical, bool append) {
       }
     }
   }
-  std::FILE* f = std::fopen(name.c_str(), append ? "ab" : "wb");
+  std::FILE* f = shell::open_user_file(name, append ? "ab" : "wb");
   if (!f) error_exit({"Can't open", name});
   tree_file = TreeFile();
   tree_file.stream = f;
@@ -1161,7 +1162,7 @@ void tree_autosave_check(bool force) {
   auto_save.last = now;
   std::string name = auto_save.name + (auto_save.which ? "-2" : "-1");
   auto_save.which ^= 1;
-  std::FILE* f = std::fopen(name.c_str(), "w");
+  std::FILE* f = shell::open_user_file(name, "w");
   if (!f) {
     out_printf("NOTE: cannot open file %s for auto-saving; \n      auto-saving turned off\n", name.c_str());
     auto_save.seconds = 0;
@@ -1312,7 +1313,7 @@ void cmd_shortread() {
   }
   if (!read_token()) error_exit("Must give file name");
   std::string name = token_buffer;
-  std::FILE* f = std::fopen(name.c_str(), "rb");
+  std::FILE* f = shell::open_user_file(name, "rb");
   if (!f) error_exit({"Can't open", name});
   std::string data;
   char buf[65536];
