@@ -622,8 +622,9 @@ void shrink_matrix(int ntax, int nchar) {
 std::size_t memory_estimate(int ntax, int nchar, int width) {
   std::size_t nodes = 2 * static_cast<std::size_t>(ntax) - 1;
   std::size_t name = static_cast<std::size_t>(dataset.name_length);
-  std::size_t bytes = 96 * name + 112 * static_cast<std::size_t>(nchar) + 24 * nodes +
-                      static_cast<std::size_t>(ntax) * nchar * width +
+  std::size_t cells = shell::checked_product({static_cast<std::uint64_t>(ntax), static_cast<std::uint64_t>(nchar),
+                                             static_cast<std::uint64_t>(width)});
+  std::size_t bytes = 96 * name + 112 * static_cast<std::size_t>(nchar) + 24 * nodes + cells +
                       ((4 * name + 19) * nodes + 2 * static_cast<std::size_t>(ntax)) * 4;
   return bytes * 5 / 4;
 }

@@ -41,9 +41,13 @@ std::vector<shell::CommandRecord> confined_table;
 const char setup_text[] =
     "xread 8 6\n"
     "a 01000011\nb 0110001?\nc 1120[01]100\nd 11210110\ne 0012-101\nf 00010110\n;\n"
-    "tread (a (b (c (d (e f))))) (a (c (b (e (d f))))) (a ((b c) (d (e f))));\n";
+    "tread (a (b (c (d (e f))))) * (a (c (b (e (d f))))) * (a ((b c) (d (e f))));\n";
+
+bool verbose() { return std::getenv("QAX_FUZZ_VERBOSE") != nullptr; }
 
 void run_text(const std::string& text) {
+  // A fuzzed "silent -all" must not flood the console of the following commands.
+  shell::output_state.silent_flags = verbose() ? 0 : 7;
   shell::push_text_level(text, "fuzz");
   // One level: its commands run until the level is used up (an error unwinds it).
   while (shell::input_level() > 0) {
@@ -62,7 +66,6 @@ void start_case() {
   shell::install_command_table(confined_table.data(), &app::run_file_record);
   shell::init_input_stack(10, "", false);
   shell::frame_at(0).stream = nullptr;
-  shell::output_state.silent_flags = std::getenv("QAX_FUZZ_VERBOSE") ? 0 : 7;
   shell::arena.grow_on_read = 0;
   if (shell::arena.block_size < shell::default_ram_size) shell::claim_arena(shell::default_ram_size);
   run_text(setup_text);

@@ -21,4 +21,4 @@ sed -n 's/^ *"\([a-z][a-z]*[^"]*;\).*/\1/p' "$root/src/app/help_text.cpp" | sed 
 cd "$out"
 ASAN_OPTIONS=allocator_may_return_null=1:detect_leaks=0 \
 ./commands_fuzz -seed="${FUZZ_SEED:-0}" ${FUZZ_RUNS:+-runs=$FUZZ_RUNS} -max_total_time="$seconds" -max_len=4096 \
-  -timeout=20 -rss_limit_mb=2048 -malloc_limit_mb=4096 -print_final_stats=1 "$out/commands_corpus" 2>&1 | tail -n 15
+  -timeout=20 -rss_limit_mb=2048 -malloc_limit_mb=4096 -close_fd_mask=3 -print_final_stats=1 "$out/commands_corpus" 2>&1 | tail -n 15
