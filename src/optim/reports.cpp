@@ -59,6 +59,7 @@ void node_costs(const std::vector<std::vector<int>>& kids, int node, int c, bool
 }  // namespace
 
 void character_steps(const std::vector<int>& parent, std::vector<int>& steps) {
+  ensure_packed();  // the per-column constants below belong to the packed matrix
   const int ntax = dataset.ntax;
   const int* row = parent.data();
   steps.assign(dataset.nchar, -1);
