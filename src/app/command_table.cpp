@@ -44,7 +44,7 @@ const CommandRecord command_records[] = {
     {"drift", qax::search::cmd_drift, 1, topic_searching},
     {"edit", cmd_not_available, 1, topic_various | topic_trees},
     {"echo", cmd_echo, 0, topic_output | topic_various},
-    {"export", qax::dataset::cmd_export, 0, topic_output | topic_save | topic_various},
+    {"export", qax::trees::cmd_export, 0, topic_output | topic_save | topic_various},
     {"exit", cmd_exit, 0, topic_various},
     {"fit", qax::optim::cmd_fit, 1, topic_diagnosis | topic_characters},
     {"fillsank", cmd_not_available, 0, topic_input | topic_settings},

@@ -7,6 +7,7 @@
 #include "dataset/dataset_commands.h"
 #include "shell/viewer.h"
 #include "trees/store.h"
+#include "trees/interchange.h"
 #include "optim/reports.h"
 #include "optim/recons.h"
 #include "support/consensus_commands.h"

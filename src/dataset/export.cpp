@@ -115,25 +115,4 @@ std::string dataset_to_nexus() {
   return x;
 }
 
-void cmd_export() {
-  // "export - file" names the format explicitly; NEXUS is the only one.
-  if (shell::peek_char() == '-') {
-    shell::next_nonblank();
-    int c = shell::next_char();
-    shell::unread_char();
-    if (c > 32 && c != ';') shell::unread_char();
-  }
-  if (shell::peek_char() == ';' || !shell::read_token()) shell::error_exit("No file name given");
-  std::string name = shell::token_buffer;
-  if (!dataset.loaded) shell::error_exit("No data file has been read!");
-  std::string text = dataset_to_nexus();
-  std::FILE* f = shell::open_user_file(name, "wb");
-  if (!f) shell::error_exit({"Can't open", name});
-  bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
-  ok = std::fclose(f) == 0 && ok;
-  if (!ok) shell::error_exit({"Error writing", name});
-  shell::out_line({"Data (" + std::to_string(dataset.ntax) + " taxa, " + std::to_string(dataset.nchar) +
-                   " characters) exported to", name, "as NEXUS"});
-}
-
 }  // namespace qax::dataset

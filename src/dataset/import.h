@@ -110,7 +110,5 @@ void install_import_hooks();
 
 // The current data set as a NEXUS file (TAXA and CHARACTERS blocks).
 std::string dataset_to_nexus();
-// export file; writes dataset_to_nexus() to the file.
-void cmd_export();
 
 }  // namespace qax::dataset

@@ -196,6 +196,16 @@ ImportResult NexusReader::run(const ImportOptions& opt) {
     else skip_block(name);
   }
   taxon_.clear();
+  if (!have_matrix_ && (!trees_.trees.empty() || !trees_.text.empty())) {
+    // Taxa and trees only (as tree programs write them): the trees are for the matrix
+    // in memory; nothing replaces it.
+    ImportResult r;
+    r.notes = std::move(notes_);
+    r.trees = std::move(trees_);
+    r.trees.file = file_;
+    r.ntax = static_cast<int>(taxlabels_.size());
+    return r;
+  }
   if (!have_matrix_) import_error("Error reading NEXUS file " + file_ + ": no DATA or CHARACTERS block with a matrix");
   m_.title = title_from_file(file_);
   ImportResult r;

@@ -36,6 +36,12 @@ ImportOptions current_options() {
 
 void push_result(ImportResult& r, const std::string& name) {
   for (const auto& n : r.notes) shell::warning({n});
+  if (r.xread.empty()) {
+    // A file of trees only: they are read at once, for the matrix in memory.
+    if (!dataset.loaded) shell::error_exit({"File", name, "holds trees only: read the data first"});
+    if (tree_link_hooks.matrix_read) tree_link_hooks.matrix_read();
+    return;
+  }
   shell::push_text_level(std::move(r.xread), name);
 }
 
@@ -67,6 +73,13 @@ bool read_other_format_level() {
   if (head.starts_with(byte_order_mark)) head.remove_prefix(byte_order_mark.size());
   std::size_t first = head.find_first_not_of(" \t\r\n");
   enum { none, phylip, fasta, nexus } kind = none;
+  if (first != std::string_view::npos && head[first] == '(' && shell::import_hooks.newick) {
+    // Newick trees, as other programs write them.
+    std::string name = f.name;
+    shell::close_input();
+    shell::import_hooks.newick(name);
+    return true;
+  }
   if (looks_like_phylip(head)) kind = phylip;
   else if (first != std::string_view::npos && head[first] == '>') kind = fasta;
   else if (head.size() > 6 && head.starts_with("#NEXUS") && static_cast<unsigned char>(head[6]) < 33 &&

@@ -255,6 +255,15 @@ void frequency_command(bool differences) {
   if (keep) {
     const int k = keep_tree(result, differences ? "Freq_diff_consensus" : "Majority_rule_consensus");
     out_text({full, " calculated as tree ", std::to_string(k), "\n"});
+    // The frequencies stay with the kept tree as its tags (written as node labels by
+    // export), unless the user has tags of another origin in memory.
+    auto& s = tree_store;
+    if (s.tag_tree.empty() || s.tags_from_consensus) {
+      s.tag_tree = result;
+      s.tags = percent_labels(r.node_value, r.counted, differences ? INT_MIN : -1);
+      s.tags.resize(result.size());
+      s.tags_from_consensus = 1;
+    }
   }
 }
 

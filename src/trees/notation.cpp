@@ -11,6 +11,7 @@
 #include <ctime>
 
 #include "dataset/dataset.h"
+#include "dataset/import.h"
 #include "shell/failure.h"
 #include "shell/input.h"
 #include "shell/output.h"
@@ -425,6 +426,7 @@ std::string base_name(const std::string& path) {
 void store_tags(const std::vector<std::int32_t>& tree, const std::vector<std::string>& tags) {
   tree_store.tag_tree = tree;
   tree_store.tags = tags;
+  tree_store.tags_from_consensus = 0;
 }
 
 
@@ -791,13 +793,28 @@ int newick_taxon(const std::string& word, const std::map<std::string, std::strin
     if (v < 1 || v > dataset.ntax) error_exitf("No taxon %lli", v);
     return static_cast<int>(v - 1);
   }
+  // Names as written by other programs: blanks and other characters the matrix
+  // import turned into "_" (Wuhan-Hu-1 is the taxon Wuhan_Hu_1).
   std::string u = w;
   std::replace(u.begin(), u.end(), ' ', '_');
+  std::string converted = qax::dataset::xread_taxon_name(w);
+  for (const std::string* v : {&u, &converted})
+    for (int t = 0; t < dataset.ntax; ++t)
+      if (dataset.taxon_names[t].size() == v->size() && ieq_prefix(*v, dataset.taxon_names[t])) return t;
+  // Only a prefix: accepted when it names one taxon, an error naming the candidates
+  // when it could be several.
+  std::vector<int> candidates;
   for (int t = 0; t < dataset.ntax; ++t)
-    if (dataset.taxon_names[t].size() == u.size() && ieq_prefix(u, dataset.taxon_names[t])) return t;
-  int t = find_taxon_name(u);
-  if (t < 0) error_exit({"Unidentified taxon name:", w});
-  return t;
+    if (!dataset.taxon_names[t].empty() && (ieq_prefix(u, dataset.taxon_names[t]) || ieq_prefix(converted, dataset.taxon_names[t])))
+      candidates.push_back(t);
+  if (candidates.empty()) error_exit({"Unidentified taxon name:", w});
+  if (candidates.size() > 1) {
+    std::string list;
+    for (std::size_t i = 0; i < candidates.size() && i < 10; ++i) list += (i ? ", " : "") + dataset.taxon_names[candidates[i]];
+    if (candidates.size() > 10) list += ", ...";
+    error_exit({"Taxon name", w, "in tree is ambiguous: it begins", list});
+  }
+  return candidates[0];
 }
 
 // One Newick token: a quoted or plain word.
@@ -860,6 +877,8 @@ int read_newick_text(const std::string& text, const std::map<std::string, std::s
     bool closed_root = false;
     for (;;) {
       skip_newick_blanks(text, i);
+      if (i >= text.size() && closed_root)
+        error_exitf("Newick tree %i ends without \";\" (the text ends after its last parenthesis)", count);
       if (i >= text.size()) error_exit("Sorry, couldn't read tree (unbalanced parents.)");
       char c = text[i];
       if (c == ';') { ++i; break; }

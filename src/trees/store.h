@@ -61,6 +61,7 @@ struct TreeStore {
   std::vector<std::int32_t> tag_tree;   // parent array the tags belong to, empty: none
   std::vector<std::string> tags;        // per node of tag_tree
   int tag_add = 0;                      // tread [: tags of a new tree text join the present ones
+  int tags_from_consensus = 0;          // the tags are the frequencies of a kept consensus
   int tag_separator = '\\';             // put between joined tags; 0 none
 };
 

@@ -174,6 +174,14 @@ TEST_F(ImportTest, UnknownBlocksSkippedAndTreesKept) {
   EXPECT_EQ(r.trees.trees[1].second, "(1,(2,(3,4)));");
 }
 
+TEST_F(ImportTest, NexusWithTreesOnlyGivesTreesForTheMatrixInMemory) {
+  ImportResult r = nexus_to_xread("#NEXUS\nbegin taxa; dimensions ntax=3; taxlabels a b c; end;\n"
+                                  "begin trees; tree a = (1,(2,3));\nend;\n", "t.nex");
+  EXPECT_EQ(r.xread, "");
+  ASSERT_EQ(r.trees.trees.size(), 1u);
+  EXPECT_EQ(r.trees.trees[0].second, "(1,(2,3));");
+}
+
 TEST_F(ImportTest, NexusErrorsNameFileLineAndTaxon) {
   const char* head = "#NEXUS\nbegin data; dimensions ntax=4 nchar=3;\nmatrix\n";
   EXPECT_EQ(error_of([&] { nexus(std::string(head) + "a 012\nb 0J2\nc 000\nd 111\n;end;"); }),
@@ -194,7 +202,7 @@ TEST_F(ImportTest, NexusErrorsNameFileLineAndTaxon) {
             "Error reading NEXUS file t.nex, line 3: unknown item 'format' in DIMENSIONS");
   EXPECT_EQ(error_of([&] { nexus("#NEXUS\nbegin data; dimensions ntax=4 nchar=0; matrix a b c d;\nend;\n"); }),
             "Error reading t.nex: the matrix has no characters");
-  EXPECT_EQ(error_of([&] { nexus("#NEXUS\nbegin trees; tree a = (1,2);\nend;\n"); }),
+  EXPECT_EQ(error_of([&] { nexus("#NEXUS\nbegin sets; charset a = 1-2;\nend;\n"); }),
             "Error reading NEXUS file t.nex: no DATA or CHARACTERS block with a matrix");
   EXPECT_EQ(error_of([&] { nexus(std::string(head) + "a 012\nb 0123\nc 000\nd 111\n;end;"); }),
             "Error reading NEXUS file t.nex, line 6, taxon 3: alien symbol 'c' at char. 0 (standard)");
