@@ -115,7 +115,15 @@ const HelpEntry help_entries[] = {
      "echo [;  copy prompt and typed line to the log;  echo ];  do not"},
     {"export",
      "export file;  write the data matrix to a file in NEXUS format\n"
-     "(TAXA and CHARACTERS blocks; polymorphisms in ( ), missing as ?)"},
+     "(TAXA and CHARACTERS blocks; polymorphisms in ( ), missing as ?)\n"
+     "export > file [trees];  the trees (all when none named) as Newick, one a line,\n"
+     "   with taxon names, quoted where needed\n"
+     "export * file [trees];  the trees as NEXUS (TAXA and TREES blocks, TRANSLATE)\n"
+     "export + file [trees];  the matrix and the trees in one NEXUS file\n"
+     "The frequencies of a consensus kept with majority* or freqdifs* (the tags of\n"
+     "the tag tree) go out as internal node labels of that tree.\n"
+     "Files of other programs come in with procedure: Newick trees, NEXUS files of\n"
+     "taxa and trees only (for the data in memory), FASTA, PHYLIP and NEXUS matrices."},
     {"exit",
      "exit;  end the program (cannot be abbreviated: \"ex\" is export)\n"
      "The tree file gets its closing lines; history is saved."},

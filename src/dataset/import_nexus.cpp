@@ -8,6 +8,7 @@
 
 #include "dataset/dataset.h"
 #include "dataset/import.h"
+#include "dataset/import_nexus_sets.h"
 
 namespace qax::dataset {
 
@@ -60,6 +61,7 @@ class NexusReader {
   ImportedMatrix m_;
   NexusTrees trees_;
   std::vector<std::string> notes_;
+  NexusSettings sets_;
 
   // FORMAT settings of the block being read.
   int missing_ = '?', gap_ = '-', match_ = -1;
@@ -172,6 +174,13 @@ class NexusReader {
   void read_matrix(int ntax, int nchar);
   void read_trees_block();
   void skip_block(const std::string& name);
+  void read_sets_block(const std::string& name);
+  void read_char_labels(bool with_states);
+  void read_state_labels();
+  std::vector<int> read_char_list(bool& ended);
+  std::vector<int> read_taxon_list();
+  void read_assignments(const std::string& what, bool types);
+  void note(const std::string& what) { notes_.push_back("NEXUS file " + file_ + ", line " + std::to_string(line_) + ": " + what); }
   ImportedCell read_cell(int taxon, int column);
   std::uint32_t symbol(int c, int column);
   int taxon_index(const std::string& name, std::unordered_map<std::string, int>& index, int ntax, bool may_add);
@@ -193,6 +202,7 @@ ImportResult NexusReader::run(const ImportOptions& opt) {
     else if (name == "DATA") read_characters_block(true);
     else if (name == "CHARACTERS") read_characters_block(false);
     else if (name == "TREES") read_trees_block();
+    else if (name == "ASSUMPTIONS" || name == "SETS" || name == "PAUP") read_sets_block(name);
     else skip_block(name);
   }
   taxon_.clear();
@@ -210,6 +220,8 @@ ImportResult NexusReader::run(const ImportOptions& opt) {
   m_.title = title_from_file(file_);
   ImportResult r;
   r.xread = matrix_to_xread(m_, file_, opt, &notes_);
+  sets_.nchar = m_.nchar;
+  r.xread += nexus_settings_commands(sets_);
   r.notes = std::move(notes_);
   r.trees = std::move(trees_);
   r.trees.file = file_;
@@ -388,6 +400,12 @@ void NexusReader::read_characters_block(bool is_data) {
       }
     } else if (cmd == "FORMAT") {
       read_format(datatype, symbols, mixed);
+    } else if (cmd == "CHARLABELS") {
+      read_char_labels(false);
+    } else if (cmd == "CHARSTATELABELS") {
+      read_char_labels(true);
+    } else if (cmd == "STATELABELS") {
+      read_state_labels();
     } else if (cmd == "MATRIX") {
       if (nchar < 0) fail("MATRIX before DIMENSIONS NCHAR=");
       if (!newtaxa && taxlabels_.empty()) fail("no taxa: DIMENSIONS NTAX= or a TAXA block is needed");
@@ -698,6 +716,288 @@ void NexusReader::read_trees_block() {
 ImportResult nexus_to_xread(std::string_view text, const std::string& file, const ImportOptions& opt) {
   NexusReader reader(text, file);
   return reader.run(opt);
+}
+
+}  // namespace qax::dataset
+
+namespace qax::dataset {
+
+namespace {
+bool all_digits(const std::string& t) {
+  return !t.empty() && t.size() < 10 && std::all_of(t.begin(), t.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
+}
+}  // namespace
+
+// CHARLABELS name name ... ;  or  CHARSTATELABELS N name / state state, N name, ... ;
+void NexusReader::read_char_labels(bool with_states) {
+  int next = 0;
+  while (true) {
+    Token k = word();
+    if (k.eof) fail("end of file in character labels (missing ';')");
+    if (!k.quoted && k.text == ";") return;
+    if (!k.quoted && k.text == ",") continue;
+    int c = next;
+    if (with_states) {
+      if (!all_digits(k.text)) fail("expected a character number in CHARSTATELABELS, found '" + shown(k.text) + "'");
+      c = std::stoi(k.text) - 1;
+      k = word();
+    }
+    if (c < 0 || c >= 100000000) fail("character number out of range in labels");
+    if (static_cast<int>(sets_.char_names.size()) <= c) sets_.char_names.resize(c + 1);
+    if (static_cast<int>(sets_.state_names.size()) <= c) sets_.state_names.resize(c + 1);
+    next = c + 1;
+    if (!(!k.quoted && (k.text == "/" || k.text == "," || k.text == ";"))) {
+      sets_.char_names[c] = k.text;
+      k = word();
+    }
+    if (!k.quoted && k.text == "/") {
+      while (true) {
+        Token st = word();
+        if (st.eof) fail("end of file in state labels");
+        if (!st.quoted && (st.text == "," || st.text == ";")) { k = st; break; }
+        sets_.state_names[c].push_back(st.text);
+      }
+    }
+    if (!k.quoted && k.text == ";") return;
+  }
+}
+
+// STATELABELS N state state ..., N ... ;
+void NexusReader::read_state_labels() {
+  while (true) {
+    Token k = word();
+    if (k.eof) fail("end of file in STATELABELS (missing ';')");
+    if (!k.quoted && k.text == ";") return;
+    if (!k.quoted && k.text == ",") continue;
+    if (!all_digits(k.text)) fail("expected a character number in STATELABELS, found '" + shown(k.text) + "'");
+    int c = std::stoi(k.text) - 1;
+    if (c < 0 || c >= 100000000) fail("character number out of range in STATELABELS");
+    if (static_cast<int>(sets_.state_names.size()) <= c) sets_.state_names.resize(c + 1);
+    if (static_cast<int>(sets_.char_names.size()) <= c) sets_.char_names.resize(c + 1);
+    while (true) {
+      Token st = word();
+      if (st.eof) fail("end of file in STATELABELS");
+      if (!st.quoted && (st.text == "," || st.text == ";")) {
+        if (st.text == ";") return;
+        break;
+      }
+      sets_.state_names[c].push_back(st.text);
+    }
+  }
+}
+
+// A character list up to "," or ";" (which sets `ended`): numbers from 1, ranges
+// "a-b", "a-." and "a-b\s", "all", "." and names of character sets.
+std::vector<int> NexusReader::read_char_list(bool& ended) {
+  std::vector<int> items;
+  int n = m_.nchar > 0 ? m_.nchar : sets_.nchar;
+  auto number = [&](const std::string& t) -> int {
+    if (t == ".") return n;
+    if (!all_digits(t)) fail("expected a character number, found '" + shown(t) + "'");
+    return std::stoi(t);
+  };
+  std::vector<std::string> words;
+  while (true) {
+    Token k = word();
+    if (k.eof) fail("end of file in a character list (missing ';')");
+    if (!k.quoted && (k.text == "," || k.text == ";")) { ended = k.text == ";"; break; }
+    words.push_back(k.text);
+  }
+  // "1 - 3" comes as three words: join them.
+  std::vector<std::string> joined;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    if (words[i] == "-" && !joined.empty() && i + 1 < words.size()) { joined.back() += "-" + words[++i]; continue; }
+    if (!joined.empty() && joined.back().back() == '-') { joined.back() += words[i]; continue; }
+    if (words[i].size() > 1 && words[i][0] == '-' && !joined.empty()) { joined.back() += words[i]; continue; }
+    joined.push_back(words[i]);
+  }
+  for (const std::string& w : joined) {
+    std::string u = upper(w);
+    if (u == "ALL") {
+      for (int c = 0; c < n; ++c) items.push_back(c);
+      continue;
+    }
+    bool found = false;
+    for (const auto& [name, list] : sets_.charsets)
+      if (upper(name) == u) { items.insert(items.end(), list.begin(), list.end()); found = true; }
+    if (found) continue;
+    std::size_t dash = w.find('-');
+    int step = 1;
+    std::string body = w;
+    std::size_t slash = w.find('\\');
+    if (slash != std::string::npos) {
+      step = number(w.substr(slash + 1));
+      body = w.substr(0, slash);
+      if (step < 1) step = 1;
+    }
+    dash = body.find('-');
+    int a = number(dash == std::string::npos ? body : body.substr(0, dash));
+    int b = dash == std::string::npos ? a : number(body.substr(dash + 1));
+    if (a < 1 || b > n || a > b) fail("character list item '" + shown(w) + "' out of range 1-" + std::to_string(n));
+    for (int c = a; c <= b; c += step) items.push_back(c - 1);
+  }
+  std::sort(items.begin(), items.end());
+  items.erase(std::unique(items.begin(), items.end()), items.end());
+  return items;
+}
+
+// A taxon list up to ";": names, numbers from 1 and ranges.
+std::vector<int> NexusReader::read_taxon_list() {
+  std::vector<int> items;
+  const std::vector<std::string>& taxa = m_.taxa.empty() ? taxlabels_ : m_.taxa;
+  int n = static_cast<int>(taxa.size());
+  while (true) {
+    Token k = word();
+    if (k.eof) fail("end of file in a taxon list (missing ';')");
+    if (!k.quoted && k.text == ";") break;
+    if (!k.quoted && k.text == ",") continue;
+    int found = -1;
+    for (int t = 0; t < n; ++t)
+      if (taxa[t] == k.text || xread_taxon_name(taxa[t]) == xread_taxon_name(k.text)) found = t;
+    if (found >= 0) { items.push_back(found); continue; }
+    std::size_t dash = k.text.find('-');
+    std::string a = dash == std::string::npos ? k.text : k.text.substr(0, dash);
+    std::string b = dash == std::string::npos ? k.text : k.text.substr(dash + 1);
+    if (b == ".") b = std::to_string(n);
+    if (!all_digits(a) || !all_digits(b)) { note("taxon '" + shown(k.text) + "' of a TAXSET is not in the matrix"); continue; }
+    for (int t = std::stoi(a); t <= std::stoi(b) && t <= n; ++t)
+      if (t >= 1) items.push_back(t - 1);
+  }
+  std::sort(items.begin(), items.end());
+  items.erase(std::unique(items.begin(), items.end()), items.end());
+  return items;
+}
+
+// "value: list, value: list;" of TYPESET, CTYPE and WTSET (types or whole weights).
+void NexusReader::read_assignments(const std::string& what, bool types) {
+  int n = m_.nchar;
+  if (sets_.type.size() < static_cast<std::size_t>(n)) sets_.type.resize(n, -1);
+  if (sets_.weight.size() < static_cast<std::size_t>(n)) sets_.weight.resize(n, -1);
+  while (true) {
+    Token v = word();
+    if (v.eof) fail("end of file in " + what);
+    if (!v.quoted && v.text == ";") return;
+    if (!v.quoted && v.text == ",") continue;
+    expect(":");
+    bool ended = false;
+    std::vector<int> items = read_char_list(ended);
+    std::string u = upper(v.text);
+    if (types) {
+      int t = u == "ORD" ? 1 : u == "UNORD" ? 0 : -1;
+      if (t < 0) note("character type " + shown(v.text) + " of " + what + " not applied (" + std::to_string(items.size()) + " characters stay as they are)");
+      else for (int c : items) sets_.type[c] = t;
+    } else {
+      char* end = nullptr;
+      double w = std::strtod(v.text.c_str(), &end);
+      if (end == v.text.c_str() || *end || w < 0 || w != static_cast<int>(w) || w > 1000)
+        note("weight " + shown(v.text) + " of " + what + " not applied (only whole weights 0-1000)");
+      else for (int c : items) sets_.weight[c] = static_cast<int>(w);
+    }
+    if (ended) return;
+  }
+}
+
+// ASSUMPTIONS, SETS (and PAUP) blocks: types, weights, exclusions and sets.
+void NexusReader::read_sets_block(const std::string& block) {
+  if (!have_matrix_) {
+    // Settings before the matrix would need its size: rare; said, not guessed.
+    note("block " + block + " before the matrix: its settings are not applied");
+    skip_block(block);
+    notes_.pop_back();
+    return;
+  }
+  int n = m_.nchar;
+  sets_.excluded.resize(n, 0);
+  while (true) {
+    Token k = word();
+    if (k.eof) fail("end of file inside block " + block + " (missing END;)");
+    std::string cmd = upper(k.text);
+    if (cmd == "END" || cmd == "ENDBLOCK") { block_end_or_eof(block); return; }
+    if (cmd == ";") continue;
+    if (cmd == "OPTIONS") {
+      while (true) {
+        Token a = word();
+        if (a.eof) fail("end of file in OPTIONS");
+        if (!a.quoted && a.text == ";") break;
+        if (upper(a.text) == "DEFTYPE") {
+          expect("=");
+          std::string t = upper(word().text);
+          if (t == "ORD") sets_.default_type = 1;
+          else if (t == "UNORD") sets_.default_type = 0;
+          else note("DEFTYPE=" + shown(t) + " not applied");
+        } else {
+          std::string opt = a.text;
+          skip_blanks();
+          if (peek() == '=') {
+            get();
+            opt += "=" + word().text;
+          }
+          note("OPTIONS " + shown(opt) + " not applied");
+        }
+      }
+      continue;
+    }
+    bool named_set = cmd == "TYPESET" || cmd == "WTSET" || cmd == "EXSET" || cmd == "CHARSET" || cmd == "TAXSET";
+    if (cmd == "CTYPE") {
+      read_assignments("CTYPE", true);
+      continue;
+    }
+    if (!named_set) {
+      note("command " + shown(k.text) + " of block " + block + " not applied");
+      skip_command();
+      continue;
+    }
+    Token name = word();
+    bool is_default = false;
+    if (!name.quoted && name.text == "*") { is_default = true; name = word(); }
+    Token eq = word();
+    bool vector = false;
+    if (!eq.quoted && eq.text == "(") {
+      while (true) {
+        Token a = word();
+        if (a.eof) fail("end of file in " + cmd);
+        if (!a.quoted && a.text == ")") break;
+        if (upper(a.text) == "VECTOR") vector = true;
+        else if (upper(a.text) != "STANDARD" && upper(a.text) != "CHARACTERS" && upper(a.text) != "TAXA") {
+          note(cmd + " " + shown(name.text) + ": format " + shown(a.text) + " not read");
+        }
+      }
+      eq = word();
+    }
+    if (eq.quoted || eq.text != "=") fail("expected '=' in " + cmd + " " + shown(name.text));
+    bool applies = is_default || cmd == "CHARSET" || cmd == "TAXSET";
+    if (!applies) {
+      note(cmd + " " + shown(name.text) + " is not the default set (*): not applied");
+      skip_command();
+      continue;
+    }
+    if (cmd == "TYPESET") read_assignments("TYPESET " + name.text, true);
+    else if (cmd == "WTSET" && vector) {
+      sets_.weight.resize(n, -1);
+      for (int c = 0;; ++c) {
+        Token w = word();
+        if (w.eof) fail("end of file in WTSET");
+        if (!w.quoted && w.text == ";") break;
+        if (c >= n) fail("WTSET " + shown(name.text) + " has more weights than characters");
+        if (!all_digits(w.text)) { note("weight " + shown(w.text) + " of WTSET not applied"); continue; }
+        sets_.weight[c] = std::stoi(w.text);
+      }
+    } else if (cmd == "WTSET") read_assignments("WTSET " + name.text, false);
+    else if (cmd == "EXSET") {
+      bool ended = false;
+      while (!ended) for (int c : read_char_list(ended)) sets_.excluded[c] = 1;
+    } else if (cmd == "CHARSET") {
+      bool ended = false;
+      std::vector<int> all;
+      while (!ended) { auto part = read_char_list(ended); all.insert(all.end(), part.begin(), part.end()); }
+      if (sets_.charsets.size() >= 32) note("CHARSET " + shown(name.text) + " not kept (32 character groups at most)");
+      else sets_.charsets.emplace_back(name.text, all);
+    } else {
+      std::vector<int> taxa = read_taxon_list();
+      if (sets_.taxsets.size() >= 32) note("TAXSET " + shown(name.text) + " not kept (32 taxon groups at most)");
+      else sets_.taxsets.emplace_back(name.text, taxa);
+    }
+  }
 }
 
 }  // namespace qax::dataset

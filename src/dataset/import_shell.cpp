@@ -35,7 +35,9 @@ ImportOptions current_options() {
 }
 
 void push_result(ImportResult& r, const std::string& name) {
-  for (const auto& n : r.notes) shell::warning({n});
+  // Notes go to the console: a setting of the file that could not be applied, a
+  // block skipped or a name changed must not pass unseen.
+  for (const auto& n : r.notes) shell::out_text({"Note: ", n, "\n"});
   if (r.xread.empty()) {
     // A file of trees only: they are read at once, for the matrix in memory.
     if (!dataset.loaded) shell::error_exit({"File", name, "holds trees only: read the data first"});
