@@ -2,6 +2,8 @@
 // Polymorphisms are written in ( ), missing as ?, the data type from each character's
 // format; a file written here reads back to the same cells.
 #include <cstdio>
+#include <map>
+#include <vector>
 
 #include "shell/file_access.h"
 #include "dataset/dataset.h"
@@ -48,6 +50,64 @@ void put_cell(std::string& out, std::uint32_t s, std::uint32_t missing, std::uin
   out += '(';
   for (int b = 0; b < limit; ++b) if (s & (1u << b)) out += alphabet[b];
   out += ')';
+}
+
+// A NEXUS character list (numbers from 1, runs as ranges).
+std::string nexus_list(const std::vector<int>& items) {
+  std::string out;
+  for (std::size_t i = 0; i < items.size();) {
+    std::size_t j = i;
+    while (j + 1 < items.size() && items[j + 1] == items[j] + 1) ++j;
+    out += " " + std::to_string(items[i] + 1);
+    if (j > i) out += "-" + std::to_string(items[j] + 1);
+    i = j + 1;
+  }
+  return out;
+}
+
+// The settings a NEXUS reader can take back: types, weights and exclusions
+// (ASSUMPTIONS), character and taxon groups (SETS). Empty when all are defaults.
+std::string nexus_settings_blocks() {
+  const Dataset& d = dataset;
+  std::vector<int> ordered, excluded;
+  std::map<int, std::vector<int>> weights;
+  for (int c = 0; c < d.nchar; ++c) {
+    if (d.chars[c].additive) ordered.push_back(c);
+    if (!d.chars[c].active) excluded.push_back(c);
+    if (d.chars[c].weight != 1) weights[d.chars[c].weight].push_back(c);
+  }
+  std::string x;
+  if (!ordered.empty() || !excluded.empty() || !weights.empty()) {
+    x += "\nBEGIN ASSUMPTIONS;\n";
+    if (!ordered.empty()) x += "  TYPESET * types = ord:" + nexus_list(ordered) + ";\n";
+    if (!weights.empty()) {
+      x += "  WTSET * weights =";
+      bool first = true;
+      for (auto& [w, items] : weights) {
+        x += (first ? " " : ", ") + std::to_string(w) + ":" + nexus_list(items);
+        first = false;
+      }
+      x += ";\n";
+    }
+    if (!excluded.empty()) x += "  EXSET * inactive =" + nexus_list(excluded) + ";\n";
+    x += "END;\n";
+  }
+  std::string sets;
+  for (int g = 0; g < group_count; ++g) {
+    std::vector<int> chars, taxa;
+    for (int c = 0; c < d.nchar && c < static_cast<int>(d.character_groups.size()); ++c)
+      if (d.character_groups[c] >> g & 1) chars.push_back(c);
+    for (int t = 0; t < d.ntax && t < static_cast<int>(d.taxon_groups.size()); ++t)
+      if (d.taxon_groups[t] >> g & 1) taxa.push_back(t);
+    if (!chars.empty()) sets += "  CHARSET " + nexus_name(d.character_group_names[g]) + " =" + nexus_list(chars) + ";\n";
+    if (!taxa.empty()) {
+      sets += "  TAXSET " + nexus_name(d.taxon_group_names[g]) + " =";
+      for (int t : taxa) sets += " " + nexus_name(d.taxon_names[t]);
+      sets += ";\n";
+    }
+  }
+  if (!sets.empty()) x += "\nBEGIN SETS;\n" + sets + "END;\n";
+  return x;
 }
 
 }  // namespace
@@ -104,7 +164,28 @@ std::string dataset_to_nexus() {
     if (top < 1) top = 1;
     x += " SYMBOLS=\"" + std::string(numeric_alphabet, top + 1) + "\"";
   }
-  x += ";\n  MATRIX\n";
+  x += ";\n";
+  // Character and state names.
+  bool any_label = false;
+  for (int c = 0; c < d.nchar; ++c)
+    if (!d.character_names[c].empty() || (c < static_cast<int>(d.state_names.size()) && !d.state_names[c].empty())) any_label = true;
+  if (any_label) {
+    x += "  CHARSTATELABELS\n";
+    bool first = true;
+    for (int c = 0; c < d.nchar; ++c) {
+      bool states = c < static_cast<int>(d.state_names.size()) && !d.state_names[c].empty();
+      if (d.character_names[c].empty() && !states) continue;
+      x += first ? "    " : ",\n    ";
+      first = false;
+      x += std::to_string(c + 1) + " " + nexus_name(d.character_names[c].empty() ? "char" + std::to_string(c) : d.character_names[c]);
+      if (states) {
+        x += " /";
+        for (const std::string& st : d.state_names[c]) x += " " + nexus_name(st);
+      }
+    }
+    x += "\n  ;\n";
+  }
+  x += "  MATRIX\n";
   for (int t = 0; t < d.ntax; ++t) {
     x += "    " + names[t];
     x.append(width + 2 - names[t].size(), ' ');
@@ -112,7 +193,7 @@ std::string dataset_to_nexus() {
     x += '\n';
   }
   x += "  ;\nEND;\n";
-  return x;
+  return x + nexus_settings_blocks();
 }
 
 }  // namespace qax::dataset
