@@ -54,7 +54,9 @@ struct NexusTrees {
 // Options the converters need from the run: the cell width now set by nstates
 // decides whether an nstates command must precede the matrix.
 struct ImportOptions {
-  int cell_width = 2;  // bytes per cell of the next matrix (1, 2 or 4)
+  int cell_width = 2;          // bytes per cell of the next matrix (1, 2 or 4)
+  bool gaps_as_state = false;  // the user reads gaps as a state (nstates gaps)
+  int name_length = 32;        // longest taxon name xread keeps (taxname +N)
 };
 
 struct ImportResult {
@@ -104,6 +106,11 @@ std::string title_from_file(const std::string& file);
 // The NEXUS TREES block of the last NEXUS file read (empty when it had none).
 const NexusTrees& nexus_trees();
 void clear_nexus_trees();
+
+// An import may set the data type the matrix needs; the user's own reading settings
+// (data type of the next matrix, gaps) come back once the imported matrix is read or
+// has failed. Called by xread at its end.
+void restore_reading_after_import();
 
 // Installs the readers in the shell's import hooks (at start-up).
 void install_import_hooks();

@@ -122,10 +122,21 @@ std::string matrix_to_xread(const ImportedMatrix& m, const std::string& file, co
   } else if (opt.cell_width < 2) {
     x += "nstates 16;\n";
   }
+  // Long names are kept whole: truncated, two of them could become one taxon.
+  if (static_cast<int>(name_width) > opt.name_length) {
+    constexpr std::size_t longest = 2048;
+    std::size_t raise = std::min(name_width, longest);
+    x += "taxname +" + std::to_string(raise) + ";\n";
+    if (notes)
+      notes->push_back("Taxon names of " + file + " are up to " + std::to_string(name_width) + " letters: the limit (" +
+                       std::to_string(opt.name_length) + ") is raised to " + std::to_string(raise));
+  }
   x += "xread\n'" + m.title + "'\n" + std::to_string(m.nchar) + " " + std::to_string(ntax) + "\n";
   for (const auto& seg : m.segments) {
     if (seg.count == 0) continue;
-    x += seg.format == format_dna ? "&[dna nogaps]\n" : seg.format == format_protein ? "&[proteins nogaps]\n" : "&[num]\n";
+    const char* gaps = opt.gaps_as_state ? " gaps" : " nogaps";
+    x += seg.format == format_dna ? std::string("&[dna") + gaps + "]\n"
+         : seg.format == format_protein ? std::string("&[proteins") + gaps + "]\n" : std::string("&[num]\n");
     for (int t = 0; t < ntax; ++t) {
       x += names[t];
       x.append(name_width + 1 - names[t].size(), ' ');

@@ -31,8 +31,18 @@ std::string read_whole_file(const std::string& name) {
 ImportOptions current_options() {
   ImportOptions o;
   o.cell_width = dataset.cell_width;
+  o.gaps_as_state = dataset.gaps_as_missing == 0;
+  o.name_length = dataset.name_length;
   return o;
 }
+
+// The user's reading settings while an imported matrix is read.
+struct SavedReading {
+  bool pending = false;
+  int data_format = format_numeric;
+  int gaps_as_missing = 1;
+};
+SavedReading saved_reading_;
 
 void push_result(ImportResult& r, const std::string& name) {
   // Notes go to the console: a setting of the file that could not be applied, a
@@ -44,6 +54,7 @@ void push_result(ImportResult& r, const std::string& name) {
     if (tree_link_hooks.matrix_read) tree_link_hooks.matrix_read();
     return;
   }
+  saved_reading_ = {true, dataset.data_format, dataset.gaps_as_missing};
   shell::push_text_level(std::move(r.xread), name);
 }
 
@@ -106,7 +117,20 @@ ImportFailFn import_fail = fail_through_shell;
 const NexusTrees& nexus_trees() { return last_trees_; }
 void clear_nexus_trees() { last_trees_ = NexusTrees(); }
 
+void restore_reading_after_import() {
+  if (!saved_reading_.pending) return;
+  saved_reading_.pending = false;
+  dataset.data_format = saved_reading_.data_format;
+  dataset.gaps_as_missing = saved_reading_.gaps_as_missing;
+  build_symbol_table(dataset.data_format, dataset.cell_width);
+}
+
 void install_import_hooks() {
+  static bool step_added = false;
+  if (!step_added) {
+    shell::add_recover_step(restore_reading_after_import);
+    step_added = true;
+  }
   import_fail = fail_through_shell;
   shell::import_hooks.nexus = read_nexus_level;
   shell::import_hooks.fasta = read_fasta_file;

@@ -12,6 +12,7 @@
 
 #include "dataset/dataset.h"
 #include "dataset/dataset_commands.h"
+#include "dataset/import.h"
 #include "shell/arena.h"
 #include "shell/sizing.h"
 #include "shell/commands.h"
@@ -795,6 +796,7 @@ void read_matrix() {
   finish_matrix();
   build_symbol_table(d.data_format, d.cell_width);
   guard.done = true;
+  restore_reading_after_import();
   if (tree_link_hooks.matrix_read) tree_link_hooks.matrix_read();
 }
 
