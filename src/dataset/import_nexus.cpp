@@ -182,6 +182,20 @@ class NexusReader {
   void read_assignments(const std::string& what, bool types);
   void note(const std::string& what) { notes_.push_back("NEXUS file " + file_ + ", line " + std::to_string(line_) + ": " + what); }
   ImportedCell read_cell(int taxon, int column);
+  // True when c may start a cell of the column (a symbol, missing, gap, match, a set).
+  bool could_be_cell(int c, int column) {
+    if (c == missing_ || c == gap_ || c == match_ || c == '(' || c == '{') return true;
+    return symbol(c, column) != 0;
+  }
+  // True when the word ahead names a taxon of the matrix (the position is kept).
+  bool next_word_is_taxon(const std::unordered_map<std::string, int>& index) {
+    std::size_t p = p_;
+    int line = line_;
+    Token k = word();
+    p_ = p;
+    line_ = line;
+    return index.count(k.text) > 0 || std::find(taxlabels_.begin(), taxlabels_.end(), k.text) != taxlabels_.end();
+  }
   std::uint32_t symbol(int c, int column);
   int taxon_index(const std::string& name, std::unordered_map<std::string, int>& index, int ntax, bool may_add);
 };
@@ -443,13 +457,9 @@ void NexusReader::read_characters_block(bool is_data) {
           expanded += symbols[i];
         }
       }
-      bool digit = false;
-      positional_ = false;
-      for (char c : expanded) {
-        if (std::isdigit(static_cast<unsigned char>(c))) digit = true;
-        if (!symbol_set(static_cast<unsigned char>(c), format_numeric)) positional_ = true;
-      }
-      if (!digit) positional_ = true;
+      // The symbols name the states in order: the third symbol is state 2, whatever
+      // its letter ("01a": a is state 2).
+      positional_ = !expanded.empty();
       standard_.fill(0);
       if (positional_) {
         int n = 0;
@@ -594,11 +604,21 @@ void NexusReader::read_matrix(int ntax, int nchar) {
       auto& row = m_.rows[t];
       row.reserve(nchar);
       for (int c = 0; c < nchar; ++c) {
+        int line = line_;
         skip_blanks();
         int d = peek();
         if (d < 0 || d == ';') fail("row has " + std::to_string(c) + " characters, " + std::to_string(nchar) + " expected");
+        // A new line that starts with what can't be a cell is the next row: this one
+        // is too short.
+        if (c > 0 && line_ != line && !could_be_cell(d, c))
+          fail("row is too short: " + std::to_string(c) + " characters, " + std::to_string(nchar) + " expected");
         row.push_back(read_cell(t, c));
       }
+      // What follows a full row on its line is the next taxon, or the row is too long.
+      skip_blanks(true);
+      int d = peek();
+      if (nchar > 0 && d >= 0 && d != '\n' && d != '\r' && d != ';' && could_be_cell(d, nchar - 1) && !next_word_is_taxon(index))
+        fail("row is too long: more than " + std::to_string(nchar) + " characters");
     }
   } else {
     // Pages of rows; each row runs to the end of its line.

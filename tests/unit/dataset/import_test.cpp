@@ -187,7 +187,7 @@ TEST_F(ImportTest, NexusErrorsNameFileLineAndTaxon) {
   EXPECT_EQ(error_of([&] { nexus(std::string(head) + "a 012\nb 0J2\nc 000\nd 111\n;end;"); }),
             "Error reading NEXUS file t.nex, line 5, taxon b: alien symbol 'J' at char. 1 (standard)");
   EXPECT_EQ(error_of([&] { nexus(std::string(head) + "a 012\nb 01\nc 000\nd 111\n;end;"); }),
-            "Error reading NEXUS file t.nex, line 6, taxon b: alien symbol 'c' at char. 2 (standard)");
+            "Error reading NEXUS file t.nex, line 6, taxon b: row is too short: 2 characters, 3 expected");
   EXPECT_EQ(error_of([&] { nexus(std::string(head) + "a 012\nb 012\nc 000\nd 11;\nend;"); }),
             "Error reading NEXUS file t.nex, line 7, taxon d: row has 2 characters, 3 expected");
   EXPECT_EQ(error_of([&] { nexus(std::string(head) + "a 012\nb 012\nc 000\n;\nend;"); }),
@@ -205,7 +205,7 @@ TEST_F(ImportTest, NexusErrorsNameFileLineAndTaxon) {
   EXPECT_EQ(error_of([&] { nexus("#NEXUS\nbegin sets; charset a = 1-2;\nend;\n"); }),
             "Error reading NEXUS file t.nex: no DATA or CHARACTERS block with a matrix");
   EXPECT_EQ(error_of([&] { nexus(std::string(head) + "a 012\nb 0123\nc 000\nd 111\n;end;"); }),
-            "Error reading NEXUS file t.nex, line 6, taxon 3: alien symbol 'c' at char. 0 (standard)");
+            "Error reading NEXUS file t.nex, line 5, taxon b: row is too long: more than 3 characters");
   EXPECT_EQ(error_of([&] { nexus(std::string(head) + "a 012\nb 012\nc 000\nd 111\ne 000\n;end;"); }),
             "Error reading NEXUS file t.nex, line 8: expected ';' at the end of MATRIX (more rows than NTAX=4?)");
   EXPECT_EQ(error_of([&] { nexus("#NEXUS begin data; dimensions ntax=4 nchar=1; format symbols=\"01\"; matrix a 0 b 2 c 0 d 1;end;"); }),
