@@ -35,10 +35,11 @@ void put_cell(std::string& out, std::uint32_t s, std::uint32_t missing, std::uin
     std::uint32_t bases = s & 15;
     if (bases && !(s & ~15u)) { out += dna_letters[bases]; return; }
     if (s == dna_gap_bit) { out += '-'; return; }
+    if (!bases) { out += '?'; return; }
     out += '(';
     for (int b = 0; b < 4; ++b) if (s & (1u << b)) out += "AGCT"[b];
-    out += ')';  // a gap among other states cannot be written; the bases stay
-    if (!bases) { out.resize(out.size() - 2); out += '?'; }
+    if (s & dna_gap_bit) out += '-';  // a gap among the bases (gaps read as a state)
+    out += ')';
     return;
   }
   const char* alphabet = format == format_protein ? protein_alphabet : numeric_alphabet;

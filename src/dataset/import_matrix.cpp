@@ -63,7 +63,13 @@ void put_cell(std::string& out, const ImportedCell& c, std::uint8_t format) {
   if (c.kind == CellKind::missing) { out += '?'; return; }
   if (c.kind == CellKind::gap) { out += '-'; return; }
   std::uint32_t s = c.set;
-  if (format == format_dna) { out += dna_letters[s & 15]; return; }
+  if (format == format_dna) {
+    if (!(s & 16) || !(s & 15)) { out += dna_letters[s & 15]; return; }
+    out += '[';  // bases and a gap
+    for (int b = 0; b < 4; ++b) if (s & (1u << b)) out += "AGCT"[b];
+    out += "-]";
+    return;
+  }
   const char* alphabet = format == format_protein ? protein_alphabet : numeric_alphabet;
   if ((s & (s - 1)) == 0) { out += alphabet[__builtin_ctz(s)]; return; }
   if (format == format_protein) {

@@ -514,6 +514,10 @@ ImportedCell NexusReader::read_cell(int taxon, int column) {
       if (d == close) break;
       if (d < 0 || d == ';') fail(std::string("'") + static_cast<char>(c) + "' at char. " + std::to_string(column) + " is never closed");
       if (d == ',') continue;
+      if (d == gap_ && column_format_[column] == format_dna) {
+        set |= 16;  // a gap among the bases: kept, for a user who reads gaps as a state
+        continue;
+      }
       if (d == missing_ || d == gap_) continue;
       if (d == '~' && last >= 0 && column_format_[column] == format_numeric) {
         skip_blanks();

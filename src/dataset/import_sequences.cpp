@@ -1,5 +1,6 @@
 // FASTA and relaxed PHYLIP readers: aligned sequences whose type is guessed from
 // the symbols (see guess_format).
+#include <algorithm>
 #include <cctype>
 #include <string>
 
@@ -92,6 +93,9 @@ ImportResult fasta_to_xread(std::string_view text, const std::string& file, cons
   }
   (void)name_line;
   if (names.empty()) import_error("Error reading FASTA file " + file + ": no sequences");
+  // A protein sequence may end with "*", the stop codon: it is not a character.
+  for (std::string& q : seqs)
+    if (!q.empty() && q.back() == '*') q.pop_back();
   for (std::size_t t = 0; t < names.size(); ++t) {
     if (seqs[t].empty()) import_error("Error reading FASTA file " + file + ", taxon " + names[t] + ": empty sequence");
     if (seqs[t].size() != seqs[0].size()) {
@@ -121,7 +125,7 @@ namespace {
 
 // Reads the rows after the header, as sequential (interleaved = false) or as
 // interleaved; returns an error text, empty when the layout fits.
-std::string phylip_rows(const std::vector<Line>& lines, int ntax, int nchar, bool interleaved,
+std::string phylip_rows(const std::vector<Line>& lines, int ntax, int nchar, bool interleaved, bool strict,
                         std::vector<std::string>& names, std::vector<std::string>& seqs) {
   names.assign(ntax, {});
   seqs.assign(ntax, {});
@@ -136,9 +140,17 @@ std::string phylip_rows(const std::vector<Line>& lines, int ntax, int nchar, boo
     if (!l) return "only " + std::to_string(t) + " of " + std::to_string(ntax) + " taxa";
     std::string_view s = trim(l->text);
     std::size_t sp = 0;
-    while (sp < s.size() && static_cast<unsigned char>(s[sp]) > 32) ++sp;
-    names[t] = std::string(s.substr(0, sp));
-    append_symbols(seqs[t], s.substr(sp));
+    if (strict) {
+      // Strict layout: the name fills the first ten columns, blanks included.
+      std::string_view raw = l->text;
+      sp = std::min<std::size_t>(10, raw.size());
+      names[t] = std::string(trim(raw.substr(0, sp)));
+      append_symbols(seqs[t], raw.substr(sp));
+    } else {
+      while (sp < s.size() && static_cast<unsigned char>(s[sp]) > 32) ++sp;
+      names[t] = std::string(s.substr(0, sp));
+      append_symbols(seqs[t], s.substr(sp));
+    }
     if (!interleaved) {
       while (static_cast<int>(seqs[t].size()) < nchar) {
         const Line* c = next_line();
@@ -198,10 +210,14 @@ ImportResult phylip_to_xread(std::string_view text, const std::string& file, con
     import_error(where + ": line 1 says " + std::to_string(ntax) + " taxa, but the file has " + std::to_string(lines.size() - 1) + " more lines");
   }
   std::vector<std::string> names, seqs;
-  std::string seq_error = phylip_rows(lines, static_cast<int>(ntax), static_cast<int>(nchar), false, names, seqs);
+  const int nt = static_cast<int>(ntax), nc = static_cast<int>(nchar);
+  // Names end at the first blank (relaxed layout), or fill ten columns (strict layout,
+  // where names may hold blanks); rows are sequential or interleaved.
+  std::string seq_error = phylip_rows(lines, nt, nc, false, false, names, seqs);
   if (!seq_error.empty()) {
-    std::string int_error = phylip_rows(lines, static_cast<int>(ntax), static_cast<int>(nchar), true, names, seqs);
-    if (!int_error.empty()) {
+    std::string int_error = phylip_rows(lines, nt, nc, true, false, names, seqs);
+    if (!int_error.empty() && !phylip_rows(lines, nt, nc, false, true, names, seqs).empty() &&
+        !phylip_rows(lines, nt, nc, true, true, names, seqs).empty()) {
       if (int_error == seq_error) import_error(where + ": " + int_error);
       import_error(where + ": " + int_error + " (read as interleaved; as sequential: " + seq_error + ")");
     }

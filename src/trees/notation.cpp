@@ -812,7 +812,7 @@ int newick_taxon(const std::string& word, const std::map<std::string, std::strin
     std::string list;
     for (std::size_t i = 0; i < candidates.size() && i < 10; ++i) list += (i ? ", " : "") + dataset.taxon_names[candidates[i]];
     if (candidates.size() > 10) list += ", ...";
-    error_exit({"Taxon name", w, "in tree is ambiguous: it begins", list});
+    error_exit({"Taxon name", w, "in tree is ambiguous: it begins the names", list});
   }
   return candidates[0];
 }

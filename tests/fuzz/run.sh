@@ -9,7 +9,8 @@ out=${FUZZ_BUILD_DIR:-$root/build-fuzz}
 mkdir -p "$out/corpus"
 clang++ -std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=undefined \
   -I"$root/src" "$root/tests/fuzz/import_fuzz.cpp" \
-  "$root/src/dataset/import_matrix.cpp" "$root/src/dataset/import_nexus.cpp" "$root/src/dataset/import_sequences.cpp" \
+  "$root/src/dataset/import_matrix.cpp" "$root/src/dataset/import_nexus.cpp" "$root/src/dataset/import_nexus_sets.cpp" \
+  "$root/src/dataset/import_sequences.cpp" \
   -o "$out/import_fuzz"
 for f in "$root"/tests/data/*.nex "$root"/tests/data/*.fasta "$root"/tests/e2e/import/*.nex \
          "$root"/tests/e2e/import/*.fasta "$root"/tests/e2e/import/*.phy; do
