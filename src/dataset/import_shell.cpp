@@ -1,5 +1,7 @@
 // The import readers as the shell sees them: procedure hands NEXUS, FASTA and
 // PHYLIP files here; each is converted to xread text and pushed as an input level.
+#include <strings.h>
+
 #include <fstream>
 #include <sstream>
 
@@ -95,7 +97,7 @@ bool read_other_format_level() {
   }
   if (looks_like_phylip(head)) kind = phylip;
   else if (first != std::string_view::npos && head[first] == '>') kind = fasta;
-  else if (head.size() > 6 && head.starts_with("#NEXUS") && static_cast<unsigned char>(head[6]) < 33 &&
+  else if (head.size() > 6 && strncasecmp(head.data(), "#NEXUS", 6) == 0 && static_cast<unsigned char>(head[6]) < 33 &&
            head.data() != f.text + f.pos) kind = nexus;
   if (kind == none) return false;
   std::string name = f.name;

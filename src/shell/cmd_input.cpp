@@ -1,6 +1,7 @@
 // Commands of the input stack: exit family, bground, procedure, run, recurse, mxproc.
 #include <cctype>
 #include <cstring>
+#include <strings.h>
 #include <vector>
 
 #include "shell/commands.h"
@@ -90,7 +91,7 @@ void cmd_procedure() {
   next_char();
   unread_char();
   InputFrame& f = current_frame();
-  if (f.pos == 0 && std::strncmp(f.text, "#NEXUS", 6) == 0 &&
+  if (f.pos == 0 && strncasecmp(f.text, "#NEXUS", 6) == 0 &&
       (static_cast<unsigned char>(f.text[6]) < 33)) {
     f.pos = 6;
     if (!import_hooks.nexus) {
