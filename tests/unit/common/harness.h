@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 
@@ -41,6 +42,20 @@ class ShellTest : public ::testing::Test {
 // Each test process logs to its own file: ctest runs test processes in parallel.
 inline std::string capture_log_name() {
   return ::testing::TempDir() + "qax_capture_" + std::to_string(::getpid()) + ".log";
+}
+
+// Runs fn under protected_call, which must return `expected` (0: fn failed, 1: it ran);
+// returns what fn printed (the message of a failure).
+inline std::string protected_text(const std::function<void()>& fn, int expected = 0) {
+  const std::string log = capture_log_name();
+  EXPECT_TRUE(shell::open_log(log, false));
+  EXPECT_EQ(shell::protected_call(fn), expected);
+  shell::close_log();
+  std::ifstream in(log);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  std::remove(log.c_str());
+  return ss.str();
 }
 
 // Runs the commands of `text` to their end (an error stops them); returns all they printed.

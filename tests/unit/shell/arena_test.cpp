@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "app/program.h"
+#include "common/harness.h"
 #include "shell/arena.h"
 #include "shell/failure.h"
 #include "shell/output.h"
@@ -25,17 +26,7 @@ void start(std::size_t bytes = 1 << 20) {
   claim_arena(bytes);
 }
 
-std::string failure_text(const std::function<void()>& fn) {
-  std::string log = "/tmp/qax_arena_test_log_" + std::to_string(getpid());
-  EXPECT_TRUE(open_log(log, false));
-  EXPECT_EQ(protected_call(fn), 0);
-  close_log();
-  std::ifstream in(log);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  std::remove(log.c_str());
-  return ss.str();
-}
+std::string failure_text(const std::function<void()>& fn) { return qax::test::protected_text(fn); }
 
 std::uintptr_t address(void* p) { return reinterpret_cast<std::uintptr_t>(p); }
 

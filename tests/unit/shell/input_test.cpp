@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "app/program.h"
+#include "common/harness.h"
 #include "shell/failure.h"
 #include "shell/input.h"
 #include "shell/output.h"
@@ -34,17 +35,7 @@ void write_file(const std::string& name, const std::string& text) {
 }
 
 // Runs fn expecting it to fail; returns the message text as written to a log file.
-std::string failure_text(const std::function<void()>& fn) {
-  std::string log = temp_name("log");
-  EXPECT_TRUE(open_log(log, false));
-  EXPECT_EQ(protected_call(fn), 0);
-  close_log();
-  std::ifstream in(log);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  std::remove(log.c_str());
-  return ss.str();
-}
+std::string failure_text(const std::function<void()>& fn) { return qax::test::protected_text(fn); }
 
 }  // namespace
 

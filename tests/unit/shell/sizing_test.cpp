@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "app/program.h"
+#include "common/harness.h"
 #include "shell/arena.h"
 #include "shell/failure.h"
 #include "shell/file_access.h"
@@ -28,15 +29,7 @@ std::string failure_text(const std::function<void()>& fn, int expected = 0) {
   qax::app::reset_run_state();
   output_state.silent_flags = 2;
   shell_state.current_command_name = "xread";
-  std::string log = "/tmp/qax_sizing_test_log_" + std::to_string(getpid());
-  EXPECT_TRUE(open_log(log, false));
-  EXPECT_EQ(protected_call(fn), expected);
-  close_log();
-  std::ifstream in(log);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  std::remove(log.c_str());
-  return ss.str();
+  return qax::test::protected_text(fn, expected);
 }
 
 const char out_of_ram_text[] = "xread - out of ram (change \"hold\" and/or \"mxram\")";
