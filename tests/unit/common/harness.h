@@ -44,6 +44,16 @@ inline std::string capture_log_name() {
   return ::testing::TempDir() + "qax_capture_" + std::to_string(::getpid()) + ".log";
 }
 
+// The text of a capture log, which is removed.
+inline std::string take_log(const std::string& log) {
+  std::ifstream in(log);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  in.close();
+  std::remove(log.c_str());
+  return ss.str();
+}
+
 // Runs fn under protected_call, which must return `expected` (0: fn failed, 1: it ran);
 // returns what fn printed (the message of a failure).
 inline std::string protected_text(const std::function<void()>& fn, int expected = 0) {
@@ -51,11 +61,7 @@ inline std::string protected_text(const std::function<void()>& fn, int expected 
   EXPECT_TRUE(shell::open_log(log, false));
   EXPECT_EQ(shell::protected_call(fn), expected);
   shell::close_log();
-  std::ifstream in(log);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  std::remove(log.c_str());
-  return ss.str();
+  return take_log(log);
 }
 
 // Runs the commands of `text` to their end (an error stops them); returns all they printed.
@@ -69,11 +75,7 @@ inline std::string run(const std::string& text) {
   while (shell::input_level() > 0) shell::close_input();
   shell::flush_log();
   shell::close_log();
-  std::ifstream in(log);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  std::remove(log.c_str());
-  return ss.str();
+  return take_log(log);
 }
 
 // Runs the qax binary on `script` in a fresh directory; returns standard error.
