@@ -288,7 +288,9 @@ void run_mult(int replications) {
             bool improved = false;
             double sc = s.swapper == swapper_tbr ? swap_tbr_slot(row, first, 1, limit, &sl, &improved)
                                                  : swap_spr_slot(row, first, 1, limit, &sl, &improved);
-            if (improved) {
+            // Only a new best restarts the pass over the kept trees: a suboptimal tree
+            // improved to a score already held adds nothing to go back for.
+            if (improved && sc < rep_best - 1e-8) {
               rep_best = sc;
               if (sl < 0) break;  // the island was seen by an earlier replication
               i = first + 1;
@@ -368,7 +370,7 @@ void run_bbreak() {
       bool improved = false;
       double sc = tbr ? swap_tbr_slot(row, 0, 1, tree_store.maxtrees, &slot, &improved)
                       : swap_spr_slot(row, 0, 1, tree_store.maxtrees, &slot, &improved);
-      if (improved) {
+      if (improved && sc < best - 1e-8) {
         best = sc;
         i = 1;
       } else {
