@@ -117,6 +117,9 @@ void install_subsystems() {
   static bool lists_filled = false;
   if (lists_filled) return;
   lists_filled = true;
+  // A tree file open for saving belongs to the data set: trees of the next one would
+  // make a file that can't be read back.
+  qax::dataset::add_dataset_replaced_hook([] { qax::trees::close_tree_file(true); });
   qax::dataset::add_dataset_replaced_hook(qax::trees::tree_store_clear);
   add_exit_step(qax::trees::tree_files_at_exit);
   // Any command may change taxa, characters or weights: the packed matrix is rebuilt
