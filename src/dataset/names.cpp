@@ -179,7 +179,8 @@ void cmd_outgroup() {
     return;
   }
   if (c == '[' || c == ']') error_exit("No taxonomy defined");
-  int t = read_one_taxon();
+  // A number is checked here, against the taxa there are; a name goes through the list reader.
+  int t = std::isdigit(c) ? shell::read_int() : read_one_taxon();
   if (t < 0 || t >= d.ntax) error_exit({"Outgroup taxon must be 0 -", std::to_string(d.ntax - 1)});
   if (!d.taxon_active[t]) error_exit({"Cannot use an inactive taxon as outgroup -", d.taxon_names[t]});
   d.outgroup = t;

@@ -13,6 +13,7 @@
 #include "optim/collapse.h"
 #include "optim/kernels.h"
 #include "optim/packed.h"
+#include "search/constraints.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
 #include "shell/commands.h"
@@ -322,7 +323,7 @@ void run_mult(int replications) {
   }
   if (s.swapper != swapper_none || s.ratchet || s.drift)
     out_printf("Total rearrangements examined: %s.\n", number_text(static_cast<long long>(rearrangements_examined.total())).c_str());
-  if (constraint_allows) out_printf("Constraints enforced during search.\n");
+  if (constraints_in_force()) out_printf("Constraints enforced during search.\n");
   if (s.limit > 0) out_printf("Note: TBR limited to moves within %i nodes of original position.\n", s.limit);
   if (!s.keepall && best >= 0) {
     store_discard_above(0, best + s.suboptimal, -1);
@@ -404,6 +405,7 @@ void run_bbreak() {
   for (int k = 0; k < tree_store.ntrees; ++k)
     if (best < 0 || tree_store.scores[k] < best) best = tree_store.scores[k];
   tag_search_trees(tbr ? "tbr_swapping" : "spr_swapping");
+  if (constraints_in_force()) out_printf("Constraints enforced during search.\n");
   last_best_score = best;
   out_printf("Best score %s %s", tbr ? "(TBR):" : "(SPR):", search_score_text(best).c_str());
   if (s.suboptimal > 0) out_printf("-%s", search_score_text(best + s.suboptimal).c_str());
@@ -421,7 +423,7 @@ void search_prepare() {
   // Packed afresh: settings and data may have changed since the last pack.
   optim::pack_data();
   engine_refresh();
-  if (optim::packed.nterm < 4) error_exit("Need at least 4 active taxa to search");
+  if (optim::packed.nterm < 3) error_exit("Need at least 3 active taxa to search");
   rearrangements_examined = Rearrangements{};
   replacements_done = 0;
 }
