@@ -304,6 +304,11 @@ double wagner_build(std::vector<std::int32_t>& parent_array, std::uint32_t seed)
   const std::uint32_t caller_state = random_state();
   set_random_seed(seed);
   std::vector<int> seq(nt);
+  // Under negative constraints a sequence can reach a partial tree that no placement
+  // can repair (two forbidden groups formed at once, each needing the next taxon):
+  // the tree is then built again from another sequence.
+  constexpr int constrained_attempts = 100;
+  for (int attempt = 0;; ++attempt) {
   random_shuffle(nt, seq.data());
   // Terminal 0 first unless random outgroup.
   int r = 0;
@@ -339,6 +344,7 @@ double wagner_build(std::vector<std::int32_t>& parent_array, std::uint32_t seed)
   regions.size = search_settings.clustersize;
   bool regions_built = false;
   struct EndLog { Engine& e; ~EndLog() { e.edge_log = nullptr; } } end_log{e};
+  bool dead_end = false;
   for (int i = 3; i < nt; ++i) {
     if (i >= 151 && i % 25 == 0) {
       qax::shell::show_progress(i, nt, "Wagner tree");
@@ -356,7 +362,10 @@ double wagner_build(std::vector<std::int32_t>& parent_array, std::uint32_t seed)
       const bool backward = random_next() & 1;
       Placement pl = place_by_regions(e, regions, seq[i], backward);
       if (pl.branch < 0) {
-        if (constraint_allows) qax::shell::error_exit("Sorry, cannot build a tree with specified constraints");
+        if (constraint_allows) {
+          if (attempt + 1 < constrained_attempts) { dead_end = true; break; }
+          qax::shell::error_exit("Sorry, cannot build a tree with specified constraints");
+        }
         pl.branch = e.right[root];
       }
       regions.changed.clear();
@@ -396,13 +405,19 @@ double wagner_build(std::vector<std::int32_t>& parent_array, std::uint32_t seed)
       chosen = place(e, seq[i], list, count, vis, backward, true);
     }
     if (chosen.branch < 0) {
-      if (constraint_allows) qax::shell::error_exit("Sorry, cannot build a tree with specified constraints");
+      if (constraint_allows) {
+        if (attempt + 1 < constrained_attempts) { dead_end = true; break; }
+        qax::shell::error_exit("Sorry, cannot build a tree with specified constraints");
+      }
       chosen.branch = list[0];
     }
     e.insert_leaf(seq[i], chosen.branch, nt + i - 1);
     if (constraint_allows) constraint_tree_changed();
   }
-  if (nt >= 3 && e.left[root] != 0) e.reroot_on_zero();
+  if (!dead_end) break;
+  e.edge_log = nullptr;
+  }
+  if (nt >= 3 && e.left[nt] != 0) e.reroot_on_zero();
   const double score = e.compute_all();
   e.export_tree(parent_array);
   set_random_seed(caller_state);
