@@ -340,6 +340,8 @@ double wagner_build(std::vector<std::int32_t>& parent_array, std::uint32_t seed)
   if (clusters && look > 0 && kind != sequence_plain) qax::shell::error_exit("Cannot use selected addseqs together with clusters");
   if (clusters && search_settings.random_insertion)
     qax::shell::error_exit("Sorry, wagner trees with node-clusters can't be done with random insertion sequence");
+  if (clusters && constraints_in_force() && constraint_defs.tree_kind != 0)
+    qax::shell::error_exit("Sorry, wagner trees with node-clusters can't be done under tree-constraints");
   Regions regions;
   regions.size = search_settings.clustersize;
   bool regions_built = false;

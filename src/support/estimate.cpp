@@ -8,7 +8,9 @@
 #include <string>
 
 #include "dataset/dataset.h"
+#include "optim/collapse.h"
 #include "search/constraints.h"
+#include "search/settings.h"
 #include "shell/failure.h"
 #include "shell/input.h"
 #include "shell/output.h"
@@ -49,8 +51,25 @@ struct EstimateRun {
   std::vector<std::uint8_t> excluded;    // user's and missing taxa of all replications
   std::vector<std::vector<std::int32_t>> consensus;  // strict consensus of each replication
   std::chrono::steady_clock::time_point start;      // for the time report
+  int user_seed = 0;                     // the seed and auto-collapsing given back at the end
+  int user_auto_collapse = 0;
 };
 EstimateRun estimate_run;
+
+// Replication k searches from its own seed (the same text would otherwise repeat the
+// same search); the user's seed comes back at the end, or after an error.
+void seed_replication(int k) {
+  auto& r = estimate_run;
+  if (r.user_seed != 0) qax::search::search_settings.seed = static_cast<int>((static_cast<unsigned>(r.user_seed) + 7919u * static_cast<unsigned>(k)) & 0x7fffffffu);
+}
+
+void give_back_settings() {
+  auto& r = estimate_run;
+  if (!r.active) return;
+  r.active = 0;
+  qax::search::search_settings.seed = r.user_seed;
+  qax::optim::collapse_settings.auto_collapse = r.user_auto_collapse;
+}
 
 // Counts one replication: the strict consensus of the trees now in memory.
 void estimate_step() {
@@ -67,6 +86,7 @@ void estimate_step() {
   strict_consensus(trees, excluded, result.data(), false);
   r.consensus.push_back(std::move(result));
   ++r.done;
+  seed_replication(r.done);
   show_progress(r.done, r.total, "Estimating consensus");
 }
 
@@ -74,7 +94,7 @@ void estimate_step() {
 void estimate_finish() {
   auto& r = estimate_run;
   if (!r.active) error_exit("No consensus estimation in progress");
-  r.active = 0;
+  give_back_settings();
   const int ntax = tree_store.ntax;
   int included = 0;
   for (auto e : r.excluded) included += e == 0;
@@ -180,6 +200,18 @@ void cmd_qnelsen() {
   r.excluded.assign(tree_store.ntax, 0);
   for (int t = 0; t < tree_store.ntax; ++t) r.excluded[t] = user[t] ? excluded_by_user : 0;
   r.start = std::chrono::steady_clock::now();
+  r.user_seed = qax::search::search_settings.seed;
+  r.user_auto_collapse = qax::optim::collapse_settings.auto_collapse;
+  static bool step_added = false;
+  if (!step_added) {
+    add_recover_step(give_back_settings);
+    step_added = true;
+  }
+  if (r.user_auto_collapse) {
+    out_text({"Auto-collapse searches will be turned off to estimate consensus\n"});
+    qax::optim::collapse_settings.auto_collapse = 0;
+  }
+  seed_replication(0);
   std::string search = s.search;
   while (!search.empty() && std::isspace(static_cast<unsigned char>(search.back()))) search.pop_back();
   if (search.empty() || search.back() != ';') search += ';';
