@@ -161,7 +161,9 @@ void cmd_ccode() {
         error_exit("No character complexes defined");
       }
       case '@':
-        select_block(flags);
+        // The block and the items after it, numbered within the block.
+        shell::unread_char();
+        read_character_list(flags, "+-[]()~*/=^");
         apply_spec(change, flags);
         break;
       default:

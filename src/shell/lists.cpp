@@ -270,7 +270,16 @@ int read_scope(ScopeFlags& flags, int from, int to, const char* label, const Lis
     listed = true;
     if (c == '+') r.sign = 1;
     else if (c == '-') r.sign = -1;
-    else if (c == '@') r.at_sign();
+    else if (c == '@') {
+      r.at_sign();
+      // "@block" with no items after it names the whole block.
+      int d = next_nonblank();
+      unread_char();
+      bool ends = is_terminator(d) || (context.extra_terminators && d && std::strchr(context.extra_terminators, d)) || d == '@';
+      if (ends && r.block >= 0)
+        for (int i = from; i < to; ++i)
+          if (r.in_scope(i)) r.mark(i);
+    }
     else if (c == '^') {
       if (!r.is_characters()) error_exit("@ can be used only in reference to taxa or characters");
       error_exit("No character complexes defined");
