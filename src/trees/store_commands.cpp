@@ -123,6 +123,10 @@ int read_tree_list(std::vector<std::uint8_t>& flags, bool slash_last) {
       anything = 1;
       continue;
     }
+    if (c == '@' || c == '^') {
+      next_char();
+      error_exit("@ can be used only in reference to taxa or characters");
+    }
     read_token();
     if (!token_buffer[0]) error_exit("Expecting tree number");
     error_exit({"No tree named", token_buffer});
