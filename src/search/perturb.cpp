@@ -259,6 +259,11 @@ void run_from_best_tree(const char* tag, const char* completed_format,
     if (!load_for_swapping(e, k)) error_exitf("Tree %i does not hold all active taxa: cannot swap it", k);
     const double sc = e.compute_all();
     if (start < 0 || sc < start_score) { start = k; start_score = sc; }
+    // Many trees take a while: an interrupt starts from the best tree scored so far.
+    if ((k & 1023) == 1023) {
+      show_progress(k, tree_store.ntrees, "Scoring trees");
+      if (qax::shell::shell_state.stop_search_flag) break;
+    }
   }
   std::vector<std::int32_t> tree(trees::tree_row(start), trees::tree_row(start) + tree_store.row_size);
   set_random_seed(command_seed());

@@ -157,7 +157,8 @@ struct ScopeReader {
     other = true;
     const ListGroups& gr = *ctx.groups;
     for (int i = from; i < to; ++i) {
-      bool in = gr.masks ? ((*gr.masks)[i] >> g & 1u) != 0 : (gr.member && gr.member(i, g));
+      bool in = gr.masks ? i < static_cast<int>(gr.masks->size()) && ((*gr.masks)[i] >> g & 1u) != 0
+                         : (gr.member && gr.member(i, g));
       if (in) flags[i] = sign;
     }
   }
