@@ -105,7 +105,7 @@ int recovery_depth() noexcept { return protected_depth_; }
   for (auto& step : recover_steps_) step();
   shell_state.nested_run = 0;
   shell_state.search_running = 0;
-  if (shell_state.near_match > 1) shell_state.near_match = 1;
+  // The near-match marks (help ! and help >) stay as the user armed them.
   flush_log();
   output_state.silent_flags &= ~2;
   if (shell_state.background && !shell_state.worker_mode) {
