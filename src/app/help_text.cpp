@@ -14,8 +14,8 @@ struct HelpEntry {
 
 const HelpEntry help_entries[] = {
     {"absincl",
-     "absincl N;  treat inapplicable/absent scorings of N steps as included\n"
-     "absincl;   report the setting"},
+     "absincl =;  taxa absent from a tree read are put at the base of the tree\n"
+     "absincl -;  absent taxa are left out of trees;  absincl /;  toggle;  absincl;  report"},
     {"agroup",
      "agroup =N (name) list;  define taxon group N (0-31) with an optional name\n"
      "agroup -N;  delete group N;  agroup;  list the groups"},
@@ -345,7 +345,8 @@ const HelpEntry help_entries[] = {
      "taxname =;  use names;  taxname -;  use numbers\n"
      "taxname +N;  names up to N characters;  taxname [N;  truncate names in output"},
     {"tchoose",
-     "tchoose list;  keep only the listed trees;  tchoose /;  report"},
+     "tchoose list;  keep only the listed trees (the others are discarded)\n"
+     "tchoose /;  keep only the last tree"},
     {"tcomp",
      "tcomp list;  compare groups of trees"},
     {"tequal",
