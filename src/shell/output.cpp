@@ -112,12 +112,15 @@ void text_buffer_push_line(std::string line) {
   tb.used += line.size() + 1;
   tb.lines.push_back(std::move(line));
   if (tb.lines.size() > tb.max_lines && !tb.wrapped) {
+    // The first wrap clears the buffer with a note; the line that caused it stays.
+    std::string last = std::move(tb.lines.back());
     tb.lines.clear();
     tb.used = 0;
     tb.wrapped = true;
     std::string note = "NOTE: wrapped lines before wrapping buffer contents!";
-    tb.used += note.size() + 1;
+    tb.used += note.size() + 1 + last.size() + 1;
     tb.lines.push_back(note);
+    tb.lines.push_back(std::move(last));
   }
   while ((tb.used > tb.capacity || tb.lines.size() > tb.max_lines) && !tb.lines.empty()) {
     tb.used -= tb.lines.front().size() + 1;
