@@ -360,6 +360,17 @@ bool file_exists(const std::string& name) { return access(name.c_str(), F_OK) ==
   clear_progress();
   out_text({"\nUser interrupt...\n"});
   unwind_input();
+  if (shell_state.background && !shell_state.worker_mode && take_execute_file()) {
+    // After a stop in background the run goes on with the execute file: the usual
+    // clean-up, then back to the command cycle, which now reads that file.
+    shell_state.background = 0;
+    try {
+      recover();
+    } catch (...) {
+      shell_state.background = 1;
+      throw;
+    }
+  }
   recover();
 }
 
@@ -446,7 +457,8 @@ int check_interrupt(int mode) {
 void show_progress(long long done, long long total, std::string_view label) {
   OutputState& o = output_state;
   double t = now_seconds();
-  if ((switches.brk == 1 || shell_state.worker_mode) && t - o.last_poll_time > 1.0) {
+  // In background the control files act whatever "break" says.
+  if ((switches.brk == 1 || shell_state.worker_mode || shell_state.background) && t - o.last_poll_time > 1.0) {
     if (shell_state.timeout_seconds > 0 && shell_state.search_running &&
         t - shell_state.command_start_time >= shell_state.timeout_seconds && !shell_state.stop_search_flag) {
       shell_state.stop_search_flag = 3;
