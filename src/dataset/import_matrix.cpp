@@ -121,13 +121,12 @@ std::string matrix_to_xread(const ImportedMatrix& m, const std::string& file, co
   std::size_t name_width = 0;
   for (auto& n : names) name_width = std::max(name_width, n.size());
   x.reserve(static_cast<std::size_t>(ntax) * (m.nchar + name_width + 2) + 256);
-  if (has_dna && !has_protein && !has_numeric) {
-    x += "nstates dna;\n";
-  } else if (has_protein || (numeric_bits >> 16) != 0) {
-    if (opt.cell_width < 4) x += "nstates 32;\n";
-  } else if (opt.cell_width < 2) {
-    x += "nstates 16;\n";
-  }
+  // The cells must be wide enough for the data: the width is raised when it is not,
+  // never lowered, so the user's own nstates setting stays usable after an import
+  // (the blocks of the matrix say dna, proteins or numbers themselves).
+  (void)has_dna;
+  const int needed = has_protein || (numeric_bits >> 16) != 0 ? 4 : (numeric_bits >> 8) != 0 ? 2 : 1;
+  if (needed > opt.cell_width) x += needed == 4 ? "nstates 32;\n" : "nstates 16;\n";
   // Long names are kept whole: truncated, two of them could become one taxon.
   if (static_cast<int>(name_width) > opt.name_length) {
     constexpr std::size_t longest = 2048;

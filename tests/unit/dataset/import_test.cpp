@@ -56,7 +56,6 @@ const char* four_taxa_dna_sequential =
     ";\nend;\n";
 
 const char* four_taxa_dna_xread =
-    "nstates dna;\n"
     "xread\n't'\n6 4\n&[dna nogaps]\n"
     "A ACGTAC\n"
     "B ACG-AC\n"
@@ -231,7 +230,7 @@ TEST_F(ImportTest, NamesBecomeXreadNames) {
 
 TEST_F(ImportTest, FastaGuessesTypeAndChecksLengths) {
   ImportResult dna = fasta_to_xread(">s1 one\nACGT\nAC\n>s2\nAC-TNN\n>s3\nACGTA?\n\n>s4\nRYACGT\n", "seq.fasta");
-  EXPECT_EQ(dna.xread, "nstates dna;\nxread\n'seq'\n6 4\n&[dna nogaps]\ns1_one ACGTAC\ns2     AC-TNN\ns3     ACGTA?\ns4     RYACGT\n;\n");
+  EXPECT_EQ(dna.xread, "xread\n'seq'\n6 4\n&[dna nogaps]\ns1_one ACGTAC\ns2     AC-TNN\ns3     ACGTA?\ns4     RYACGT\n;\n");
   ImportResult prot = fasta_to_xread(">a\nMKLV\n>b\nMKIV\n>c\nMEL-\n>d\nWKLX\n", "p.fa");
   EXPECT_EQ(prot.xread, "nstates 32;\nxread\n'p'\n4 4\n&[proteins nogaps]\na MKLV\nb MKIV\nc MEL-\nd WKL?\n;\n");
   EXPECT_EQ(error_of([&] { fasta_to_xread(">a\nACGT\n>b\nACG\n>c\nACGT\n>d\nACGT\n", "x.fasta"); }),
@@ -248,7 +247,7 @@ TEST_F(ImportTest, PhylipSequentialAndInterleavedAgree) {
   const char* seq = "4 8\nalpha ACGTACGT\nbeta  ACGT\nACGA\ngamma ACGTACGG\ndelta AC-TACGT\n";
   const char* inter = " 4 8\nalpha ACGT\nbeta  ACGT\ngamma ACGT\ndelta AC-T\n\nACGT\nACGA\nACGG\nACGT\n";
   std::string a = phylip_to_xread(seq, "m.phy").xread;
-  EXPECT_EQ(a, "nstates dna;\nxread\n'm'\n8 4\n&[dna nogaps]\nalpha ACGTACGT\nbeta  ACGTACGA\ngamma ACGTACGG\ndelta AC-TACGT\n;\n");
+  EXPECT_EQ(a, "xread\n'm'\n8 4\n&[dna nogaps]\nalpha ACGTACGT\nbeta  ACGTACGA\ngamma ACGTACGG\ndelta AC-TACGT\n;\n");
   EXPECT_EQ(phylip_to_xread(inter, "m.phy").xread, a);
   EXPECT_TRUE(looks_like_phylip("  12 898\nx"));
   EXPECT_TRUE(looks_like_phylip("4 8 I\n"));
