@@ -9,6 +9,7 @@
 #include <string>
 
 #include "app/command_table.h"
+#include "script/commands.h"
 #include "search/settings.h"
 #include "app/help_text.h"
 #include "shell/arena.h"
@@ -59,6 +60,7 @@ void command_cycle() {
     shell_state.stop_search_flag = 0;
     if (shell_state.watch_state == 1 && input_level() == 0) shell_state.peak_ram_command = ram_in_use();
     protected_call(read_and_dispatch);
+    if (shell_state.pending_error_goto) qax::script::take_error_goto();
     if (shell_state.peak_ram_command > shell_state.peak_ram_overall) {
       shell_state.peak_ram_overall = shell_state.peak_ram_command;
     }
@@ -90,6 +92,7 @@ void install_memory_hooks() {
 }  // namespace
 
 void reset_run_state() {
+  qax::script::reset_script_state();
   reset_shell_state();
   output_state = OutputState();
   run_path.clear();
@@ -110,6 +113,7 @@ void install_subsystems() {
   qax::dataset::install_import_hooks();
   import_hooks.newick = qax::trees::import_newick_file;
   install_memory_hooks();
+  qax::script::install_script_layer();
   background_input_end = background_end_of_input;
   qax::trees::install_dataset_links();
   qax::trees::tree_services = {qax::optim::collapsed_copy, [] { return qax::search::constraint_defs.defined != 0; }, qax::search::tree_violations, qax::optim::ensure_packed, qax::optim::character_steps};

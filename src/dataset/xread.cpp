@@ -756,6 +756,8 @@ void replace_announcement(const std::string& title) {
 void read_matrix() {
   Dataset& d = dataset;
   std::string title;
+  // The title is text: quotes around it are not references of the macro language.
+  shell::shell_state.literal_quotes = 1;
   if (shell::peek_char() == '\'') {
     next_char();
     int c = next_char();
@@ -764,8 +766,10 @@ void read_matrix() {
       if (c != '\r' && title.size() < 160) title.push_back(static_cast<char>(c));
       c = next_char();
     }
+    shell::shell_state.literal_quotes = 0;
     shell::out_text({title, "\n"});
   }
+  shell::shell_state.literal_quotes = 0;
   replace_announcement(title);
   dataset_clear();
   ReadGuard guard;
@@ -863,7 +867,9 @@ int peek_raw() {
 }
 
 void cmd_xread() {
+  shell::shell_state.literal_quotes = 1;
   int c = shell::peek_char();
+  shell::shell_state.literal_quotes = 0;
   switch (c) {
     case '!': case '*': case '-': case ':': case '[':
       save_matrix();

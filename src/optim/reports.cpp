@@ -275,6 +275,14 @@ void character_report(bool homoplasy) {
 
 }  // namespace
 
+double stored_tree_length(int k, int character) {
+  prepare();
+  std::vector<int> steps;
+  tree_char_steps(k, steps, false);
+  if (character >= 0) return character < dataset.nchar && steps[character] > 0 ? steps[character] : 0;
+  return static_cast<double>(weighted_total(steps));
+}
+
 void cmd_length() { total_report(-1); }
 void cmd_scores() { total_report(0); }
 void cmd_fit() { total_report(1); }

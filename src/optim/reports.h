@@ -18,6 +18,10 @@ std::vector<int> read_trees_argument(bool need_trees = true);
 // character that treats polytomies as hard.
 void character_steps(const std::vector<int>& parent, std::vector<int>& steps);
 
+// Weighted length of stored tree k, or the steps of one character (character >= 0),
+// for expressions of scripts. Packs the data as needed and prints nothing.
+double stored_tree_length(int k, int character = -1);
+
 void cmd_length();
 void cmd_scores();
 void cmd_cscores();

@@ -257,8 +257,10 @@ void read_and_dispatch() {
   shell_state.current_command_name = "qax*";
   shell_state.prompt_text = "qax*>";
   current_ = nullptr;
+  shell_state.between_commands = 1;
   for (;;) {
     if (input_exhausted()) {
+      shell_state.between_commands = 0;
       shell_state.keep_running = 0;
       return;
     }
@@ -269,6 +271,7 @@ void read_and_dispatch() {
     }
     break;
   }
+  shell_state.between_commands = 0;
   if (input_exhausted()) {
     shell_state.keep_running = 0;
     return;

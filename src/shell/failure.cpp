@@ -16,6 +16,8 @@
 
 namespace qax::shell {
 
+void (*macro_error_location)() = nullptr;
+
 namespace {
 std::vector<std::function<void()>> recover_steps_;
 int protected_depth_ = 0;
@@ -68,6 +70,8 @@ int recovery_depth() noexcept { return protected_depth_; }
   ring_bell();
   shell_state.watch_state = shell_state.watch_state ? 2 : 0;
   shell_state.command_word_mark = 0;
+  shell_state.between_commands = 0;
+  shell_state.literal_quotes = 0;
   output_state.output_mode = 0;
   output_state.silent_flags = 0;
   if (shell_state.echo_state == 0) shell_state.echo_state = 3;
@@ -80,7 +84,10 @@ int recovery_depth() noexcept { return protected_depth_; }
     any = true;
   }
   if (any) out_flush();
-  if (!shell_state.macros_on && !(shell_state.nested_run && input_level() == 0)) print_location();
+  if (!(shell_state.nested_run && input_level() == 0)) {
+    if (!shell_state.macros_on) print_location();
+    else if (macro_error_location) macro_error_location();
+  }
   ring_bell();
   out_flush();
   if (any) out_text({"\n"});

@@ -34,6 +34,10 @@ void add_recover_step(std::function<void()> step);
 // the run in background.
 [[noreturn]] void recover();
 
+// With macros on, the scripting layer shows where an error was read (null: the plain
+// source span).
+extern void (*macro_error_location)();
+
 // Runs fn; 1 for a normal return, 0 when it failed through error_exit.
 int protected_call(const std::function<void()>& fn);
 

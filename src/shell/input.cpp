@@ -21,6 +21,7 @@ UnreadCharFn unread_char = plain_unread_char;
 char token_buffer[token_buffer_size + 1];
 LineReaderFn terminal_line_reader = nullptr;
 InputEndHook background_input_end = nullptr;
+LevelHooks level_hooks;
 
 namespace {
 
@@ -190,11 +191,13 @@ void activate_input(bool announce) {
   InputFrame& f = stack_.frames[stack_.top + 1];
   f.loop_base = 0;
   ++stack_.top;
+  if (level_hooks.opened) level_hooks.opened(stack_.top);
   if (announce) out_line({"Reading from", f.name});
 }
 
 void close_input() {
   if (stack_.top == 0) return;
+  if (level_hooks.closing) level_hooks.closing(stack_.top);
   InputFrame& f = current_frame();
   if (f.stream && f.stream != stdin) std::fclose(f.stream);
   f.stream = nullptr;
@@ -210,7 +213,9 @@ void close_input() {
 
 void unwind_input() {
   if (stack_.frames.empty()) return;  // failure before the stack exists
+  if (level_hooks.unwinding) level_hooks.unwinding(stack_.top);
   while (stack_.top > 0) {
+    if (level_hooks.closing) level_hooks.closing(stack_.top);
     InputFrame& f = current_frame();
     if (f.stream && f.stream != stdin) std::fclose(f.stream);
     f.stream = nullptr;
@@ -218,6 +223,7 @@ void unwind_input() {
     f.pool_used = 0;
     --stack_.top;
   }
+  if (level_hooks.unwound) level_hooks.unwound();
   InputFrame& k = stack_.frames[0];
   // Nothing of the failing line is left to read.
   if (k.at_eof) {
@@ -239,6 +245,7 @@ void push_text_level(std::string text, const std::string& name) {
   f.source = std::move(text);
   f.source_pos = 0;
   ++stack_.top;
+  if (level_hooks.opened) level_hooks.opened(stack_.top);
 }
 
 void read_run_arguments() {

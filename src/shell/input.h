@@ -94,6 +94,17 @@ extern LineReaderFn terminal_line_reader;
 using InputEndHook = bool (*)();
 extern InputEndHook background_input_end;
 
+// Hooks of the scripting layer: a level was pushed (its number), a level is about to
+// close (its number; also for each level dropped by unwind_input), and the whole stack
+// was unwound after an error.
+struct LevelHooks {
+  void (*opened)(int level) = nullptr;
+  void (*closing)(int level) = nullptr;
+  void (*unwound)() = nullptr;
+  void (*unwinding)(int top_level) = nullptr;  // before unwind_input closes anything
+};
+extern LevelHooks level_hooks;
+
 // Source position text for error messages: span of 75 chars around the read position.
 struct SourceSpan {
   std::string file;  // empty when the level is not a file

@@ -35,6 +35,8 @@ struct ShellState {
   unsigned implied_minima_note = 0;    // bit 0 pending, bit 1 given
   int name_limit = default_name_limit; // longest name read as a word
   int quoted_text = 0;                 // commas stay commas while set
+  int literal_quotes = 0;              // quotes read as text even with macros on (titles)
+  int between_commands = 0;            // the dispatcher is looking for the next command word
   int command_word_mark = 0;           // the dispatcher is peeking after the command word
   int nested_run = 0;                  // 1 during a nested run, 2 when it failed
   int macros_on = 0;                   // macro language switched on

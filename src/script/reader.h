@@ -1,0 +1,55 @@
+// The macro reader: with macros on it replaces the plain next_char/unread_char. It reads
+// loop bodies stored in the macro block, expands references in place ('x', "x", $x, %N,
+// #N) and strips comments between commands. Loops are kept here too.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace qax::script {
+
+struct Loop {
+  int value = 0;
+  int step = 1;
+  int limit = 0;
+  std::string name;
+  std::string body;       // text of the body, ending in ";"
+  std::size_t pos = 0;    // read position in body
+  int level = 0;          // input level the loop belongs to
+  int kind = 0;           // 0 loop; 1 body run by an inner command loop (sprit, ...); 2 forfiles
+  std::vector<std::string> files;  // forfiles: the entries, by value
+  std::string closing_text;        // printed when the loop ends
+};
+
+extern std::vector<Loop> loops;
+
+// Switches the reader on or off (macro = / macro -).
+void install_macro_reader();
+void remove_macro_reader();
+// The hooks of the input stack and of error reports; installed once at start-up.
+void install_reader_hooks();
+
+// Reading below the expansions: the current loop body or the input level. Used to copy
+// loop bodies and to skip text, where nothing must be expanded.
+int raw_char();
+void raw_unread();
+// While positive, the reader expands nothing.
+extern int expansion_blocked;
+// While positive, quote characters read as themselves (the closing quote of a reference).
+extern int quote_blocked;
+
+// Loop of the current level that is innermost, or null.
+Loop* current_level_loop();
+// Starts reading a stored body as a loop (value..limit by step).
+void enter_loop(Loop loop);
+// Jumps to the end of the body of loop `l`, so that the next read ends this pass.
+void jump_to_loop_end(Loop& l);
+
+// Copies the raw text up to the matching "stop" (nesting counted), folding blanks; the
+// returned body ends with ";".
+std::string copy_body(const char* what);
+
+// Loop report for macreport and errors: "Loop N - value ..." entries.
+std::string loop_report();
+
+}  // namespace qax::script
