@@ -23,6 +23,8 @@ namespace qax::script {
 
 using namespace qax::shell;
 
+bool swap_continue();
+
 namespace {
 
 int next_nb() {
@@ -83,7 +85,7 @@ std::string skip_word(bool& at_end_of_file) {
 // Skips from the current position: to the matching "else" (when stop_at_else) or "end".
 void skip_if_text(bool stop_at_else) {
   ++expansion_blocked;
-  try {
+  {
     int depth = 1;
     for (;;) {
       bool eof = false;
@@ -106,9 +108,6 @@ void skip_if_text(bool stop_at_else) {
         while (c != ';' && c != 0);
       }
     }
-  } catch (...) {
-    --expansion_blocked;
-    throw;
   }
   --expansion_blocked;
 }
@@ -138,7 +137,7 @@ void jump_to_label(const std::string& file, const std::string& label, bool read_
   const int level = input_level() + 1;
   activate_input(quiet);
   ++expansion_blocked;
-  try {
+  {
     bool found = false;
     while (!found) {
       if (input_level() < level) break;
@@ -152,9 +151,6 @@ void jump_to_label(const std::string& file, const std::string& label, bool read_
       }
     }
     if (!found) error_exit({"Label \"" + label + "\" not found in", file});
-  } catch (...) {
-    --expansion_blocked;
-    throw;
   }
   --expansion_blocked;
   const InputFrame& f = current_frame();
@@ -266,6 +262,7 @@ void cmd_setloop() {
 void cmd_continue() {
   macro_command_guard();
   Loop* l = innermost_loop(1 | 2 | 4);
+  if (!l && swap_continue()) return;
   if (!l) error_exit({"continue", "valid only within loops"});
   jump_to_loop_end(*l);
 }

@@ -135,7 +135,7 @@ double word_value(const std::string& word) {
   error_exit({"Unrecognized variable:", word});
 }
 
-double evaluate_impl(int closing, bool bracket, bool condition);
+double evaluate_impl(int closing, bool bracket, bool condition, const double* first_term);
 
 }  // namespace
 
@@ -186,7 +186,7 @@ int read_subscripts(const NamedVar* var, int base, bool allow_range, int* range_
       index[count++] = static_cast<int>(first);
       continue;
     }
-    index[count++] = static_cast<int>(evaluate_impl(0, true, false));
+    index[count++] = static_cast<int>(evaluate_impl(0, true, false, nullptr));
   }
   const int cell = subscript_cell(base, var, index, count);
   if (last_end >= 0) {
@@ -205,7 +205,7 @@ int read_cell(const NamedVar** var_out, bool allow_range, int* range_end) {
   if (range_end) *range_end = -1;
   int c = next_nb();
   if (c == '(') {
-    const double v = evaluate_impl(')', false, false);
+    const double v = evaluate_impl(')', false, false, nullptr);
     check_cell(static_cast<long long>(v));
     return read_subscripts(nullptr, static_cast<int>(v), allow_range, range_end);
   }
@@ -241,7 +241,7 @@ double read_term() {
     unread_char();
     v = -1.0;
   } else if (c == '(') {
-    v = evaluate_impl(')', false, false);
+    v = evaluate_impl(')', false, false, nullptr);
   } else if (c == '{') {
     v = read_bitset();
   } else if (std::isdigit(c) || c == '.') {
@@ -268,33 +268,40 @@ int read_int_expr() {
 
 namespace {
 
-double evaluate_impl(int closing, bool bracket, bool condition) {
+double evaluate_impl(int closing, bool bracket, bool condition, const double* first_term = nullptr) {
   double acc = 0, left = 0;
   int pending = '+';
   int cmp = cmp_none;
   bool first = true;
   for (;;) {
-    int c = next_nb();
-    if (first) {
-      if (c == '=' || c == '+' || c == '&' || c == '/' || c == '>' || c == '|' || c == '\\') {
-        error_exitf("Cannot start expression with %c", c);
-      }
+    int c;
+    if (first_term) {
+      acc = *first_term;
+      first_term = nullptr;
       first = false;
-    }
-    if (c == ';' && condition) {
-      unread_char();
-      error_exit("Found unexpected ';'");
-    }
-    unread_char();
-    const double term = read_term();
-    acc = apply(pending, acc, term);
-    if (cmp != cmp_none) {
-      const double result = compare(cmp, left, acc);
-      if (switches.macreport) {
-        out_line({"IF", value_text(left), compare_name(cmp), value_text(acc), result ? " ---> TRUE" : " ---> FALSE!"});
+    } else {
+      c = next_nb();
+      if (first) {
+        if (c == '=' || c == '+' || c == '&' || c == '/' || c == '>' || c == '|' || c == '\\') {
+          error_exitf("Cannot start expression with %c", c);
+        }
+        first = false;
       }
-      acc = result;
-      cmp = cmp_none;
+      if (c == ';' && condition) {
+        unread_char();
+        error_exit("Found unexpected ';'");
+      }
+      unread_char();
+      const double term = read_term();
+      acc = apply(pending, acc, term);
+      if (cmp != cmp_none) {
+        const double result = compare(cmp, left, acc);
+        if (switches.macreport) {
+          out_line({"IF", value_text(left), compare_name(cmp), value_text(acc), result ? " ---> TRUE" : " ---> FALSE!"});
+        }
+        acc = result;
+        cmp = cmp_none;
+      }
     }
     // The operator, or the end of the expression.
     c = next_nb();
@@ -360,13 +367,15 @@ double evaluate_impl(int closing, bool bracket, bool condition) {
 
 double evaluate(int closing) { return evaluate_impl(closing, false, false); }
 
+double evaluate_from(double first, int closing) { return evaluate_impl(closing, false, false, &first); }
+
 double evaluate_condition() {
   const int c = next_nb();
   if (c != '(') {
     unread_char();
     error_exit("Use if( condition ) ...actions... end");
   }
-  return evaluate_impl(')', false, true);
+  return evaluate_impl(')', false, true, nullptr);
 }
 
 }  // namespace qax::script

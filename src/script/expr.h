@@ -9,6 +9,8 @@ namespace qax::script {
 // Full expression at the current position. Ends before ";" (left unread), or at the
 // character `closing` (consumed) when it is not 0.
 double evaluate(int closing = 0);
+// Goes on with an expression whose first term gave `first` (the operator comes next).
+double evaluate_from(double first, int closing = 0);
 // The parenthesised condition of "if": the "(" must be next; reads exactly up to its ")".
 double evaluate_condition();
 // One term (a number, a name, a parenthesis, a function...).

@@ -25,6 +25,8 @@ using namespace qax::shell;
 using qax::dataset::dataset;
 using qax::trees::tree_store;
 
+double swap_percent();
+
 namespace {
 
 const char* const reserved_names[] = {
@@ -244,8 +246,7 @@ bool internal_function(const std::string& w, double& v) {
     return true;
   }
   if (w == "percswap") {
-    v = 0;
-    for (const auto& l : loops) if (l.kind == 1) v = l.value;
+    v = swap_percent();
     return true;
   }
   error_exit({"Expression", "\"" + w + "\"", "is not available yet in this version"});

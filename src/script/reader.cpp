@@ -66,6 +66,11 @@ int raw_char() {
       last_source_ = 1;
       return 0;
     }
+    // Each pass may be interrupted (ESC, a stop file, a time limit).
+    if (check_interrupt(1)) {
+      shell_state.stop_search_flag = 0;
+      error_exit("Loop interrupted");
+    }
     l->value += l->step;
     if (switches.macreport) out_line({loop_report()});
     if ((l->step > 0 && l->value > l->limit) || (l->step < 0 && l->value < l->limit) || l->step == 0) {
@@ -113,7 +118,7 @@ void expand_reference(int quote) {
   const int next = peek_raw();
   ++quote_blocked;
   std::string text;
-  try {
+  {
     if (next == '/') {
       raw_char();
       bool plus = false, left = false;
@@ -159,8 +164,20 @@ void expand_reference(int quote) {
     } else {
       int range_end = -1;
       const NamedVar* var = nullptr;
-      const int cell = read_cell(&var, true, &range_end);
-      if (range_end >= 0) {
+      double function_value = 0;
+      int cell = -1;
+      if (std::isalpha(next) || next == '_') {
+        // A word that names no variable may be a function: its value is written.
+        const std::string word = read_word();
+        var = find_name(word);
+        if (var) cell = read_subscripts(var, var->cell, true, &range_end);
+        else if (!internal_function(word, function_value)) error_exit({"Unrecognized variable:", word});
+      } else {
+        cell = read_cell(&var, true, &range_end);
+      }
+      if (cell < 0) {
+        text = value_text(function_value);
+      } else if (range_end >= 0) {
         char sep = ' ';
         if (peek_raw() == '&') {
           raw_char();
@@ -181,9 +198,6 @@ void expand_reference(int quote) {
     }
     const int close = raw_char();
     if (close != quote) error_exit("Expression must end and start with the same symbol");
-  } catch (...) {
-    --quote_blocked;
-    throw;
   }
   --quote_blocked;
   start_expansion(std::move(text));
@@ -576,7 +590,7 @@ std::string copy_body(const char* what) {
     }
     return false;
   };
-  try {
+  {
     for (;;) {
       const int c = raw_char();
       if (c == 0 || (current_frame().at_eof && input_level() > 0 && !current_level_loop() &&
@@ -614,9 +628,6 @@ std::string copy_body(const char* what) {
       }
       body.push_back(static_cast<char>(c));
     }
-  } catch (...) {
-    --expansion_blocked;
-    throw;
   }
   --expansion_blocked;
   (void)what;

@@ -1,5 +1,6 @@
 // macro, macfloat, macseed, var, set, setarray, private, safe, resettime.
 #include <cctype>
+#include <cstring>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -156,7 +157,9 @@ void cmd_macro() {
 }
 
 void cmd_macfloat() {
-  macro_command_guard();
+  // Integer cells are chosen before macros are switched on, so this one command works
+  // with macros off too.
+  if (typed_command_word() != "macfloat") error_exit({"Unknown command:", typed_command_word()});
   const int c = peek_nb();
   if (c == '=' || c == '-') {
     next_char();
@@ -366,18 +369,26 @@ void cmd_set() {
     return;
   }
   int op = 0;
-  const int d = next_char();
-  if (d == '=' && (c == '+' || c == '-' || c == '*' || c == '/' || c == '&' || c == '|' || c == '^')) {
-    op = c;
-  } else if ((c == '+' && d == '+') || (c == '-' && d == '-')) {
-    set_cell(cell, cell_value(cell) + (c == '+' ? 1 : -1));
-    return;
-  } else {
+  bool negated_first = false;
+  if (std::strchr("+-*/&|^", c)) {
+    // Compound assignment, ++ and --, or an expression starting with a minus sign.
+    const int d = next_char();
+    if (d == '=') {
+      op = c;
+    } else if ((c == '+' && d == '+') || (c == '-' && d == '-')) {
+      set_cell(cell, cell_value(cell) + (c == '+' ? 1 : -1));
+      return;
+    } else if (c == '-') {
+      unread_char();
+      negated_first = true;
+    } else {
+      error_exitf("Cannot start expression with %c", c);
+    }
+  } else if (c != '=') {
     unread_char();
-    if (c != '=') unread_char();
   }
   if (peek_nb() == ';') error_exit("Set requires a value or expression");
-  double value = evaluate();
+  double value = negated_first ? evaluate_from(-read_term()) : evaluate();
   if (op) {
     const double old = cell_value(cell);
     if (op == '/' && !space.float_mode) {

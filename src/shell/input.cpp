@@ -195,7 +195,16 @@ void activate_input(bool announce) {
   if (announce) out_line({"Reading from", f.name});
 }
 
-void close_input() {
+bool level_text_exhausted() {
+  const InputFrame& f = current_frame();
+  if (stack_.top == 0 || f.stream || f.source_pos < f.source.size()) return false;
+  for (int i = f.pos; f.text[i]; ++i) {
+    if (!is_blank(static_cast<unsigned char>(f.text[i])) && f.text[i] != ';') return false;
+  }
+  return true;
+}
+
+void close_input(bool announce) {
   if (stack_.top == 0) return;
   if (level_hooks.closing) level_hooks.closing(stack_.top);
   InputFrame& f = current_frame();
@@ -205,7 +214,7 @@ void close_input() {
   f.pool_used = 0;
   --stack_.top;
   if (stack_.top > 0) {
-    out_line({"Again reading from", current_frame().name});
+    if (announce) out_line({"Again reading from", current_frame().name});
   } else if (!output_state.inner_silent_search) {
     clear_progress();
   }

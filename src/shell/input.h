@@ -59,7 +59,9 @@ bool input_exhausted() noexcept;            // level 0 at end of input
 // error_exit ("You can't nest", "already in use", "Can't open").
 void open_input_file(bool recursion = false);
 void activate_input(bool announce = true);
-void close_input();
+void close_input(bool announce = true);
+// The current level is a text level with nothing but blanks and ";" left to read.
+bool level_text_exhausted();
 void unwind_input();
 // Push a level that reads the given text (of any length) as if it were a file:
 // converted imports, macro bodies, control files, tests.

@@ -1,0 +1,311 @@
+// sprit and tbrit: user instructions run for every SPR or TBR rearrangement of a stored
+// tree. For each move the tree in memory is changed to the rearranged one, the body is
+// run by an inner command loop, and the tree is put back (unless resetswap keeps it).
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "script/commands.h"
+#include "script/expr.h"
+#include "script/reader.h"
+#include "script/space.h"
+#include "shell/commands.h"
+#include "shell/failure.h"
+#include "shell/input.h"
+#include "shell/output.h"
+#include "shell/state.h"
+#include "trees/store.h"
+
+namespace qax::script {
+
+using namespace qax::shell;
+using qax::trees::tree_store;
+
+namespace {
+
+struct SwapState {
+  int active = 0;
+  int end = 0;       // endswap
+  int reset = 0;     // resetswap: keep this rearrangement and start again from it
+  int body_level = 0;
+  double percent = 0;
+};
+SwapState swap_;
+
+// A rooted tree as children lists; node ids as in the parent array.
+struct Rooted {
+  int ntax = 0;
+  int root = 0;
+  std::vector<std::vector<int>> kids;
+  std::vector<int> parent;
+};
+
+Rooted from_row(const std::int32_t* row, int ntax) {
+  Rooted t;
+  t.ntax = ntax;
+  const int end = row[ntax];
+  t.kids.assign(end, {});
+  t.parent.assign(end, -1);
+  t.root = ntax;
+  for (int n = 0; n < end; ++n) {
+    if (n == ntax) continue;
+    if (n < ntax && row[n] < ntax) continue;  // absent terminal
+    t.parent[n] = row[n];
+    t.kids[row[n]].push_back(n);
+  }
+  return t;
+}
+
+void collect(const Rooted& t, int n, std::vector<int>& out) {
+  out.push_back(n);
+  for (int k : t.kids[n]) collect(t, k, out);
+}
+
+// Writes a rooted tree (children lists, root `root`) as a canonical parent array.
+void to_row(const std::vector<std::vector<int>>& kids, int root, int ntax, std::int32_t* row, int row_size) {
+  std::vector<int> id(kids.size(), -1);
+  int next = ntax + 1;
+  std::vector<int> order{root};
+  for (std::size_t i = 0; i < order.size(); ++i)
+    for (int k : kids[order[i]]) order.push_back(k);
+  for (int n : order) {
+    if (n < ntax) id[n] = n;
+    else if (n == root) id[n] = ntax;
+    else id[n] = next++;
+  }
+  for (int i = 0; i < row_size; ++i) row[i] = (i < ntax) ? 0 : 0;
+  for (int i = 0; i < ntax; ++i) row[i] = -1;
+  for (int n : order)
+    for (int k : kids[n]) row[id[k]] = id[n];
+  row[ntax] = next;
+  // Terminals not in the tree keep a parent below ntax, as absent terminals do.
+  for (int i = 0; i < ntax; ++i) if (row[i] < 0) row[i] = 0;
+  qax::trees::reset_node_numbers(row, ntax);
+}
+
+// Subtree `s` re-rooted on the edge above `r` (r inside the subtree, r != s); `s` becomes
+// the new subtree root. Works on copies of the children lists.
+void reroot_subtree(std::vector<std::vector<int>>& kids, std::vector<int>& parent, int s, int r) {
+  // Unrooted adjacency of the subtree, with s removed (its children joined).
+  std::vector<int> nodes;
+  std::vector<int> stack{s};
+  while (!stack.empty()) {
+    int n = stack.back();
+    stack.pop_back();
+    nodes.push_back(n);
+    for (int k : kids[n]) stack.push_back(k);
+  }
+  std::vector<std::vector<int>> adj(kids.size());
+  for (int n : nodes) {
+    if (n == s) continue;
+    for (int k : kids[n]) {
+      adj[n].push_back(k);
+      adj[k].push_back(n);
+    }
+  }
+  const auto& sk = kids[s];
+  for (std::size_t i = 1; i < sk.size(); ++i) {
+    adj[sk[0]].push_back(sk[i]);
+    adj[sk[i]].push_back(sk[0]);
+  }
+  // The edge above r: r and its neighbour towards the old root.
+  int up = parent[r] == s ? sk[0] : parent[r];
+  if (r == sk[0]) up = sk.size() > 1 ? sk[1] : -1;
+  for (int n : nodes) kids[n].clear();
+  kids[s] = {r, up};
+  std::vector<std::pair<int, int>> todo{{r, up}, {up, r}};
+  while (!todo.empty()) {
+    auto [n, from] = todo.back();
+    todo.pop_back();
+    parent[n] = s;
+    for (int m : adj[n]) {
+      if (m == from) continue;
+      kids[n].push_back(m);
+      parent[m] = n;
+      todo.push_back({m, n});
+    }
+  }
+  for (int n : nodes) for (int k : kids[n]) parent[k] = n;
+  parent[r] = s;
+  parent[up] = s;
+}
+
+// Runs the body once as an inner command level; false when an error stopped it.
+bool run_body(const std::string& body) {
+  const int base = input_level();
+  push_text_level(body, "sprit commands");
+  swap_.body_level = base + 1;
+  while (input_level() > base) {
+    if (input_level() == base + 1 && level_text_exhausted()) {
+      close_input(false);
+      break;
+    }
+    int ok = protected_call(read_and_dispatch);
+    if (!ok || input_level() < base) return false;
+    if (!shell_state.keep_running) return false;
+  }
+  return true;
+}
+
+void swap_loop(bool tbr) {
+  macro_command_guard();
+  if (swap_.active) error_exit("Can't nest \"sprit\", \"tbrit\", or \"bandb\" commands");
+  if (peek_char() == ';') error_exit("Must give tree number");
+  const int tree = read_int_expr();
+  std::string body = copy_body(tbr ? "tbrit" : "sprit");
+  if (tree < 0 || tree >= tree_store.ntrees) error_exit({"No tree number", number_text(tree)});
+  const int ntax = tree_store.ntax;
+  const int row_size = tree_store.row_size;
+  std::vector<std::int32_t> original(qax::trees::tree_row(tree), qax::trees::tree_row(tree) + row_size);
+  swap_ = SwapState();
+  swap_.active = 1;
+  out_line({"Start to swap"});
+  long long done = 0;
+  bool interrupted = false, failed = false;
+  const int saved_silent = output_state.silent_flags;
+  for (bool restart = true; restart && !failed;) {
+    restart = false;
+    Rooted t = from_row(original.data(), ntax);
+    std::vector<int> clips;
+    collect(t, t.root, clips);
+    const long long total = static_cast<long long>(clips.size());
+    long long index = 0;
+    for (int s : clips) {
+      ++index;
+      swap_.percent = 100.0 * index / std::max<long long>(total, 1);
+      if (s == t.root) continue;
+      std::vector<int> subtree;
+      collect(t, s, subtree);
+      std::vector<int> reroots{s};
+      if (tbr && s >= ntax) {
+        for (int r : subtree)
+          if (r != s && !(t.kids[s].size() > 1 && r == t.kids[s][1])) reroots.push_back(r);
+        reroots.erase(reroots.begin());
+      }
+      for (int r : reroots) {
+        // Clip s off: its parent is spliced out when it keeps a single child.
+        std::vector<std::vector<int>> kids = t.kids;
+        std::vector<int> parent = t.parent;
+        if (r != s) reroot_subtree(kids, parent, s, r);
+        const int p = parent[s];
+        auto& pk = kids[p];
+        pk.erase(std::find(pk.begin(), pk.end(), s));
+        int root = t.root;
+        int sibling = -1;
+        if (pk.size() == 1) {
+          sibling = pk[0];
+          const int g = parent[p];
+          if (g < 0) {
+            root = sibling;
+            parent[sibling] = -1;
+          } else {
+            auto& gk = kids[g];
+            *std::find(gk.begin(), gk.end(), p) = sibling;
+            parent[sibling] = g;
+          }
+          kids[p].clear();
+        }
+        const int spare = sibling >= 0 ? p : static_cast<int>(kids.size());
+        if (spare == static_cast<int>(kids.size())) {
+          kids.emplace_back();
+          parent.push_back(-1);
+        }
+        std::vector<int> in_sub(kids.size(), 0);
+        for (int n : subtree) in_sub[n] = 1;
+        std::vector<int> dests;
+        {
+          std::vector<int> st{root};
+          while (!st.empty()) {
+            int n = st.back();
+            st.pop_back();
+            dests.push_back(n);
+            for (int k : kids[n]) st.push_back(k);
+          }
+        }
+        for (int d : dests) {
+          // Back on the sibling's branch with the first rooting is the tree itself.
+          if (d == sibling && (r == s || r == t.kids[s][0])) continue;
+          std::vector<std::vector<int>> k2 = kids;
+          int root2 = root;
+          const int pd = d == root ? -1 : parent[d];
+          k2[spare] = {d, s};
+          if (pd < 0) {
+            root2 = spare;
+          } else {
+            *std::find(k2[pd].begin(), k2[pd].end(), d) = spare;
+          }
+          std::int32_t* row = qax::trees::tree_row(tree);
+          to_row(k2, root2, ntax, row, row_size);
+          tree_store.scores[tree] = 0;
+          ++done;
+          if (switches.macreport) out_line({"Move", number_text(s), "(" + number_text(r) + ") to", number_text(d)});
+          if (!run_body(body)) {
+            failed = true;
+            break;
+          }
+          if (swap_.reset) {
+            std::copy(row, row + row_size, original.begin());
+            swap_.reset = 0;
+            restart = true;
+            break;
+          }
+          std::copy(original.begin(), original.end(), row);
+          if (swap_.end) break;
+          if (check_interrupt(1)) {
+            interrupted = true;
+            break;
+          }
+        }
+        if (failed || restart || swap_.end || interrupted) break;
+      }
+      if (failed || restart || swap_.end || interrupted) break;
+    }
+  }
+  output_state.silent_flags = saved_silent;
+  swap_ = SwapState();
+  if (failed) {
+    std::copy(original.begin(), original.end(), qax::trees::tree_row(tree));
+    recover();
+  }
+  if (interrupted) {
+    shell_state.stop_search_flag = 0;
+    out_line({"Interrupted swapping"});
+  } else {
+    out_text({"Finished swapping (", std::to_string(done), " swappings done)\n"});
+  }
+}
+
+void leave_body() {
+  while (input_level() >= swap_.body_level && input_level() > 0) close_input(false);
+}
+
+}  // namespace
+
+void cmd_sprit() { swap_loop(false); }
+void cmd_tbrit() { swap_loop(true); }
+
+void cmd_resetswap() {
+  macro_command_guard();
+  if (!swap_.active) error_exit({"resetswap", "valid only within sprit or tbrit"});
+  swap_.reset = 1;
+  leave_body();
+}
+
+void cmd_endswap() {
+  macro_command_guard();
+  if (!swap_.active) error_exit({"endswap", "valid only within sprit or tbrit"});
+  swap_.end = 1;
+  leave_body();
+}
+
+bool swap_continue() {
+  if (!swap_.active || input_level() < swap_.body_level) return false;
+  leave_body();
+  return true;
+}
+
+double swap_percent() { return swap_.active ? swap_.percent : 0; }
+
+}  // namespace qax::script
