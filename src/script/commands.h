@@ -38,6 +38,12 @@ void cmd_chkbreak();
 void cmd_forfiles();
 void cmd_killfiles();
 
+// Loops of an inner command loop, and tree and progress helpers.
+void cmd_travtree();
+void cmd_combine();
+void cmd_copytree();
+void cmd_progress();
+
 // Swap loops over the rearrangements of a tree.
 void cmd_sprit();
 void cmd_tbrit();

@@ -11,6 +11,7 @@
 #include "dataset/dataset.h"
 #include "script/expr.h"
 #include "script/space.h"
+#include "shell/commands.h"
 #include "shell/failure.h"
 #include "shell/input.h"
 #include "shell/output.h"
@@ -66,14 +67,17 @@ int raw_char() {
       last_source_ = 1;
       return 0;
     }
-    // Each pass may be interrupted (ESC, a stop file, a time limit).
-    if (check_interrupt(1)) {
+    // Each pass may be interrupted (ESC, a stop file, a time limit, or a search of the
+    // body that was stopped): the loop ends there.
+    const bool interrupted = script_interrupted(l->interrupt_events);
+    if (interrupted) {
       shell_state.stop_search_flag = 0;
-      error_exit("Loop interrupted");
+      out_line({"Loop interrupted"});
+    } else {
+      l->value += l->step;
     }
-    l->value += l->step;
     if (switches.macreport) out_line({loop_report()});
-    if ((l->step > 0 && l->value > l->limit) || (l->step < 0 && l->value < l->limit) || l->step == 0) {
+    if (interrupted || (l->step > 0 && l->value > l->limit) || (l->step < 0 && l->value < l->limit) || l->step == 0) {
       space.text_bytes -= std::min(space.text_bytes, l->body.size() + l->name.size());
       const std::string closing = l->closing_text;
       loops.pop_back();
@@ -551,7 +555,12 @@ void install_reader_hooks() {
   macro_error_location = show_error_location;
 }
 
+bool script_interrupted(int events) {
+  return check_interrupt(1) != 0 || shell_state.interrupt_events != events;
+}
+
 void enter_loop(Loop loop) {
+  loop.interrupt_events = shell_state.interrupt_events;
   if (static_cast<int>(loops.size()) >= space.max_loops) {
     error_exit({"Maximum nesting for loops is", number_text(space.max_loops), "loops"});
   }
@@ -570,6 +579,14 @@ void jump_to_loop_end(Loop& l) {
 }
 
 std::string copy_body(const char* what) {
+  // Bodies of loops end at "stop"; those of travtree, combine and iterrecs at their own
+  // closing words, and only their own kind nests in them.
+  const std::string kind = what;
+  std::string closer = "stop";
+  if (kind == "travtree") closer = "endtrav";
+  else if (kind == "combine") closer = "endcomb";
+  else if (kind == "iterrecs" || kind == "iternucrecs") closer = "endrecs";
+  const bool loop_kind = closer == "stop";
   ++expansion_blocked;
   std::string body;
   std::string word;
@@ -580,12 +597,14 @@ std::string copy_body(const char* what) {
     std::string w = word;
     for (char& ch : w) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
     word.clear();
-    if (w == "loop" || w == "sprit" || w == "tbrit" || w == "forfiles" || w == "bandb") {
+    const bool opens = loop_kind ? (w == "loop" || w == "sprit" || w == "tbrit" || w == "forfiles" || w == "bandb")
+                                 : (w == kind || (closer == "endrecs" && (w == "iterrecs" || w == "iternucrecs")));
+    if (opens) {
       ++depth;
       if (depth > space.max_loops + 1) {
         error_exit({"Maximum nesting for loops is", number_text(space.max_loops), "loops"});
       }
-    } else if (w == "stop") {
+    } else if (w == closer) {
       if (--depth == 0) return true;
     }
     return false;
@@ -595,7 +614,7 @@ std::string copy_body(const char* what) {
       const int c = raw_char();
       if (c == 0 || (current_frame().at_eof && input_level() > 0 && !current_level_loop() &&
                      input_exhausted())) {
-        error_exit({"Found end-of-file:", "expecting \"stop\""});
+        error_exit({"Found end-of-file:", "expecting \"" + closer + "\""});
       }
       if (std::isalnum(c) || c == '_') {
         if (blank_run) {
@@ -607,7 +626,7 @@ std::string copy_body(const char* what) {
         continue;
       }
       if (flush_word()) {
-        body.resize(body.size() - 4);  // "stop" is replaced by the closing ";"
+        body.resize(body.size() - closer.size());  // the closing word becomes ";"
         break;
       }
       if (c < 33) {
@@ -617,7 +636,7 @@ std::string copy_body(const char* what) {
         if (current_frame().at_eof && input_level() > 0 && !current_level_loop()) {
           const InputFrame& f = current_frame();
           if (f.text[f.pos] == ';' && f.text[f.pos + 1] == 0) {
-            error_exit({"Found end-of-file:", f.name, "expecting \"stop\""});
+            error_exit({"Found end-of-file:", f.name, "expecting \"" + closer + "\""});
           }
         }
         continue;
@@ -642,6 +661,53 @@ std::string loop_report() {
     s += "Loop " + number_text(static_cast<int>(i) + 1) + " - " + number_text(loops[i].value);
   }
   return s;
+}
+
+}  // namespace qax::script
+
+namespace qax::script {
+
+namespace {
+std::vector<int> inner_levels_;
+}
+
+int inner_body_level() { return inner_levels_.empty() ? 0 : inner_levels_.back(); }
+
+void leave_inner_body() {
+  const int level = inner_body_level();
+  if (level <= 0) return;
+  while (input_level() >= level && input_level() > 0) close_input(false);
+}
+
+bool run_inner_body(const std::string& body, const char* level_name, bool silent) {
+  constexpr int max_text = 4128;
+  if (input_level() + 1 > input_max_levels()) {
+    error_exitf("Can't run this command with %i open files\nYou may increase \"mxproc\" and try again", input_level());
+  }
+  if (static_cast<int>(body.size()) > max_text) {
+    error_exitf("Sorry, instructions are too long (%i bytes; max. is %i)", static_cast<int>(body.size()), max_text);
+  }
+  const int base = input_level();
+  const int saved_silent = output_state.silent_flags;
+  const int saved_timeout = shell_state.timeout_seconds;
+  if (silent) output_state.silent_flags |= 7;
+  push_text_level(body, level_name);
+  inner_levels_.push_back(base + 1);
+  bool ok = true;
+  while (input_level() > base) {
+    if (input_level() == base + 1 && level_text_exhausted()) {
+      close_input(false);
+      break;
+    }
+    if (!protected_call(read_and_dispatch) || input_level() < base || !shell_state.keep_running) {
+      ok = false;
+      break;
+    }
+  }
+  inner_levels_.pop_back();
+  output_state.silent_flags = saved_silent;
+  shell_state.timeout_seconds = saved_timeout;
+  return ok;
 }
 
 }  // namespace qax::script

@@ -19,6 +19,7 @@ struct Loop {
   int kind = 0;           // 0 loop; 1 body run by an inner command loop (sprit, ...); 2 forfiles
   std::vector<std::string> files;  // forfiles: the entries, by value
   std::string closing_text;        // printed when the loop ends
+  int interrupt_events = 0;        // interruptions counted when the loop started
 };
 
 extern std::vector<Loop> loops;
@@ -48,6 +49,19 @@ void jump_to_loop_end(Loop& l);
 // Copies the raw text up to the matching "stop" (nesting counted), folding blanks; the
 // returned body ends with ";".
 std::string copy_body(const char* what);
+
+// Runs stored instructions once through an inner command loop on a pushed text level
+// named `level_name`; `silent` silences output while they run. False when an error
+// stopped them (the input is then unwound) or the run ended.
+bool run_inner_body(const std::string& body, const char* level_name, bool silent);
+// Closes the levels of the inner body being run (its remaining text is skipped).
+void leave_inner_body();
+// Level of the innermost body being run by run_inner_body, 0 when none.
+int inner_body_level();
+
+// True when long script work must stop: an interruption now or since `events` was
+// taken (a search stopped inside the body counts too).
+bool script_interrupted(int events);
 
 // Loop report for macreport and errors: "Loop N - value ..." entries.
 std::string loop_report();

@@ -29,7 +29,6 @@ struct SwapState {
   int active = 0;
   int end = 0;       // endswap
   int reset = 0;     // resetswap: keep this rearrangement and start again from it
-  int body_level = 0;
   double percent = 0;
 };
 SwapState swap_;
@@ -132,23 +131,6 @@ void reroot_subtree(std::vector<std::vector<int>>& kids, std::vector<int>& paren
   parent[up] = s;
 }
 
-// Runs the body once as an inner command level; false when an error stopped it.
-bool run_body(const std::string& body) {
-  const int base = input_level();
-  push_text_level(body, "sprit commands");
-  swap_.body_level = base + 1;
-  while (input_level() > base) {
-    if (input_level() == base + 1 && level_text_exhausted()) {
-      close_input(false);
-      break;
-    }
-    int ok = protected_call(read_and_dispatch);
-    if (!ok || input_level() < base) return false;
-    if (!shell_state.keep_running) return false;
-  }
-  return true;
-}
-
 void swap_loop(bool tbr) {
   macro_command_guard();
   if (swap_.active) error_exit("Can't nest \"sprit\", \"tbrit\", or \"bandb\" commands");
@@ -241,7 +223,7 @@ void swap_loop(bool tbr) {
           tree_store.scores[tree] = 0;
           ++done;
           if (switches.macreport) out_line({"Move", number_text(s), "(" + number_text(r) + ") to", number_text(d)});
-          if (!run_body(body)) {
+          if (!run_inner_body(body, "sprit commands", false)) {
             failed = true;
             break;
           }
@@ -277,9 +259,7 @@ void swap_loop(bool tbr) {
   }
 }
 
-void leave_body() {
-  while (input_level() >= swap_.body_level && input_level() > 0) close_input(false);
-}
+void leave_body() { leave_inner_body(); }
 
 }  // namespace
 
@@ -301,7 +281,7 @@ void cmd_endswap() {
 }
 
 bool swap_continue() {
-  if (!swap_.active || input_level() < swap_.body_level) return false;
+  if (!swap_.active || inner_body_level() == 0 || input_level() < inner_body_level()) return false;
   leave_body();
   return true;
 }

@@ -164,6 +164,8 @@ int is_prefix(std::string_view word, std::string_view entry) {
   return 1;
 }
 
+bool (*inner_command_word)(const std::string& word) = nullptr;
+
 void macro_command_guard() {
   const CommandRecord* r = current_;
   if (!r) return;
@@ -279,6 +281,7 @@ void read_and_dispatch() {
   int len = read_command_word();
   if (len == 0) error_exit("No command!");
   typed_word_ = token_buffer;
+  if (inner_command_word && inner_command_word(typed_word_)) return;
   const CommandRecord* rec = nullptr;
   for (const CommandRecord* r = table_; r->name; ++r) {
     if (starts_with(typed_word_, r->name)) {

@@ -42,6 +42,10 @@ int is_prefix(std::string_view word, std::string_view entry);
 // settings commands may have made stale is dropped here).
 void add_after_command_step(void (*step)());
 
+// While set, words that only exist inside a script body (killtrav, skipdes, ...) are
+// offered to this hook before the table; it returns true when it ran the word.
+extern bool (*inner_command_word)(const std::string& word);
+
 // The guard of the macro-only commands.
 void macro_command_guard();
 

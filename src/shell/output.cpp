@@ -390,6 +390,7 @@ int poll_background(int mode) {
     std::remove(stop.c_str());
     if (shell_state.search_running) {
       shell_state.stop_search_flag = 1;
+      ++shell_state.interrupt_events;
       return 1;
     }
     abort_command();
@@ -411,6 +412,7 @@ int check_interrupt(int mode) {
   if (shell_state.stop_search_flag) return 1;
   if (interrupt_deadline > 0 && now_seconds() > interrupt_deadline) {
     shell_state.stop_search_flag = 1;
+      ++shell_state.interrupt_events;
     return 1;
   }
   if (shell_state.background) {
@@ -431,6 +433,7 @@ int check_interrupt(int mode) {
     }
     if (shell_state.search_running) {
       shell_state.stop_search_flag = 1;
+      ++shell_state.interrupt_events;
       return 1;
     }
     abort_command();
@@ -438,6 +441,7 @@ int check_interrupt(int mode) {
   if (k == 'm' && shell_state.search_running) {
     if (ask_key("Are you sure you want to stop current search and move on? (y/n)", "yn") == 'y') {
       shell_state.stop_search_flag = 1;
+      ++shell_state.interrupt_events;
       return 1;
     }
     return 0;

@@ -28,6 +28,7 @@ struct ShellState {
   int echo_state = 0;                  // 0 off, 1 on, 3 on until the end of the cycle
   int echo_to_log = 0;                 // echo [ : copy prompt and line to the log
   int stop_search_flag = 0;            // 0 none, 1 stop and move on, 3 time is out
+  int interrupt_events = 0;            // interruptions so far (loops of scripts end on one)
   int search_running = 0;              // a search can be stopped softly
   int pending_error_goto = 0;          // a goto [ target must be taken at the next cycle
   std::uint64_t peak_ram_command = 0;  // arena use this command, bytes
