@@ -53,7 +53,7 @@ const CommandRecord command_records[] = {
     {"help", cmd_help, 0, 0},
     {"hold", qax::trees::cmd_hold, 0, topic_searching | topic_settings},
     {"hybrid", cmd_not_available, 1, topic_searching | topic_various},
-    {"ienum", cmd_not_available, 1, topic_searching},
+    {"ienum", qax::search::cmd_ienum, 1, topic_searching},
     {"incltax", cmd_not_available, 0, topic_various},
     {"info", qax::dataset::cmd_info, 0, topic_diagnosis | topic_various},
     {"log", cmd_log, 0, topic_output | topic_save},

@@ -14,3 +14,4 @@
 #include "support/pruning_commands.h"
 #include "search/settings.h"
 #include "search/constraints.h"
+#include "search/ienum.h"
