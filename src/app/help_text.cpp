@@ -149,7 +149,7 @@ const HelpEntry help_entries[] = {
      "hybrid [ options ];  hybridize pairs of trees in memory\n"
      "Options: rounds N, hybrid N, replace, noreplace"},
     {"ienum",
-     "ienum [ list ];  implicit enumeration: exact search for the best trees"},
+     "ienum [ ! - & ];  implicit enumeration: exact search for the best trees"},
     {"incltax",
      "incltax list;  include only the listed taxa when reading trees"},
     {"info",
