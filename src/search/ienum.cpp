@@ -180,7 +180,7 @@ struct Enumerator {
   std::int32_t bound_for(double len, int next_level) const {
     const double room = best + slack - len - extra[next_level];
     if (room < -1e-9) return -1;
-    return static_cast<std::int32_t>(std::floor(room + 1e-6));
+    return static_cast<std::int32_t>(std::min(std::floor(room + 1e-6), 1e9));
   }
 
   // A finished tree of score `total`: into the store, or counted for the sample.
@@ -245,7 +245,7 @@ struct Enumerator {
     const bool last = L + 1 == nt;
     if (L == 5) {
       ++five_done;
-      qax::shell::show_progress(five_done - 1, 15, "Implicit enumeration");
+      qax::shell::show_progress(five_done - 1, 15, "Searching (score " + search_score_text(best) + ")");
       if (qax::shell::shell_state.stop_search_flag) {
         stopped = true;
         return;
@@ -356,10 +356,10 @@ EnumerationResult implicit_enumeration(const EnumerationOptions& options) {
     std::vector<std::int32_t> tree;
     double w = wagner_build(tree, 1);
     if (w >= 0 && !qax::shell::shell_state.stop_search_flag) w = swap_spr(tree, -1, 0, tree_store.maxtrees);
-    en.best = w >= 0 ? w : 1e300;
+    en.best = w >= 0 ? w : 0;
   }
-  if (qax::shell::shell_state.stop_search_flag) en.best = 1e300;
-  qax::shell::shell_state.stop_search_flag = 0;
+  // Interrupted already: nothing of the enumeration is done.
+  if (qax::shell::shell_state.stop_search_flag) en.stopped = true;
 
   // Taxon order: terminal 0, then each time the taxon that differs most from those taken.
   en.order.resize(nt);
@@ -410,8 +410,9 @@ EnumerationResult implicit_enumeration(const EnumerationOptions& options) {
   e.anc[en.order[1]] = e.anc[en.order[2]] = q0;
   const double base = e.compute_all();
   if (constraint_allows) constraint_tree_changed();
-  out_printf("Searching (score %s)\n", search_score_text(en.best >= 1e299 ? 0 : en.best).c_str());
-  if (nt == 3) {
+  if (en.stopped) {
+    tree_store.ntrees = 0;
+  } else if (nt == 3) {
     e.export_tree(en.parent);
     if (!en.negative_groups || tree_satisfies(en.parent.data(), tree_store.ntax)) {
       en.best = base;
@@ -427,6 +428,7 @@ EnumerationResult implicit_enumeration(const EnumerationOptions& options) {
   r.overflow = en.overflow && !options.sample;
   r.completed = !en.stopped;
   r.percent_done = en.stopped ? std::max(0, en.five_done - 1) * 100 / 15 : 100;
+  if (en.stopped && tree_store.ntrees == 0) r.best = 0;
   last_best_score = en.best;
   return r;
 }

@@ -14,6 +14,7 @@
 #include "optim/packed.h"
 #include "search/ienum.h"
 #include "search/settings.h"
+#include "shell/state.h"
 #include "trees/store.h"
 #include "common/harness.h"
 #include "common/slow_length.h"
@@ -245,6 +246,19 @@ TEST_F(Ienum, ConstraintsLimitTheTreesToThoseThatKeepThem) {
     EXPECT_TRUE(has(out, "Constraints enforced during search.")) << out;
     run("force ; constrain -;");
   }
+}
+
+TEST_F(Ienum, InterruptKeepsTheTreesFoundAndReportsTheShareDone) {
+  run(std::string("proc ") + QAX_TEST_DATA + "/Asher2005.xread; taxcode - 16.; hold 1000;");
+  // ESC pressed at once: the first look at the keyboard stops the search.
+  shell::switches.brk = 1;
+  const auto saved_reader = shell::read_key;
+  shell::read_key = [](bool) { return 27; };
+  const std::string out = run("ienum;");
+  shell::read_key = saved_reader;
+  EXPECT_TRUE(has(out, "NOTE: implicit enumeration completed only ")) << out;
+  EXPECT_TRUE(has(out, "% of total work...")) << out;
+  EXPECT_TRUE(has(out, "Implicit enumeration, ")) << out;
 }
 
 TEST_F(Ienum, ExtraBoundTableCountsStatesOnlyTheRestHold) {
