@@ -10,6 +10,7 @@
 #include "trees/interchange.h"
 #include "optim/reports.h"
 #include "optim/recons.h"
+#include "support/compare_commands.h"
 #include "support/consensus_commands.h"
 #include "support/pruning_commands.h"
 #include "search/settings.h"
