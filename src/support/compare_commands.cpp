@@ -14,6 +14,7 @@
 #include "shell/input.h"
 #include "shell/output.h"
 #include "support/command_helpers.h"
+#include "support/consensus.h"
 #include "support/temp_collapse.h"
 #include "support/tree_compare.h"
 #include "trees/display.h"
@@ -266,6 +267,176 @@ void groups_absent(bool keep, int show) {
   (void)contradictory;
 }
 
+
+// Distortion coefficients from the matrix representation: mode 0 "=" (each tree of the
+// first list mapped on each of the second), 1 "==" (both ways), 2 "=!" (both ways, the
+// maximum of two pectinate trees).
+void mrp_coefficients(int mode) {
+  require_trees();
+  std::vector<int> first, second;
+  std::vector<std::uint8_t> excluded;
+  read_two_lists(first, second, excluded);
+  const int ntax = tree_store.ntax;
+  const std::vector<std::uint8_t> inc = common_taxa(first, second, excluded, false);
+  int taxa = 0;
+  for (auto f : inc) taxa += f != 0;
+  std::vector<double> v;
+  double best = -1;
+  for (std::size_t i = 0; i < first.size(); ++i) {
+    show_progress(static_cast<long long>(i), static_cast<long long>(first.size()), "Comparing");
+    for (int b : second) {
+      const std::int32_t* ta = tree_row(first[i]);
+      const std::int32_t* tb = tree_row(b);
+      MrpMapping m = map_mrp(ta, tb, ntax, inc);
+      if (mode > 0) {
+        const MrpMapping back = map_mrp(tb, ta, ntax, inc);
+        m.steps += back.steps;
+        m.minimum += back.minimum;
+        m.maximum += back.maximum;
+        if (mode == 2) m.maximum = 2 * pectinate_mrp_maximum(taxa);
+      }
+      const double range = static_cast<double>(m.maximum - m.minimum);
+      const double ri = range > 0 ? (m.maximum - m.steps) / range : 1.0;
+      v.push_back(ri);
+      best = std::max(best, ri);
+    }
+  }
+  clear_progress();
+  const char* titles[] = {"Distortion coefficients (RI of the groups of the first trees on the second):",
+                          "Symmetric distortion coefficients:",
+                          "Symmetric distortion coefficients (maximum of two pectinate trees):"};
+  print_table(titles[mode], first, second, v, "%.3f");
+  if (mode == 0) last_comparison.discoeff = best;
+  else last_comparison.symcoeff = best;
+}
+
+// Distance by the degree of recovery of each group in the other tree (similarity of rough
+// recovery); `resolved`: normalised by the groups of two resolved trees.
+void recovery_distance(bool resolved) {
+  require_trees();
+  std::vector<int> first, second;
+  std::vector<std::uint8_t> user;
+  read_two_lists(first, second, user);
+  const int ntax = tree_store.ntax;
+  const std::vector<std::uint8_t> inc = common_taxa(first, second, user, false);
+  std::vector<std::uint8_t> excluded(ntax, 0);
+  int taxa = 0;
+  for (int t = 0; t < ntax; ++t) {
+    excluded[t] = inc[t] ? 0 : excluded_by_user;
+    taxa += inc[t] != 0;
+  }
+  std::vector<double> v;
+  for (std::size_t i = 0; i < first.size(); ++i) {
+    show_progress(static_cast<long long>(i), static_cast<long long>(first.size()), "Comparing");
+    for (int b : second) {
+      const int a = first[i];
+      if (a == b) {
+        v.push_back(0);
+        continue;
+      }
+      double sum = 0;
+      int groups = 0;
+      for (auto [x, y] : {std::pair<int, int>{a, b}, std::pair<int, int>{b, a}}) {
+        const std::vector<double> s = rough_recovery(x, {y}, excluded);
+        for (double value : s)
+          if (value >= 0) {
+            sum += value;
+            ++groups;
+          }
+      }
+      const double denom = resolved ? 2.0 * std::max(0, taxa - 2) : groups;
+      v.push_back(denom > 0 ? 1.0 - sum / denom : 0.0);
+    }
+  }
+  clear_progress();
+  print_table(resolved ? "Distances by degree of recovery (normalised by two resolved trees):"
+                       : "Distances by degree of recovery:",
+              first, second, v, "%.3f");
+  last_comparison.grpdist = v.empty() ? -1 : v.back();
+}
+
+// Tree n drawn with, at each group, the number of the node of tree m that has the same
+// taxa, or "X".
+void group_equivalences() {
+  require_trees();
+  const int m = read_int();
+  const int n = peek_char() == '/' || peek_char() == ';' ? -1 : read_int();
+  if (m < 0 || n < 0) error_exit("Two tree numbers required");
+  if (m >= tree_store.ntrees) error_exit({"No tree", number_text(m)});
+  if (n >= tree_store.ntrees) error_exit({"No tree", number_text(n)});
+  const std::vector<std::uint8_t> excluded = read_excluded_taxa();
+  const int ntax = tree_store.ntax;
+  const std::int32_t* tm = tree_row(m);
+  const std::int32_t* tn = tree_row(n);
+  const std::vector<std::uint8_t> inc = shared_taxa(tm, tn, ntax, excluded);
+  auto below = [&](const std::int32_t* tree) {
+    const int end = std::max(tree[ntax], ntax + 1);
+    std::vector<GroupBits> rows(end, GroupBits((ntax + 63) / 64, 0));
+    for (int t = 0; t < ntax; ++t) {
+      if (!inc[t] || tree[t] < ntax) continue;
+      for (int a = tree[t]; a >= ntax && a < end; a = tree[a]) {
+        rows[a][t / 64] |= 1ull << (t % 64);
+        if (a == ntax) break;
+      }
+    }
+    return rows;
+  };
+  const auto bm = below(tm), bn = below(tn);
+  int taxa = 0;
+  for (auto f : inc) taxa += f != 0;
+  std::vector<std::string> labels(tree_store.row_size);
+  for (int v = ntax + 1; v < static_cast<int>(bn.size()); ++v) {
+    int size = 0;
+    for (auto w : bn[v]) size += __builtin_popcountll(w);
+    if (size < 2 || size >= taxa) continue;
+    labels[v] = "X";
+    for (int u = ntax + 1; u < static_cast<int>(bm.size()); ++u)
+      if (bm[u] == bn[v]) {
+        labels[v] = std::to_string(u);
+        break;
+      }
+  }
+  char title[120];
+  std::snprintf(title, sizeof title, "Tree %i (group equivalences with tree %i)", n, m);
+  qax::trees::draw_tree(tn, ntax, &labels, title);
+}
+
+// Cluster Information Distance from every tree of the first list to every tree of the
+// second; `rescaled` divides by the entropy of two pectinate trees.
+void cluster_information(bool rescaled) {
+  require_trees();
+  std::vector<int> first = read_list("First tree list contains no trees!");
+  if (!accept_char('/')) error_exit("Second tree list contains no trees!");
+  std::vector<int> second = read_list("Second tree list contains no trees!");
+  const int ntax = tree_store.ntax;
+  std::vector<std::uint8_t> inc(ntax, 1);
+  for (const auto* list : {&first, &second})
+    for (int k : *list)
+      for (int t = 0; t < ntax; ++t)
+        if ((tree_row(k)[t] >= ntax) != (tree_row(first[0])[t] >= ntax))
+          error_exit("Cluster Info Dist needs identical taxon sets");
+  int taxa = 0;
+  for (int t = 0; t < ntax; ++t) {
+    inc[t] = tree_row(first[0])[t] >= ntax;
+    taxa += inc[t];
+  }
+  const double scale = rescaled ? 2 * pectinate_cluster_entropy(taxa) : 1.0;
+  double last = -1;
+  for (int b : second) {
+    out_printf("Cluster Info Dist's to tree %i:\n", b);
+    std::string line;
+    for (int a : first) {
+      const double d = cluster_information_distance(tree_row(a), tree_row(b), ntax, inc);
+      last = scale > 0 ? d / scale : 0;
+      char cell[48];
+      std::snprintf(cell, sizeof cell, "  %i: %.4f", a, last);
+      line += cell;
+    }
+    out_printf("%s\n", line.c_str());
+  }
+  last_comparison.clusdist = last;
+}
+
 }  // namespace
 
 void cmd_tcomp() {
@@ -298,15 +469,23 @@ void cmd_tcomp() {
       return;
     }
     case '=':
-      error_exit("tcomp: RI of mapped MRP is not available yet in this version");
+      next_char();
+      mrp_coefficients(accept_char('=') ? 1 : accept_char('!') ? 2 : 0);
+      return;
     case ':':
-      error_exit("tcomp: degree of recovery is not available yet in this version");
+      next_char();
+      recovery_distance(accept_char('!') != 0);
+      return;
     case '&':
-      error_exit("tcomp: group equivalences are not available yet in this version");
+      next_char();
+      group_equivalences();
+      return;
     case '!':
       error_exit("tcomp: PCR and LSI values are not available yet in this version");
     case '@':
-      error_exit("tcomp: Cluster Information Distance is not available yet in this version");
+      next_char();
+      cluster_information(accept_char('!') != 0);
+      return;
     case '|':
       error_exit("tcomp: OSR values are not available yet in this version");
     default:

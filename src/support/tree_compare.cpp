@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
+#include <limits>
 
 namespace qax::support {
 
@@ -162,6 +164,172 @@ TripletComparison compare_triplets(const std::int32_t* a, const std::int32_t* b,
         r.differing += ra != rb;
       }
   return r;
+}
+
+
+MrpMapping map_mrp(const std::int32_t* source, const std::int32_t* target, int ntax,
+                   const std::vector<std::uint8_t>& include) {
+  MrpMapping r;
+  int taxa = 0;
+  for (int t = 0; t < ntax; ++t) taxa += include[t] != 0;
+  const std::vector<GroupBits> groups = tree_groups(source, ntax, include, true, 0);
+  // Nodes of the target from the leaves up.
+  const int end = std::max(target[ntax], ntax + 1);
+  std::vector<std::vector<int>> kids(end);
+  for (int n = 0; n < end; ++n) {
+    if (n == ntax || (n < ntax && (target[n] < ntax || !include[n]))) continue;
+    if (target[n] >= ntax && target[n] < end) kids[target[n]].push_back(n);
+  }
+  std::vector<int> order{ntax};
+  for (std::size_t k = 0; k < order.size(); ++k)
+    for (int c : kids[order[k]])
+      if (c >= ntax) order.push_back(c);
+  std::vector<int> set(end, 3);   // bit 0: absent state, bit 1: present state
+  for (const GroupBits& g : groups) {
+    const int k = bit_count(g);
+    r.maximum += std::min(k, taxa - k + 1);
+    r.minimum += 1;
+    for (int t = 0; t < ntax; ++t) set[t] = (g[t / 64] >> (t % 64) & 1) ? 2 : 1;
+    long long steps = 0;
+    for (std::size_t i = order.size(); i-- > 0;) {
+      const int v = order[i];
+      int with0 = 0, with1 = 0, n = 0;
+      for (int c : kids[v]) {
+        if (c < ntax || !kids[c].empty()) {
+          ++n;
+          with0 += set[c] & 1;
+          with1 += set[c] >> 1 & 1;
+        }
+      }
+      if (n == 0) {
+        set[v] = 3;
+        kids[v].clear();
+        continue;
+      }
+      const int cost0 = n - with0, cost1 = n - with1;
+      steps += std::min(cost0, cost1);
+      set[v] = (cost0 <= cost1 ? 1 : 0) | (cost1 <= cost0 ? 2 : 0);
+    }
+    if (!(set[ntax] & 1)) ++steps;
+    r.steps += steps;
+  }
+  return r;
+}
+
+long long pectinate_mrp_maximum(int taxa) noexcept {
+  long long g = 0;
+  for (int k = 2; k <= taxa - 1; ++k) g += std::min(k, taxa - k + 1);
+  return g;
+}
+
+namespace {
+
+double plogp(double p) { return p > 0 ? p * std::log2(p) : 0.0; }
+double split_entropy(int k, int n) {
+  const double p = static_cast<double>(k) / n;
+  return -(plogp(p) + plogp(1 - p));
+}
+
+}  // namespace
+
+double pectinate_cluster_entropy(int taxa) noexcept {
+  double h = 0;
+  for (int k = 2; k <= taxa - 1; ++k) h += split_entropy(k, taxa);
+  return h;
+}
+
+double max_assignment(const std::vector<std::vector<double>>& value) {
+  const int rows = static_cast<int>(value.size());
+  const int cols = rows ? static_cast<int>(value[0].size()) : 0;
+  if (rows == 0 || cols == 0) return 0;
+  // Square cost matrix (padding with zeros), minimising the negated values.
+  const int n = std::max(rows, cols);
+  double top = 0;
+  for (const auto& row : value)
+    for (double v : row) top = std::max(top, v);
+  auto cost = [&](int i, int j) { return i < rows && j < cols ? top - value[i][j] : top; };
+  const double inf = std::numeric_limits<double>::infinity();
+  std::vector<double> u(n + 1, 0), v(n + 1, 0), way_min(n + 1);
+  std::vector<int> match(n + 1, 0), way(n + 1, 0);
+  for (int i = 1; i <= n; ++i) {
+    match[0] = i;
+    int j0 = 0;
+    std::fill(way_min.begin(), way_min.end(), inf);
+    std::vector<char> used(n + 1, 0);
+    do {
+      used[j0] = 1;
+      const int i0 = match[j0];
+      double delta = inf;
+      int j1 = 0;
+      for (int j = 1; j <= n; ++j) {
+        if (used[j]) continue;
+        const double cur = cost(i0 - 1, j - 1) - u[i0] - v[j];
+        if (cur < way_min[j]) {
+          way_min[j] = cur;
+          way[j] = j0;
+        }
+        if (way_min[j] < delta) {
+          delta = way_min[j];
+          j1 = j;
+        }
+      }
+      for (int j = 0; j <= n; ++j) {
+        if (used[j]) {
+          u[match[j]] += delta;
+          v[j] -= delta;
+        } else {
+          way_min[j] -= delta;
+        }
+      }
+      j0 = j1;
+    } while (match[j0] != 0);
+    do {
+      const int j1 = way[j0];
+      match[j0] = match[j1];
+      j0 = j1;
+    } while (j0);
+  }
+  double sum = 0;
+  for (int j = 1; j <= n; ++j) {
+    const int i = match[j] - 1;
+    if (i < rows && j - 1 < cols) sum += value[i][j - 1];
+  }
+  return sum;
+}
+
+double cluster_information_distance(const std::int32_t* a, const std::int32_t* b, int ntax,
+                                    const std::vector<std::uint8_t>& include, double* entropy_first,
+                                    double* entropy_second) {
+  int n = 0;
+  for (int t = 0; t < ntax; ++t) n += include[t] != 0;
+  const auto ga = tree_groups(a, ntax, include, true, 0);
+  const auto gb = tree_groups(b, ntax, include, true, 0);
+  double ha = 0, hb = 0;
+  for (const auto& g : ga) ha += split_entropy(bit_count(g), n);
+  for (const auto& g : gb) hb += split_entropy(bit_count(g), n);
+  if (entropy_first) *entropy_first = ha;
+  if (entropy_second) *entropy_second = hb;
+  std::vector<std::vector<double>> mi(ga.size(), std::vector<double>(gb.size(), 0.0));
+  for (std::size_t i = 0; i < ga.size(); ++i) {
+    const int ka = bit_count(ga[i]);
+    for (std::size_t j = 0; j < gb.size(); ++j) {
+      const int kb = bit_count(gb[j]);
+      int both = 0;
+      for (std::size_t w = 0; w < ga[i].size(); ++w) both += std::popcount(ga[i][w] & gb[j][w]);
+      const int cells[4] = {both, ka - both, kb - both, n - ka - kb + both};
+      const double pa[2] = {static_cast<double>(ka) / n, 1.0 - static_cast<double>(ka) / n};
+      const double pb[2] = {static_cast<double>(kb) / n, 1.0 - static_cast<double>(kb) / n};
+      double m = 0;
+      for (int c = 0; c < 4; ++c) {
+        const double p = static_cast<double>(cells[c]) / n;
+        const double q = pa[c == 0 || c == 1 ? 0 : 1] * pb[c == 0 || c == 2 ? 0 : 1];
+        if (p > 0) m += p * std::log2(p / q);
+      }
+      mi[i][j] = std::max(0.0, m);
+    }
+  }
+  const double matched = max_assignment(mi);
+  return std::max(0.0, ha + hb - 2 * matched);
 }
 
 }  // namespace qax::support

@@ -71,8 +71,39 @@ struct SprResult {
 SprResult spr_distance(const std::int32_t* a, const std::int32_t* b, int ntax, int replications,
                        double weight_constant, std::uint32_t seed, bool keep_steps);
 
+// Matrix representation of a tree's groups (each a binary character, with an all-absent
+// external root) mapped onto another tree. `source` groups are those of tree_groups
+// (rooted); steps are counted on `target` with polytomies as they are, the external root
+// adding a step when the root can't have the absent state.
+struct MrpMapping {
+  long long steps = 0;      // S: steps of all the characters on the target
+  long long minimum = 0;    // M: one step per character
+  long long maximum = 0;    // G: per character min(k, T - k + 1), k taxa in the group
+};
+MrpMapping map_mrp(const std::int32_t* source, const std::int32_t* target, int ntax,
+                   const std::vector<std::uint8_t>& include);
+// Largest G of a tree of T taxa: that of a pectinate tree.
+[[nodiscard]] long long pectinate_mrp_maximum(int taxa) noexcept;
+
+// Cluster Information Distance: the clustering entropies of both trees (sum over groups
+// of the entropy of the split of the taxa into group and rest) less twice the mutual
+// information of the best matching of their groups. `entropy_first` and
+// `entropy_second` receive the trees' entropies (may be null).
+double cluster_information_distance(const std::int32_t* a, const std::int32_t* b, int ntax,
+                                    const std::vector<std::uint8_t>& include, double* entropy_first = nullptr,
+                                    double* entropy_second = nullptr);
+// Clustering entropy of a pectinate tree of T taxa.
+[[nodiscard]] double pectinate_cluster_entropy(int taxa) noexcept;
+// Best assignment of rows to columns maximising the sum (rows <= columns or not: the
+// smaller side is matched whole). Returns the sum; exact (Hungarian method).
+double max_assignment(const std::vector<std::vector<double>>& value);
+
 // Values of the latest comparisons, for macro expressions.
 struct ComparisonValues {
+  double discoeff = -1;
+  double symcoeff = -1;
+  double clusdist = -1;
+  double grpdist = -1;
   double rfdist = -1;
   double tripdist = -1;
   double sprdiff = -1;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <functional>
 #include <map>
@@ -326,6 +327,76 @@ TEST_F(TreeCompare, SprEstimateIsExactAtOneMoveAndNeverBelowTheTrueDistance) {
   std::printf("SPR estimate equal to the true distance in %i of %i pairs\n", equal, pairs);
 }
 
+
+TEST_F(TreeCompare, AssignmentIsTheBestOverAllPermutations) {
+  std::mt19937 rng(4);
+  for (int round = 0; round < 40; ++round) {
+    const int rows = 1 + round % 5, cols = 1 + (round / 5) % 5;
+    std::vector<std::vector<double>> v(rows, std::vector<double>(cols));
+    for (auto& r : v)
+      for (double& x : r) x = (rng() % 1000) / 100.0;
+    // Brute force: every injection of the smaller side into the larger.
+    const int small = std::min(rows, cols), large = std::max(rows, cols);
+    std::vector<int> perm(large);
+    for (int i = 0; i < large; ++i) perm[i] = i;
+    double best = 0;
+    do {
+      double sum = 0;
+      for (int i = 0; i < small; ++i) sum += rows <= cols ? v[i][perm[i]] : v[perm[i]][i];
+      best = std::max(best, sum);
+    } while (std::next_permutation(perm.begin(), perm.end()));
+    EXPECT_NEAR(support::max_assignment(v), best, 1e-9) << rows << "x" << cols;
+  }
+}
+
+TEST_F(TreeCompare, ClusterInformationDistanceOfSameTreesAndBush) {
+  std::srand(5);
+  for (int round = 0; round < 10; ++round) {
+    const int ntax = 5 + round;
+    test::load_taxa(ntax);
+    const auto a = test::random_complete(ntax, 0);
+    const auto b = test::random_complete(ntax, 20);
+    const std::vector<std::uint8_t> all(ntax, 1);
+    EXPECT_NEAR(support::cluster_information_distance(a.data(), a.data(), ntax, all), 0, 1e-9);
+    double ha = 0, hb = 0;
+    const double d = support::cluster_information_distance(a.data(), b.data(), ntax, all, &ha, &hb);
+    EXPECT_NEAR(d, support::cluster_information_distance(b.data(), a.data(), ntax, all), 1e-9);
+    EXPECT_LE(d, ha + hb + 1e-9);
+    std::vector<std::int32_t> bush(2 * ntax - 1, 0);
+    for (int t = 0; t < ntax; ++t) bush[t] = ntax;
+    bush[ntax] = ntax + 1;
+    EXPECT_NEAR(support::cluster_information_distance(a.data(), bush.data(), ntax, all), ha, 1e-9);
+    // Clusters of a tree: entropy of group and rest, summed.
+    double h = 0;
+    for (const auto& c : rooted_clusters(a, ntax)) {
+      const double p = static_cast<double>(c.size()) / ntax;
+      h -= p * std::log2(p) + (1 - p) * std::log2(1 - p);
+    }
+    EXPECT_NEAR(ha, h, 1e-9);
+  }
+}
+
+TEST_F(TreeCompare, MatrixRepresentationStepsOnTreesAndBush) {
+  test::load_taxa(6);
+  // (a(b(c(d(ef))))) and (a(b(d(c(ef))))): one group of the first, {d e f}, costs two
+  // steps on the second, the others one; G = 2 + 3 + 3 + 2.
+  const std::vector<std::int32_t> t0{6, 7, 8, 9, 10, 10, 11, 6, 7, 8, 9};
+  const std::vector<std::int32_t> t1{6, 7, 9, 8, 10, 10, 11, 6, 7, 8, 9};
+  const std::vector<std::uint8_t> all(6, 1);
+  auto m = support::map_mrp(t0.data(), t1.data(), 6, all);
+  EXPECT_EQ(m.steps, 5);
+  EXPECT_EQ(m.minimum, 4);
+  EXPECT_EQ(m.maximum, 10);
+  m = support::map_mrp(t0.data(), t0.data(), 6, all);
+  EXPECT_EQ(m.steps, m.minimum);
+  std::vector<std::int32_t> bush(11, 0);
+  for (int t = 0; t < 6; ++t) bush[t] = 6;
+  bush[6] = 7;
+  m = support::map_mrp(t0.data(), bush.data(), 6, all);
+  EXPECT_EQ(m.steps, m.maximum);
+  EXPECT_EQ(support::pectinate_mrp_maximum(6), 10);
+}
+
 class TreeCompareCommands : public test::ShellTest {};
 
 TEST_F(TreeCompareCommands, FormsAndMessages) {
@@ -347,8 +418,15 @@ TEST_F(TreeCompareCommands, FormsAndMessages) {
   out = run("tcomp 0;");
   EXPECT_TRUE(has(out, "Two tree numbers required")) << out;
   out = run("tcomp < {nonesuch} / 1;");
-  out = run("tcomp @ 0/1;");
+  out = run("tcomp | 0/1;");
   EXPECT_TRUE(has(out, "not available yet")) << out;
+  out = run("tcomp @! 0 / 3;");
+  EXPECT_TRUE(has(out, "Cluster Info Dist's to tree 3:")) << out;
+  EXPECT_DOUBLE_EQ(support::last_comparison.clusdist, 0.5);
+  out = run("tcomp = 0 / 1;");
+  EXPECT_NEAR(support::last_comparison.discoeff, 5.0 / 6.0, 1e-12);
+  out = run("tcomp & 1 0;");
+  EXPECT_TRUE(has(out, "Tree 0 (group equivalences with tree 1)")) << out;
   out = run("sprdiff 0 1;");
   EXPECT_TRUE(has(out, "From tree 0 to tree 1: 1 SPR moves (similarity: 0.6667)")) << out;
   out = run("sprdiff 0 0;");
