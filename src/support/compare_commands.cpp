@@ -599,13 +599,32 @@ void cmd_sprdiff() {
       qax::trees::draw_tree(r.steps[i].data(), ntax, nullptr, title);
     }
   }
+  // Resolving the polytomies of the first tree, and collapsing the groups the second
+  // lacks, take one move each (half with halvepoly) when they are counted.
+  double value = r.weighted;
+  int unweighted = r.moves;
+  if (s.polycount && taxa > 3) {
+    int ref = 0;
+    while (ref < ntax && !inc[ref]) ++ref;
+    const int full = taxa - 3;
+    const int extra = (full - static_cast<int>(tree_groups(tree_row(j), ntax, inc, false, ref).size())) +
+                      (full - static_cast<int>(tree_groups(tree_row(k), ntax, inc, false, ref).size()));
+    unweighted += extra;
+    if (s.weight_constant > 0) {
+      const double far = full / (s.weight_constant + full);
+      value += extra * (1.0 / (s.weight_constant + 1.0)) / far;
+    } else {
+      value += s.halvepoly ? extra * 0.5 : extra;
+    }
+  }
   out_printf("From tree %i%s to tree %i: ", j, r.resolved ? " (best resolution)" : "", k);
-  if (s.weight_constant > 0) out_printf("%.4f weighted (%i unwt)", r.weighted, r.moves);
-  else out_printf("%.0f", r.weighted);
+  if (s.weight_constant > 0) out_printf("%.4f weighted (%i unwt)", value, unweighted);
+  else if (s.halvepoly && s.polycount) out_printf("%.1f", value);
+  else out_printf("%.0f", value);
   const double denom = taxa > 3 ? taxa - 3 : 1;
-  const double similarity = 1.0 - r.weighted / denom;
+  const double similarity = 1.0 - value / denom;
   out_printf(" SPR moves (similarity: %.4f)\n", similarity);
-  last_comparison.sprdiff = r.weighted;
+  last_comparison.sprdiff = value;
   last_comparison.sprsim = similarity;
 }
 

@@ -8,7 +8,7 @@ namespace qax::support {
 struct SprdiffSettings {
   double weight_constant = 0;   // K of weighted moves (0: raw moves)
   int violations = 1;           // moves from a node to its ancestor allowed
-  int polycount = 1;            // moves resolving or collapsing polytomies are counted
+  int polycount = 0;            // moves resolving or collapsing polytomies are counted
   int halvepoly = 0;            // those moves count one half each
 };
 extern SprdiffSettings sprdiff_settings;
