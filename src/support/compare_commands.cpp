@@ -437,6 +437,51 @@ void cluster_information(bool rescaled) {
   last_comparison.clusdist = last;
 }
 
+
+// Stability of the taxa over trees from their triplets: PCR (alike in every tree) or, with
+// `lsi`, the LSI. "=N" reports the worst N; ">G" puts the taxa reported in taxon group G.
+void taxon_stability(bool lsi) {
+  require_trees();
+  accept_char('&');   // inferring unchecked triplets from checked ones gives the same values
+  int worst = -1, group = -1;
+  for (;;) {
+    if (accept_char('=')) {
+      worst = read_int();
+      if (worst < 1) error_exit("Expected number of taxa to report after \"=\"");
+    } else if (accept_char('>')) {
+      group = read_int();
+      if (group < 0 || group >= dataset::group_count)
+        error_exitf("Taxon group must be 0-%i", dataset::group_count - 1);
+    } else {
+      break;
+    }
+  }
+  const std::vector<int> list = read_list("No trees specified");
+  const std::vector<std::uint8_t> excluded = read_excluded_taxa();
+  const std::vector<std::uint8_t> inc = common_taxa(list, list, excluded, false);
+  const int ntax = tree_store.ntax;
+  std::vector<const std::int32_t*> rows;
+  for (int k : list) rows.push_back(tree_row(k));
+  const TripletStability st = triplet_stability(rows, ntax, inc);
+  const std::vector<double>& v = lsi ? st.lsi : st.pcr;
+  std::vector<int> order;
+  for (int t = 0; t < ntax; ++t)
+    if (v[t] >= 0) order.push_back(t);
+  if (worst > 0) {
+    std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return v[a] < v[b]; });
+    if (static_cast<int>(order.size()) > worst) order.resize(worst);
+  }
+  out_printf("%s values (%i trees):\n", lsi ? "LSI" : "PCR", static_cast<int>(list.size()));
+  for (int t : order) out_printf("    %-24s %.3f\n", taxon_name(t).c_str(), v[t]);
+  if (group >= 0) {
+    auto& d = dataset::dataset;
+    if (static_cast<int>(d.taxon_groups.size()) < ntax) d.taxon_groups.resize(ntax, 0);
+    for (int t = 0; t < ntax; ++t) d.taxon_groups[t] &= ~(1u << group);
+    for (int t : order) d.taxon_groups[t] |= 1u << group;
+    out_printf("Taxa reported put in taxon group %i\n", group);
+  }
+}
+
 }  // namespace
 
 void cmd_tcomp() {
@@ -481,7 +526,9 @@ void cmd_tcomp() {
       group_equivalences();
       return;
     case '!':
-      error_exit("tcomp: PCR and LSI values are not available yet in this version");
+      next_char();
+      taxon_stability(accept_char('!') != 0);
+      return;
     case '@':
       next_char();
       cluster_information(accept_char('!') != 0);

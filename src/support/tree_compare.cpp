@@ -108,6 +108,83 @@ double rf_value(const GroupComparison& g, bool rooted, int scale) noexcept {
   return present > 0 ? raw / present : 0.0;
 }
 
+namespace {
+
+// Depth of the lowest common ancestor of every pair of the listed taxa (n x n).
+std::vector<int> lca_depths(const std::int32_t* tree, int ntax, const std::vector<int>& taxa) {
+  const int n = static_cast<int>(taxa.size());
+  std::vector<std::vector<int>> path(n);
+  for (int i = 0; i < n; ++i) {
+    for (int v = tree[taxa[i]];; v = tree[v]) {
+      path[i].push_back(v);
+      if (v == ntax) break;
+    }
+    std::reverse(path[i].begin(), path[i].end());   // root first
+  }
+  std::vector<int> d(static_cast<std::size_t>(n) * n, 0);
+  for (int i = 0; i < n; ++i)
+    for (int j = i + 1; j < n; ++j) {
+      std::size_t k = 0;
+      while (k < path[i].size() && k < path[j].size() && path[i][k] == path[j][k]) ++k;
+      d[static_cast<std::size_t>(i) * n + j] = d[static_cast<std::size_t>(j) * n + i] = static_cast<int>(k);
+    }
+  return d;
+}
+
+// 0 unresolved, else 1 + the position (0, 1, 2) of the taxon left outside.
+int triplet_resolution(const std::vector<int>& d, int n, int i, int j, int k) {
+  const int ij = d[static_cast<std::size_t>(i) * n + j], ik = d[static_cast<std::size_t>(i) * n + k],
+            jk = d[static_cast<std::size_t>(j) * n + k];
+  if (ij > ik && ij > jk) return 3;
+  if (ik > ij && ik > jk) return 2;
+  if (jk > ij && jk > ik) return 1;
+  return 0;
+}
+
+}  // namespace
+
+TripletStability triplet_stability(const std::vector<const std::int32_t*>& trees, int ntax,
+                                   const std::vector<std::uint8_t>& include) {
+  std::vector<int> taxa;
+  for (int t = 0; t < ntax; ++t)
+    if (include[t]) taxa.push_back(t);
+  const int n = static_cast<int>(taxa.size());
+  const long long m = static_cast<long long>(n) * (n - 1) * (n - 2) / 6;
+  std::vector<std::int32_t> counts(static_cast<std::size_t>(std::max(0LL, m)) * 4, 0);
+  for (const std::int32_t* tree : trees) {
+    const std::vector<int> d = lca_depths(tree, ntax, taxa);
+    std::size_t idx = 0;
+    for (int i = 0; i < n; ++i)
+      for (int j = i + 1; j < n; ++j)
+        for (int k = j + 1; k < n; ++k, ++idx) ++counts[idx * 4 + triplet_resolution(d, n, i, j, k)];
+  }
+  TripletStability r;
+  r.lsi.assign(ntax, -1.0);
+  r.pcr.assign(ntax, -1.0);
+  std::vector<double> lsi_sum(n, 0), pcr_sum(n, 0);
+  std::vector<long long> held(n, 0);
+  const double nt = static_cast<double>(trees.size());
+  std::size_t idx = 0;
+  for (int i = 0; i < n; ++i)
+    for (int j = i + 1; j < n; ++j)
+      for (int k = j + 1; k < n; ++k, ++idx) {
+        int c[3] = {counts[idx * 4 + 1], counts[idx * 4 + 2], counts[idx * 4 + 3]};
+        std::sort(c, c + 3);
+        const double diff = nt > 0 ? (c[2] - c[1]) / nt : 0;
+        const double alike = c[2] == static_cast<int>(trees.size()) ? 1.0 : 0.0;
+        for (int x : {i, j, k}) {
+          lsi_sum[x] += diff;
+          pcr_sum[x] += alike;
+          ++held[x];
+        }
+      }
+  for (int i = 0; i < n; ++i) {
+    r.lsi[taxa[i]] = held[i] ? lsi_sum[i] / held[i] : 0;
+    r.pcr[taxa[i]] = held[i] ? pcr_sum[i] / held[i] : 0;
+  }
+  return r;
+}
+
 TripletComparison compare_triplets(const std::int32_t* a, const std::int32_t* b, int ntax,
                                    const std::vector<std::uint8_t>& include) {
   std::vector<int> taxa;

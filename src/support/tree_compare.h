@@ -46,6 +46,17 @@ struct TripletComparison {
 TripletComparison compare_triplets(const std::int32_t* a, const std::int32_t* b, int ntax,
                                    const std::vector<std::uint8_t>& include);
 
+// Stability of each taxon over a set of trees, from the rooted triplets that hold it:
+// `lsi` the average difference between the proportions of trees with the most frequent
+// and the second most frequent resolution of the triplet; `pcr` the proportion of its
+// triplets resolved alike in every tree. Entries of taxa not included are -1.
+struct TripletStability {
+  std::vector<double> lsi;
+  std::vector<double> pcr;
+};
+TripletStability triplet_stability(const std::vector<const std::int32_t*>& trees, int ntax,
+                                   const std::vector<std::uint8_t>& include);
+
 // Taxa present in both trees and not flagged in `excluded` (may be empty).
 std::vector<std::uint8_t> shared_taxa(const std::int32_t* a, const std::int32_t* b, int ntax,
                                       const std::vector<std::uint8_t>& excluded);

@@ -163,6 +163,54 @@ TEST_F(TreeCompare, TripletExamplesOfFiveTaxa) {
   EXPECT_EQ(t.differing, 1);
 }
 
+
+TEST_F(TreeCompare, TaxonStabilityAgreesWithTripletsScannedOneByOne) {
+  std::srand(31);
+  for (int round = 0; round < 8; ++round) {
+    const int ntax = 5 + round;
+    test::load_taxa(ntax);
+    std::vector<std::vector<std::int32_t>> trees;
+    std::vector<const std::int32_t*> rows;
+    for (int k = 0; k < 2 + round % 4; ++k) trees.push_back(test::random_complete(ntax, k % 2 ? 30 : 0));
+    if (round % 3 == 0) trees.push_back(trees[0]);
+    for (const auto& t : trees) rows.push_back(t.data());
+    std::vector<std::uint8_t> inc(ntax, 1);
+    inc[round % ntax] = 0;   // one taxon left out
+    const auto st = support::triplet_stability(rows, ntax, inc);
+    std::vector<double> lsi(ntax, 0), pcr(ntax, 0);
+    std::vector<int> held(ntax, 0);
+    for (int i = 0; i < ntax; ++i)
+      for (int j = i + 1; j < ntax; ++j)
+        for (int k = j + 1; k < ntax; ++k) {
+          if (!inc[i] || !inc[j] || !inc[k]) continue;
+          std::map<int, int> freq;
+          for (const auto& t : trees) {
+            const int r = slow_triplet(t, ntax, i, j, k);
+            if (r >= 0) ++freq[r];
+          }
+          std::vector<int> f;
+          for (auto [r, c] : freq) f.push_back(c);
+          std::sort(f.rbegin(), f.rend());
+          f.resize(3, 0);
+          const double diff = static_cast<double>(f[0] - f[1]) / trees.size();
+          const double alike = f[0] == static_cast<int>(trees.size()) ? 1 : 0;
+          for (int x : {i, j, k}) {
+            lsi[x] += diff;
+            pcr[x] += alike;
+            ++held[x];
+          }
+        }
+    for (int t = 0; t < ntax; ++t) {
+      if (!inc[t]) {
+        EXPECT_EQ(st.lsi[t], -1.0);
+        continue;
+      }
+      EXPECT_NEAR(st.lsi[t], lsi[t] / held[t], 1e-12) << "round " << round << " taxon " << t;
+      EXPECT_NEAR(st.pcr[t], pcr[t] / held[t], 1e-12) << "round " << round << " taxon " << t;
+    }
+  }
+}
+
 // ---- true SPR distances by breadth-first search --------------------------------------
 using Edges = std::vector<std::pair<int, int>>;
 
@@ -425,6 +473,8 @@ TEST_F(TreeCompareCommands, FormsAndMessages) {
   EXPECT_DOUBLE_EQ(support::last_comparison.clusdist, 0.5);
   out = run("tcomp = 0 / 1;");
   EXPECT_NEAR(support::last_comparison.discoeff, 5.0 / 6.0, 1e-12);
+  out = run("tcomp !=1 0 1;");
+  EXPECT_TRUE(has(out, "PCR values (2 trees):")) << out;
   out = run("tcomp & 1 0;");
   EXPECT_TRUE(has(out, "Tree 0 (group equivalences with tree 1)")) << out;
   out = run("sprdiff 0 1;");
