@@ -482,6 +482,38 @@ void taxon_stability(bool lsi) {
   }
 }
 
+
+// Observed success of resolution of each tree of the first list against each reference of
+// the second: over the triplets the reference resolves, those resolved alike less those
+// resolved otherwise, as a share of them (1: all recovered, -1: all contradicted).
+void observed_success() {
+  require_trees();
+  std::vector<int> first, second;
+  std::vector<std::uint8_t> excluded;
+  read_two_lists(first, second, excluded);
+  if (temp_collapse_applies()) out_printf("To calculate OSR,\ntemporary collapsing will be deactivated\n");
+  const int ntax = tree_store.ntax;
+  const std::vector<std::uint8_t> inc = common_taxa(first, second, excluded, false);
+  int taxa = 0;
+  for (auto f : inc) taxa += f != 0;
+  if (static_cast<double>(taxa) * taxa * 4 > 4e8) error_exit("Sorry, not enough memory to calculate OSR");
+  double last = 0;
+  for (int b : second) {
+    out_printf("OSR values to tree %i:\n", b);
+    std::string line;
+    for (int a : first) {
+      const TripletComparison t = compare_triplets(tree_row(a), tree_row(b), ntax, inc);
+      const long long alike = t.resolved_second - t.false_second;
+      last = t.resolved_second > 0 ? static_cast<double>(alike - t.conflicting) / t.resolved_second : 0.0;
+      char cell[48];
+      std::snprintf(cell, sizeof cell, "  %i: %.4f", a, last);
+      line += cell;
+    }
+    out_printf("%s\n", line.c_str());
+  }
+  last_comparison.osr = last;
+}
+
 }  // namespace
 
 void cmd_tcomp() {
@@ -534,7 +566,9 @@ void cmd_tcomp() {
       cluster_information(accept_char('!') != 0);
       return;
     case '|':
-      error_exit("tcomp: OSR values are not available yet in this version");
+      next_char();
+      observed_success();
+      return;
     default:
       break;
   }

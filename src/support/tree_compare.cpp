@@ -239,6 +239,7 @@ TripletComparison compare_triplets(const std::int32_t* a, const std::int32_t* b,
         r.false_first += ra != 0 && rb != ra;
         r.false_second += rb != 0 && ra != rb;
         r.differing += ra != rb;
+        r.conflicting += ra != 0 && rb != 0 && ra != rb;
       }
   return r;
 }

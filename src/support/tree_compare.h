@@ -42,6 +42,7 @@ struct TripletComparison {
   long long false_first = 0;    // resolved in the first, otherwise or not at all in the second
   long long false_second = 0;
   long long differing = 0;      // triplets not alike in the two trees
+  long long conflicting = 0;    // resolved in both, differently
 };
 TripletComparison compare_triplets(const std::int32_t* a, const std::int32_t* b, int ntax,
                                    const std::vector<std::uint8_t>& include);
@@ -116,6 +117,7 @@ struct ComparisonValues {
   double clusdist = -1;
   double grpdist = -1;
   double rfdist = -1;
+  double osr = -1;
   double tripdist = -1;
   double sprdiff = -1;
   double sprsim = -1;

@@ -467,7 +467,9 @@ TEST_F(TreeCompareCommands, FormsAndMessages) {
   EXPECT_TRUE(has(out, "Two tree numbers required")) << out;
   out = run("tcomp < {nonesuch} / 1;");
   out = run("tcomp | 0/1;");
-  EXPECT_TRUE(has(out, "not available yet")) << out;
+  EXPECT_TRUE(has(out, "OSR values to tree 1:")) << out;
+  // Of the 20 triplets of tree 1, 18 alike in tree 0 and 2 resolved otherwise.
+  EXPECT_DOUBLE_EQ(support::last_comparison.osr, (18.0 - 2.0) / 20.0);
   out = run("tcomp @! 0 / 3;");
   EXPECT_TRUE(has(out, "Cluster Info Dist's to tree 3:")) << out;
   EXPECT_DOUBLE_EQ(support::last_comparison.clusdist, 0.5);
