@@ -206,12 +206,12 @@ struct Enumerator {
       return;
     }
     if (tree_store.ntrees >= tree_store.maxtrees) {
+      // One tree more than the store holds: from now on only better trees are sought.
       overflow = true;
       slack = -1.0;
       return;
     }
     store_add(parent, total);
-    if (tree_store.ntrees >= tree_store.maxtrees) slack = -1.0;
   }
 
   // A strictly better score was reached.
@@ -225,7 +225,6 @@ struct Enumerator {
     }
     store_discard_above(0, best + subopt, -1);
     slack = subopt;
-    if (tree_store.ntrees >= tree_store.maxtrees) slack = -1.0;
     if (subopt <= 0) overflow = false;
   }
 
@@ -246,7 +245,11 @@ struct Enumerator {
     if (L == 5) {
       ++five_done;
       qax::shell::show_progress(five_done - 1, 15, "Searching (score " + search_score_text(best) + ")");
-      if (qax::shell::shell_state.stop_search_flag) {
+      // A look at the keyboard (or the control files) at each of the 15 steps, whatever
+      // the time since the last one.
+      auto& st = qax::shell::shell_state;
+      if (!st.stop_search_flag && (qax::shell::switches.brk == 1 || st.background)) qax::shell::check_interrupt(1);
+      if (st.stop_search_flag) {
         stopped = true;
         return;
       }
@@ -290,11 +293,7 @@ struct Enumerator {
       for (std::size_t k = 0; k < pass.size(); ++k) {
         const double total = len + cost[k];
         if (total > best + subopt + 1e-9) continue;
-        if (!opt.sample && slack < 0) {
-          // The store is full: trees of the best score can't be kept any more.
-          overflow = true;
-          continue;
-        }
+        if (!opt.sample && slack < 0) continue;   // overflowed: better trees only
         keep_tree(t, pass[k], q, total);
       }
       return;
@@ -357,6 +356,9 @@ EnumerationResult implicit_enumeration(const EnumerationOptions& options) {
     double w = wagner_build(tree, 1);
     if (w >= 0 && !qax::shell::shell_state.stop_search_flag) w = swap_spr(tree, -1, 0, tree_store.maxtrees);
     en.best = w >= 0 ? w : 0;
+    // The first tree is kept, so that an interrupted run has a tree of the score it
+    // reports; the enumeration finds it again (a duplicate) or drops it for better ones.
+    if (w >= 0 && !options.sample && tree_store.maxtrees > 0) store_add(tree, w);
   }
   // Interrupted already: nothing of the enumeration is done.
   if (qax::shell::shell_state.stop_search_flag) en.stopped = true;
@@ -411,7 +413,7 @@ EnumerationResult implicit_enumeration(const EnumerationOptions& options) {
   const double base = e.compute_all();
   if (constraint_allows) constraint_tree_changed();
   if (en.stopped) {
-    tree_store.ntrees = 0;
+    // Nothing more than the first tree.
   } else if (nt == 3) {
     e.export_tree(en.parent);
     if (!en.negative_groups || tree_satisfies(en.parent.data(), tree_store.ntax)) {
@@ -428,9 +430,70 @@ EnumerationResult implicit_enumeration(const EnumerationOptions& options) {
   r.overflow = en.overflow && !options.sample;
   r.completed = !en.stopped;
   r.percent_done = en.stopped ? std::max(0, en.five_done - 1) * 100 / 15 : 100;
-  if (en.stopped && tree_store.ntrees == 0) r.best = 0;
+
   last_best_score = en.best;
   return r;
+}
+
+long long walk_addition_trees(const std::function<bool(const std::vector<std::int32_t>&, int)>& visit) {
+  search_prepare();
+  Engine& e = engine();
+  const int nt = e.nt;
+  const int ntax = static_cast<int>(packed.to_packed.size());
+  std::fill(e.anc.begin(), e.anc.end(), -1);
+  std::fill(e.left.begin(), e.left.end(), -1);
+  std::fill(e.right.begin(), e.right.end(), -1);
+  e.left[nt] = 0;
+  e.right[nt] = nt + 1;
+  e.anc[0] = nt;
+  e.anc[nt + 1] = nt;
+  e.left[nt + 1] = 1;
+  e.right[nt + 1] = 2;
+  e.anc[1] = e.anc[2] = nt + 1;
+  std::vector<std::int32_t> parent;
+  long long visited = 0;
+  // The partial tree in data set numbering (inner nodes numbered as in the engine).
+  auto export_partial = [&](int placed) {
+    parent.assign(static_cast<std::size_t>(2 * ntax - 1), 0);
+    auto id = [&](int n) { return n < nt ? packed.from_packed[n] : ntax + (n - nt); };
+    for (int n = 0; n < nt + placed - 1; ++n)
+      if (n != nt && e.anc[n] >= 0) parent[id(n)] = id(e.anc[n]);
+    parent[ntax] = ntax + placed - 1;
+    trees::reset_node_numbers(parent.data(), ntax);
+  };
+  std::vector<std::vector<int>> lists(nt + 1, std::vector<int>(2 * nt + 2));
+  auto descend = [&](auto&& self, int L) -> void {
+    export_partial(L);
+    ++visited;
+    if (!visit(parent, L) || L == nt) return;
+    std::vector<int>& list = lists[L];
+    int count = 0;
+    list[count++] = e.right[nt];
+    for (int k = 0; k < count; ++k) {
+      const int v = list[k];
+      if (v < nt) continue;
+      list[count++] = e.left[v];
+      list[count++] = e.right[v];
+    }
+    const int q = nt + L - 1;
+    for (int k = 0; k < count; ++k) {
+      const int b = list[k];
+      const int a0 = e.anc[b];
+      if (e.left[a0] == b) e.left[a0] = q; else e.right[a0] = q;
+      e.anc[q] = a0;
+      e.left[q] = b;
+      e.right[q] = L;
+      e.anc[b] = q;
+      e.anc[L] = q;
+      self(self, L + 1);
+      if (e.left[a0] == q) e.left[a0] = b; else e.right[a0] = b;
+      e.anc[b] = a0;
+      e.anc[q] = e.left[q] = e.right[q] = -1;
+      e.anc[L] = -1;
+    }
+  };
+  descend(descend, 3);
+  return visited;
 }
 
 void cmd_ienum() {

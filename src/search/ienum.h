@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace qax::search {
@@ -31,6 +32,13 @@ std::vector<std::int32_t> extra_bound_table(const std::vector<int>& order, const
 
 // Runs the enumeration on the current data into the tree store (emptied first).
 EnumerationResult implicit_enumeration(const EnumerationOptions& options);
+
+// The walk behind the macro loop of branch and bound: every tree built by adding the
+// active taxa one at a time (terminal 0 and the next two first, then the others in order),
+// each placement in turn, depth first. `visit` gets each tree from three taxa on as a
+// canonical data set parent array (taxa not yet added absent) with its number of taxa, and
+// returns false to skip the trees that grow from it. Returns the number of trees visited.
+long long walk_addition_trees(const std::function<bool(const std::vector<std::int32_t>&, int)>& visit);
 
 void cmd_ienum();
 

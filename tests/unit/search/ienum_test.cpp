@@ -250,15 +250,36 @@ TEST_F(Ienum, ConstraintsLimitTheTreesToThoseThatKeepThem) {
 
 TEST_F(Ienum, InterruptKeepsTheTreesFoundAndReportsTheShareDone) {
   run(std::string("proc ") + QAX_TEST_DATA + "/Asher2005.xread; taxcode - 16.; hold 1000;");
-  // ESC pressed at once: the first look at the keyboard stops the search.
   shell::switches.brk = 1;
   const auto saved_reader = shell::read_key;
-  shell::read_key = [](bool) { return 27; };
+  // ESC pressed at the eighth look at the keyboard during the search.
+  static int looks = 0;
+  looks = 0;
+  shell::read_key = [](bool) { return shell::shell_state.search_running && ++looks == 8 ? 27 : -1; };
   const std::string out = run("ienum;");
   shell::read_key = saved_reader;
   EXPECT_TRUE(has(out, "NOTE: implicit enumeration completed only ")) << out;
   EXPECT_TRUE(has(out, "% of total work...")) << out;
   EXPECT_TRUE(has(out, "Implicit enumeration, ")) << out;
+  EXPECT_FALSE(has(out, "completed only 100%")) << out;
+  // The trees found so far are kept, each of the score reported.
+  for (int k = 0; k < trees::tree_store.ntrees; ++k) EXPECT_EQ(slow_length(trees::tree_row(k)), search::last_best_score);
+}
+
+TEST_F(Ienum, AdditionWalkVisitsEveryPartialTreeAndCutsBranches) {
+  run("xread 2 6 a 00 b 01 c 10 d 11 e 00 f 01 ;");
+  // 1 + 3 + 15 + 105 trees of 3 to 6 taxa.
+  std::set<Splits> full;
+  long long n = search::walk_addition_trees([&](const std::vector<std::int32_t>& tree, int taxa) {
+    EXPECT_EQ(trees::tree_terminal_count(tree.data(), 6), taxa);
+    if (taxa == 6) full.insert(splits_of(tree.data(), 6));
+    return true;
+  });
+  EXPECT_EQ(n, 124);
+  EXPECT_EQ(full.size(), 105u);
+  // Cut below every tree of four taxa: 1 + 3.
+  n = search::walk_addition_trees([](const std::vector<std::int32_t>&, int taxa) { return taxa < 4; });
+  EXPECT_EQ(n, 4);
 }
 
 TEST_F(Ienum, ExtraBoundTableCountsStatesOnlyTheRestHold) {
