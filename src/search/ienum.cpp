@@ -514,7 +514,7 @@ void cmd_ienum() {
     else if (r.overflow) out_printf(" (overflow)");
     out_printf(".\n");
   };
-  if (tree_store.ntrees == 0 && r.completed) qax::shell::error_exit("No tree satisfies the constraints");
+  if (tree_store.ntrees == 0 && r.completed && !r.overflow) qax::shell::error_exit("No tree satisfies the constraints");
   tag_search_trees("exact_solution");
   if (!r.completed) {
     out_printf("NOTE: implicit enumeration completed only %i%% of total work...\n", r.percent_done);

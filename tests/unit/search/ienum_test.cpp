@@ -155,7 +155,8 @@ TEST_F(Ienum, FindsExactlyTheOptimalTreesOfBruteForce) {
   const char* options[] = {"", "!", "-", "!-"};
   for (int round = 0; round < 20; ++round) {
     const int n = 5 + round % 5;   // 5 to 9 taxa
-    const int states = 2 + round % 3;
+    const int state_counts[] = {2, 3, 4, 6, 10};   // fields of 2, 4, 8 and 32 bits
+    const int states = state_counts[round % 5];
     run(random_matrix(n, 8 + round % 5, states, rng));
     ASSERT_EQ(dataset::dataset.ntax, n);
     run(std::string(kinds[round % 4]) + "hold 20000;");
