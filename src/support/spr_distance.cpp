@@ -9,7 +9,7 @@
 #include <cmath>
 #include <cstdint>
 #include <random>
-#include <set>
+#include <unordered_map>
 
 #include "support/tree_compare.h"
 #include "trees/store.h"
@@ -87,7 +87,6 @@ struct Splits {
   std::vector<std::uint64_t> below;
   std::vector<int> up;
   std::vector<int> order;
-  GroupBits key;   // scratch for look-ups
   std::uint64_t* row(int v) { return below.data() + static_cast<std::size_t>(v) * words; }
 };
 
@@ -138,8 +137,33 @@ std::vector<GroupBits> split_list(const Unrooted& u, Splits& s, int taxa) {
   return out;
 }
 
+// The groups of the target tree, looked up by a hash of their words.
+struct TargetGroups {
+  int words = 1;
+  std::vector<GroupBits> rows;
+  std::unordered_multimap<std::uint64_t, int> index;
+  static std::uint64_t hash(const std::uint64_t* g, int words) {
+    std::uint64_t h = 0x9E3779B97F4A7C15ull;
+    for (int w = 0; w < words; ++w) h = (h ^ g[w]) * 0xBF58476D1CE4E5B9ull;
+    return h ^ (h >> 31);
+  }
+  void build(const std::vector<GroupBits>& groups, int nwords) {
+    words = nwords;
+    rows = groups;
+    index.clear();
+    for (int i = 0; i < static_cast<int>(rows.size()); ++i) index.emplace(hash(rows[i].data(), words), i);
+  }
+  bool contains(const std::uint64_t* g) const {
+    auto range = index.equal_range(hash(g, words));
+    for (auto it = range.first; it != range.second; ++it)
+      if (std::equal(g, g + words, rows[it->second].begin())) return true;
+    return false;
+  }
+  int size() const { return static_cast<int>(rows.size()); }
+};
+
 // Groups of the target present in u.
-int shared_count(const Unrooted& u, Splits& s, const std::set<GroupBits>& target, int taxa) {
+int shared_count(const Unrooted& u, Splits& s, const TargetGroups& target, int taxa) {
   compute_below(u, s);
   int n = 0;
   for (std::size_t k = 1; k < s.order.size(); ++k) {
@@ -147,8 +171,7 @@ int shared_count(const Unrooted& u, Splits& s, const std::set<GroupBits>& target
     if (v < u.ntax) continue;
     const int c = count_row(s.row(v), s.words);
     if (c < 2 || c > taxa - 2) continue;
-    s.key.assign(s.row(v), s.row(v) + s.words);
-    if (target.count(s.key)) ++n;
+    if (target.contains(s.row(v))) ++n;
   }
   return n;
 }
@@ -251,59 +274,127 @@ struct Candidate {
 };
 
 // One greedy replication from a binary tree; moves made and their node distances.
-int replicate(Unrooted u, const std::set<GroupBits>& target, int taxa, int cap, std::mt19937& rng,
+// Groups of the target kept by each regrafting of the part behind y (cut from x), found
+// for all branches of the rest R at once. For a branch f of R (rooted at a, below it the
+// taxa Dn_f), g_f tells whether the split Dn_f + Y | rest is a target group, h_f whether
+// Dn_f | rest + Y is: a branch below which the part lands takes the first form, any other
+// the second. So regrafting onto the branch above v keeps C + H + prefix(v) + g_v groups,
+// H the sum of h over R and prefix(v) the sum of g - h over the branches above v's; C, the
+// groups inside the part, follows from the tree as it is (the part on branch a-b).
+struct Regraft {
+  int words = 1;
+  std::vector<std::uint64_t> dn, ybits, all, tmp;
+  std::vector<int> par, order, prefix, g, h;
+  std::uint64_t* row(int v) { return dn.data() + static_cast<std::size_t>(v) * words; }
+};
+
+int replicate(Unrooted u, const TargetGroups& target, int taxa, int cap, std::mt19937& rng,
               std::vector<int>& dists, std::vector<std::vector<std::int32_t>>* steps) {
-  const int goal = static_cast<int>(target.size());
+  const int goal = target.size();
   Splits s;
   int now = shared_count(u, s, target, taxa);
   int moves = 0;
   const int nn = static_cast<int>(u.adj.size());
+  const int W = u.words;
   std::vector<int> dist(nn, -1), stack;
   std::vector<Candidate> best;
+  Regraft rg;
+  rg.words = W;
+  rg.dn.assign(static_cast<std::size_t>(nn) * W, 0);
+  rg.ybits.assign(W, 0);
+  rg.all.assign(W, 0);
+  rg.tmp.assign(W, 0);
+  rg.par.assign(nn, -1);
+  rg.prefix.assign(nn, 0);
+  rg.g.assign(nn, 0);
+  rg.h.assign(nn, 0);
+  const int ref = u.ref;
+  auto lookup = [&](const std::uint64_t* side) {
+    // The side without ref.
+    if (side[ref / 64] >> (ref % 64) & 1) {
+      for (int w = 0; w < W; ++w) rg.tmp[w] = rg.all[w] & ~side[w];
+    } else {
+      std::copy(side, side + W, rg.tmp.begin());
+    }
+    return target.contains(rg.tmp.data()) ? 1 : 0;
+  };
   while (now < goal && moves < cap) {
     int best_value = -1;
     best.clear();
     for (int x = u.ntax; x < nn; ++x) {
       if (u.adj[x].size() != 3) continue;
       for (int k = 0; k < 3; ++k) {
-        // Move the part behind y (cut from x) onto another branch of x's side.
         const int y = u.adj[x][k];
         const int a = u.adj[x][(k + 1) % 3], b = u.adj[x][(k + 2) % 3];
         unlink(u, x, y);
         unlink(u, x, a);
         unlink(u, x, b);
         link(u, a, b);
-        // Branches of a's side with their distance from (a, b).
-        std::fill(dist.begin(), dist.end(), -1);
-        stack.clear();
-        dist[a] = dist[b] = 0;
-        stack.push_back(a);
-        stack.push_back(b);
-        std::vector<std::pair<int, int>> edges;
+        // Taxa of the part.
+        std::fill(rg.ybits.begin(), rg.ybits.end(), 0);
+        stack.assign(1, y);
+        rg.par[y] = y;
         for (std::size_t i = 0; i < stack.size(); ++i) {
           const int v = stack[i];
-          for (int w : u.adj[v]) {
-            if (dist[w] >= 0) continue;
-            dist[w] = dist[v] + 1;
-            edges.push_back({v, w});
-            stack.push_back(w);
-          }
+          if (v < u.ntax) rg.ybits[v / 64] |= 1ull << (v % 64);
+          for (int w : u.adj[v])
+            if (w != rg.par[v]) {
+              rg.par[w] = v;
+              stack.push_back(w);
+            }
         }
-        for (auto [c, d] : edges) {
-          unlink(u, c, d);
-          link(u, c, x);
-          link(u, x, d);
-          link(u, x, y);
-          const int v = shared_count(u, s, target, taxa);
-          unlink(u, x, y);
-          unlink(u, c, x);
-          unlink(u, x, d);
-          link(u, c, d);
-          if (v > best_value) {
-            best_value = v;
+        // R rooted at a: parents, order, taxa below each node.
+        rg.order.assign(1, a);
+        rg.par[a] = -1;
+        for (std::size_t i = 0; i < rg.order.size(); ++i) {
+          const int v = rg.order[i];
+          std::fill(rg.row(v), rg.row(v) + W, 0);
+          for (int w : u.adj[v])
+            if (w != rg.par[v]) {
+              rg.par[w] = v;
+              rg.order.push_back(w);
+            }
+        }
+        for (std::size_t i = rg.order.size(); i-- > 0;) {
+          const int v = rg.order[i];
+          if (v < u.ntax) rg.row(v)[v / 64] |= 1ull << (v % 64);
+          if (i > 0)
+            for (int w = 0; w < W; ++w) rg.row(rg.par[v])[w] |= rg.row(v)[w];
+        }
+        for (int w = 0; w < W; ++w) rg.all[w] = rg.row(a)[w] | rg.ybits[w];
+        int H = 0;
+        for (std::size_t i = 1; i < rg.order.size(); ++i) {
+          const int v = rg.order[i];
+          rg.h[v] = lookup(rg.row(v));
+          for (int w = 0; w < W; ++w) rg.tmp[w] = rg.row(v)[w] | rg.ybits[w];
+          const std::vector<std::uint64_t> with_y(rg.tmp);
+          rg.g[v] = lookup(with_y.data());
+          H += rg.h[v];
+          const int p = rg.par[v];
+          rg.prefix[v] = p == a ? 0 : rg.prefix[p] + rg.g[p] - rg.h[p];
+        }
+        const int base = now - H - rg.g[b];
+        // Distances of the branches from the branch a-b.
+        for (int v : rg.order) dist[v] = -1;
+        stack.assign({a, b});
+        dist[a] = dist[b] = 0;
+        for (std::size_t i = 0; i < stack.size(); ++i) {
+          const int v = stack[i];
+          for (int w : u.adj[v])
+            if (dist[w] < 0) {
+              dist[w] = dist[v] + 1;
+              stack.push_back(w);
+            }
+        }
+        for (std::size_t i = 1; i < rg.order.size(); ++i) {
+          const int v = rg.order[i];
+          if (v == b) continue;   // where the part was
+          const int value = base + H + rg.prefix[v] + rg.g[v];
+          if (value > best_value) {
+            best_value = value;
             best.clear();
           }
-          if (v == best_value) best.push_back({x, y, c, d, dist[c] + 1});
+          if (value == best_value) best.push_back({x, y, rg.par[v], v, std::min(dist[rg.par[v]], dist[v]) + 1});
         }
         unlink(u, a, b);
         link(u, x, a);
@@ -332,7 +423,7 @@ int replicate(Unrooted u, const std::set<GroupBits>& target, int taxa, int cap, 
     ++moves;
     dists.push_back(m.dist);
     if (steps) steps->push_back(to_parent(u, u.ntax));
-    now = best_value;
+    now = shared_count(u, s, target, taxa);
   }
   return moves;
 }
@@ -349,7 +440,8 @@ SprResult spr_distance(const std::int32_t* a, const std::int32_t* b, int ntax, i
   if (taxa < 4) return r;
   Splits s;
   const std::vector<GroupBits> target_list = split_list(ub, s, taxa);
-  const std::set<GroupBits> target(target_list.begin(), target_list.end());
+  TargetGroups target;
+  target.build(target_list, ua.words);
   std::mt19937 rng(seed);
   for (int v = ntax; v < static_cast<int>(ua.adj.size()); ++v)
     if (ua.adj[v].size() > 3) r.resolved = true;
