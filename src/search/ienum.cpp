@@ -98,6 +98,46 @@ std::vector<std::int32_t> extra_bound_table(const std::vector<int>& order, const
   return table;
 }
 
+// Entry L * nterm + j (j >= L): the least weighted steps the terminals order[L..] other
+// than order[j] must add to any tree of order[0..L-1] and order[j]: per field, the states
+// that one of them holds alone and none of those can have.
+std::vector<std::int32_t> extra_without_table(const std::vector<int>& order, const std::uint32_t* sets, int nterm,
+                                              int nwords) {
+  std::vector<std::int32_t> table(static_cast<std::size_t>(nterm + 1) * nterm, 0);
+  const std::vector<Field> fields = layout_fields(nwords);
+  const std::size_t WS = static_cast<std::size_t>(nwords);
+  std::vector<std::uint32_t> alone(static_cast<std::size_t>(nterm) * WS, 0u);
+  for (int k = 0; k < nterm; ++k) {
+    const std::uint32_t* row = sets + static_cast<std::size_t>(order[k]) * WS;
+    for (const Field& f : fields) {
+      const std::uint32_t v = row[f.word] & f.mask;
+      if (std::popcount(v) == 1) alone[k * WS + f.word] |= v;
+    }
+  }
+  std::vector<std::uint32_t> placed(WS, 0u), before(WS), after(static_cast<std::size_t>(nterm + 1) * WS);
+  for (int L = 0; L < nterm; ++L) {
+    if (L > 0)
+      for (std::size_t w = 0; w < WS; ++w) placed[w] |= sets[static_cast<std::size_t>(order[L - 1]) * WS + w];
+    // Unions of the lone states after each position.
+    std::fill(after.begin() + static_cast<std::ptrdiff_t>(nterm * WS), after.end(), 0u);
+    for (int j = nterm - 1; j >= L; --j)
+      for (std::size_t w = 0; w < WS; ++w) after[j * WS + w] = after[(j + 1) * WS + w] | alone[j * WS + w];
+    std::fill(before.begin(), before.end(), 0u);
+    for (int j = L; j < nterm; ++j) {
+      const std::uint32_t* own = sets + static_cast<std::size_t>(order[j]) * WS;
+      std::int64_t sum = 0;
+      for (const Field& f : fields) {
+        const std::uint32_t rest = before[f.word] | after[(j + 1) * WS + f.word];
+        const std::uint32_t fresh = rest & ~(placed[f.word] | own[f.word]) & f.mask;
+        if (fresh) sum += static_cast<std::int64_t>(std::popcount(fresh)) * f.weight;
+      }
+      table[static_cast<std::size_t>(L) * nterm + j] = static_cast<std::int32_t>(std::min<std::int64_t>(sum, INT_MAX / 4));
+      for (std::size_t w = 0; w < WS; ++w) before[w] |= alone[j * WS + w];
+    }
+  }
+  return table;
+}
+
 namespace {
 
 // The working state of one enumeration.
@@ -106,6 +146,7 @@ struct Enumerator {
   EnumerationOptions opt;
   std::vector<int> order;                       // taxon of each level
   std::vector<std::int32_t> extra;              // extra-bound table (zeros when off)
+  std::vector<std::int32_t> extra_without;      // the same less one taxon (extra_without_table)
   std::vector<std::vector<int>> branches;       // branch list per level
   std::vector<std::vector<std::int32_t>> costs; // costs of the passing branches per level
   std::vector<std::vector<int>> passing;        // the passing branches per level
@@ -121,6 +162,7 @@ struct Enumerator {
   long long seen = 0;                           // optimal trees met (sampling)
   int five_done = 0;                            // five-taxon partial trees entered
   std::vector<int> skip;                        // branches ruled out by the pair test
+  std::vector<std::vector<int>> sorted;         // records of each level by cost
   int stamp_now = 0;                            // marks of the current level in skip
 
   explicit Enumerator(Engine& eng) : e(eng) {}
@@ -265,6 +307,22 @@ struct Enumerator {
     const optim::Layout& lay = packed.layout;
     const std::uint32_t* ts = e.D(t);
     std::int32_t ok = 0;
+    // Any taxon still to come must fit somewhere: the tree with it can't be shorter than
+    // this one plus its cheapest place, and the others still bring their new states.
+    if (!last && constraint_allows == nullptr) {
+      for (int j = L + 1; j < nt; ++j) {
+        const double room = best + slack - len - extra_without[static_cast<std::size_t>(L) * nt + j];
+        if (room < -1e-9) return;
+        const std::int32_t lim = static_cast<std::int32_t>(std::min(std::floor(room + 1e-6), 1e9));
+        const std::uint32_t* xs = e.D(order[j]);
+        bool fits = false;
+        for (int k = 0; k < count && !fits; ++k) {
+          join_count(xs, e.E(list[k]), lim, &ok);
+          fits = ok != 0;
+        }
+        if (!fits) return;
+      }
+    }
     std::uint64_t tried = 0;
     ++stamp_now;
     for (int k = 0; k < count; ++k) {
@@ -299,7 +357,12 @@ struct Enumerator {
       return;
     }
     save_sets(L);
-    for (std::size_t k = 0; k < pass.size(); ++k) {
+    // Cheapest places first: good trees come early and lower the bound sooner.
+    std::vector<int>& idx = sorted[L];
+    idx.resize(pass.size());
+    for (std::size_t k = 0; k < pass.size(); ++k) idx[k] = static_cast<int>(k);
+    std::stable_sort(idx.begin(), idx.end(), [&](int x, int y) { return cost[x] < cost[y]; });
+    for (int k : idx) {
       if (stopped) return;
       const double total = len + cost[k];
       if (total + extra[L + 1] > best + slack + 1e-9) continue;
@@ -383,8 +446,13 @@ EnumerationResult implicit_enumeration(const EnumerationOptions& options) {
       taken[pick] = 1;
     }
   }
-  if (options.extra_bound) en.extra = extra_bound_table(en.order, e.down.data(), nt, e.W);
-  else en.extra.assign(nt + 1, 0);
+  if (options.extra_bound) {
+    en.extra = extra_bound_table(en.order, e.down.data(), nt, e.W);
+    en.extra_without = extra_without_table(en.order, e.down.data(), nt, e.W);
+  } else {
+    en.extra.assign(nt + 1, 0);
+    en.extra_without.assign(static_cast<std::size_t>(nt + 1) * nt, 0);
+  }
 
   constraints_start_search(e.anc.data(), e.left.data(), e.right.data(), nt);
   struct EndConstraints { ~EndConstraints() { constraints_end_search(); } } end_constraints;
@@ -395,6 +463,7 @@ EnumerationResult implicit_enumeration(const EnumerationOptions& options) {
   en.passing.assign(nt + 1, {});
   en.saved.assign(nt + 1, {});
   en.skip.assign(e.nn, 0);
+  en.sorted.assign(nt + 1, {});
   for (int L = 3; L < nt; ++L) en.saved[L].assign(3 * en.rows_in_use(L), 0u);
   set_random_seed(command_seed());
 
