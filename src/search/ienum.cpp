@@ -152,7 +152,6 @@ struct Enumerator {
   std::vector<std::vector<int>> passing;        // the passing branches per level
   std::vector<std::vector<std::uint32_t>> saved;// sets of the tree per level
   std::vector<std::int32_t> parent;             // exported trees
-  std::vector<std::uint32_t> pair_union;        // scratch
   double best = 0;
   double subopt = 0;
   double slack = 0;
