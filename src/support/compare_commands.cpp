@@ -1,5 +1,5 @@
-// tcomp and sprdiff: argument forms, the tables they print and the values kept for macro
-// expressions.
+// tcomp: argument forms, groups absent, Robinson-Foulds and triplet distances; the other
+// measures are in tcomp_measures.cpp.
 #include "support/compare_commands.h"
 
 #include <algorithm>
@@ -14,6 +14,7 @@
 #include "shell/input.h"
 #include "shell/output.h"
 #include "support/command_helpers.h"
+#include "support/compare_internal.h"
 #include "support/consensus.h"
 #include "support/temp_collapse.h"
 #include "support/tree_compare.h"
@@ -26,9 +27,7 @@ using namespace qax::shell;
 using qax::trees::tree_row;
 using qax::trees::tree_store;
 
-SprdiffSettings sprdiff_settings;
-
-namespace {
+namespace compare_detail {
 
 const std::string& taxon_name(int t) { return dataset::dataset.taxon_names[t]; }
 
@@ -124,6 +123,12 @@ void print_table(const std::string& title, const std::vector<int>& rows, const s
     out_printf("%s\n", line.c_str());
   }
 }
+
+}  // namespace compare_detail
+
+using namespace compare_detail;
+
+namespace {
 
 // Robinson-Foulds distances; scale 1 by 2*(T-3) or 2*(T-2), 2 by the groups present.
 void robinson_foulds(bool rooted, int scale) {
@@ -267,253 +272,6 @@ void groups_absent(bool keep, int show) {
   (void)contradictory;
 }
 
-
-// Distortion coefficients from the matrix representation: mode 0 "=" (each tree of the
-// first list mapped on each of the second), 1 "==" (both ways), 2 "=!" (both ways, the
-// maximum of two pectinate trees).
-void mrp_coefficients(int mode) {
-  require_trees();
-  std::vector<int> first, second;
-  std::vector<std::uint8_t> excluded;
-  read_two_lists(first, second, excluded);
-  const int ntax = tree_store.ntax;
-  const std::vector<std::uint8_t> inc = common_taxa(first, second, excluded, false);
-  int taxa = 0;
-  for (auto f : inc) taxa += f != 0;
-  std::vector<double> v;
-  double best = -1;
-  for (std::size_t i = 0; i < first.size(); ++i) {
-    show_progress(static_cast<long long>(i), static_cast<long long>(first.size()), "Comparing");
-    for (int b : second) {
-      const std::int32_t* ta = tree_row(first[i]);
-      const std::int32_t* tb = tree_row(b);
-      MrpMapping m = map_mrp(ta, tb, ntax, inc);
-      if (mode > 0) {
-        const MrpMapping back = map_mrp(tb, ta, ntax, inc);
-        m.steps += back.steps;
-        m.minimum += back.minimum;
-        m.maximum += back.maximum;
-        if (mode == 2) m.maximum = 2 * pectinate_mrp_maximum(taxa);
-      }
-      const double range = static_cast<double>(m.maximum - m.minimum);
-      const double ri = range > 0 ? (m.maximum - m.steps) / range : 1.0;
-      v.push_back(ri);
-      best = std::max(best, ri);
-    }
-  }
-  clear_progress();
-  const char* titles[] = {"Distortion coefficients (RI of the groups of the first trees on the second):",
-                          "Symmetric distortion coefficients:",
-                          "Symmetric distortion coefficients (maximum of two pectinate trees):"};
-  print_table(titles[mode], first, second, v, "%.3f");
-  if (mode == 0) last_comparison.discoeff = best;
-  else last_comparison.symcoeff = best;
-}
-
-// Distance by the degree of recovery of each group in the other tree (similarity of rough
-// recovery); `resolved`: normalised by the groups of two resolved trees.
-void recovery_distance(bool resolved) {
-  require_trees();
-  std::vector<int> first, second;
-  std::vector<std::uint8_t> user;
-  read_two_lists(first, second, user);
-  const int ntax = tree_store.ntax;
-  const std::vector<std::uint8_t> inc = common_taxa(first, second, user, false);
-  std::vector<std::uint8_t> excluded(ntax, 0);
-  int taxa = 0;
-  for (int t = 0; t < ntax; ++t) {
-    excluded[t] = inc[t] ? 0 : excluded_by_user;
-    taxa += inc[t] != 0;
-  }
-  std::vector<double> v;
-  for (std::size_t i = 0; i < first.size(); ++i) {
-    show_progress(static_cast<long long>(i), static_cast<long long>(first.size()), "Comparing");
-    for (int b : second) {
-      const int a = first[i];
-      if (a == b) {
-        v.push_back(0);
-        continue;
-      }
-      double sum = 0;
-      int groups = 0;
-      for (auto [x, y] : {std::pair<int, int>{a, b}, std::pair<int, int>{b, a}}) {
-        const std::vector<double> s = rough_recovery(x, {y}, excluded);
-        for (double value : s)
-          if (value >= 0) {
-            sum += value;
-            ++groups;
-          }
-      }
-      const double denom = resolved ? 2.0 * std::max(0, taxa - 2) : groups;
-      v.push_back(denom > 0 ? 1.0 - sum / denom : 0.0);
-    }
-  }
-  clear_progress();
-  print_table(resolved ? "Distances by degree of recovery (normalised by two resolved trees):"
-                       : "Distances by degree of recovery:",
-              first, second, v, "%.3f");
-  last_comparison.grpdist = v.empty() ? -1 : v.back();
-}
-
-// Tree n drawn with, at each group, the number of the node of tree m that has the same
-// taxa, or "X".
-void group_equivalences() {
-  require_trees();
-  const int m = read_int();
-  const int n = peek_char() == '/' || peek_char() == ';' ? -1 : read_int();
-  if (m < 0 || n < 0) error_exit("Two tree numbers required");
-  if (m >= tree_store.ntrees) error_exit({"No tree", number_text(m)});
-  if (n >= tree_store.ntrees) error_exit({"No tree", number_text(n)});
-  const std::vector<std::uint8_t> excluded = read_excluded_taxa();
-  const int ntax = tree_store.ntax;
-  const std::int32_t* tm = tree_row(m);
-  const std::int32_t* tn = tree_row(n);
-  const std::vector<std::uint8_t> inc = shared_taxa(tm, tn, ntax, excluded);
-  auto below = [&](const std::int32_t* tree) {
-    const int end = std::max(tree[ntax], ntax + 1);
-    std::vector<GroupBits> rows(end, GroupBits((ntax + 63) / 64, 0));
-    for (int t = 0; t < ntax; ++t) {
-      if (!inc[t] || tree[t] < ntax) continue;
-      for (int a = tree[t]; a >= ntax && a < end; a = tree[a]) {
-        rows[a][t / 64] |= 1ull << (t % 64);
-        if (a == ntax) break;
-      }
-    }
-    return rows;
-  };
-  const auto bm = below(tm), bn = below(tn);
-  int taxa = 0;
-  for (auto f : inc) taxa += f != 0;
-  std::vector<std::string> labels(tree_store.row_size);
-  for (int v = ntax + 1; v < static_cast<int>(bn.size()); ++v) {
-    int size = 0;
-    for (auto w : bn[v]) size += __builtin_popcountll(w);
-    if (size < 2 || size >= taxa) continue;
-    labels[v] = "X";
-    for (int u = ntax + 1; u < static_cast<int>(bm.size()); ++u)
-      if (bm[u] == bn[v]) {
-        labels[v] = std::to_string(u);
-        break;
-      }
-  }
-  char title[120];
-  std::snprintf(title, sizeof title, "Tree %i (group equivalences with tree %i)", n, m);
-  qax::trees::draw_tree(tn, ntax, &labels, title);
-}
-
-// Cluster Information Distance from every tree of the first list to every tree of the
-// second; `rescaled` divides by the entropy of two pectinate trees.
-void cluster_information(bool rescaled) {
-  require_trees();
-  std::vector<int> first = read_list("First tree list contains no trees!");
-  if (!accept_char('/')) error_exit("Second tree list contains no trees!");
-  std::vector<int> second = read_list("Second tree list contains no trees!");
-  const int ntax = tree_store.ntax;
-  std::vector<std::uint8_t> inc(ntax, 1);
-  for (const auto* list : {&first, &second})
-    for (int k : *list)
-      for (int t = 0; t < ntax; ++t)
-        if ((tree_row(k)[t] >= ntax) != (tree_row(first[0])[t] >= ntax))
-          error_exit("Cluster Info Dist needs identical taxon sets");
-  int taxa = 0;
-  for (int t = 0; t < ntax; ++t) {
-    inc[t] = tree_row(first[0])[t] >= ntax;
-    taxa += inc[t];
-  }
-  const double scale = rescaled ? 2 * pectinate_cluster_entropy(taxa) : 1.0;
-  double last = -1;
-  for (int b : second) {
-    out_printf("Cluster Info Dist's to tree %i:\n", b);
-    std::string line;
-    for (int a : first) {
-      const double d = cluster_information_distance(tree_row(a), tree_row(b), ntax, inc);
-      last = scale > 0 ? d / scale : 0;
-      char cell[48];
-      std::snprintf(cell, sizeof cell, "  %i: %.4f", a, last);
-      line += cell;
-    }
-    out_printf("%s\n", line.c_str());
-  }
-  last_comparison.clusdist = last;
-}
-
-
-// Stability of the taxa over trees from their triplets: PCR (alike in every tree) or, with
-// `lsi`, the LSI. "=N" reports the worst N; ">G" puts the taxa reported in taxon group G.
-void taxon_stability(bool lsi) {
-  require_trees();
-  accept_char('&');   // inferring unchecked triplets from checked ones gives the same values
-  int worst = -1, group = -1;
-  for (;;) {
-    if (accept_char('=')) {
-      worst = read_int();
-      if (worst < 1) error_exit("Expected number of taxa to report after \"=\"");
-    } else if (accept_char('>')) {
-      group = read_int();
-      if (group < 0 || group >= dataset::group_count)
-        error_exitf("Taxon group must be 0-%i", dataset::group_count - 1);
-    } else {
-      break;
-    }
-  }
-  const std::vector<int> list = read_list("No trees specified");
-  const std::vector<std::uint8_t> excluded = read_excluded_taxa();
-  const std::vector<std::uint8_t> inc = common_taxa(list, list, excluded, false);
-  const int ntax = tree_store.ntax;
-  std::vector<const std::int32_t*> rows;
-  for (int k : list) rows.push_back(tree_row(k));
-  const TripletStability st = triplet_stability(rows, ntax, inc);
-  const std::vector<double>& v = lsi ? st.lsi : st.pcr;
-  std::vector<int> order;
-  for (int t = 0; t < ntax; ++t)
-    if (v[t] >= 0) order.push_back(t);
-  if (worst > 0) {
-    std::stable_sort(order.begin(), order.end(), [&](int a, int b) { return v[a] < v[b]; });
-    if (static_cast<int>(order.size()) > worst) order.resize(worst);
-  }
-  out_printf("%s values (%i trees):\n", lsi ? "LSI" : "PCR", static_cast<int>(list.size()));
-  for (int t : order) out_printf("    %-24s %.3f\n", taxon_name(t).c_str(), v[t]);
-  if (group >= 0) {
-    auto& d = dataset::dataset;
-    if (static_cast<int>(d.taxon_groups.size()) < ntax) d.taxon_groups.resize(ntax, 0);
-    for (int t = 0; t < ntax; ++t) d.taxon_groups[t] &= ~(1u << group);
-    for (int t : order) d.taxon_groups[t] |= 1u << group;
-    out_printf("Taxa reported put in taxon group %i\n", group);
-  }
-}
-
-
-// Observed success of resolution of each tree of the first list against each reference of
-// the second: over the triplets the reference resolves, those resolved alike less those
-// resolved otherwise, as a share of them (1: all recovered, -1: all contradicted).
-void observed_success() {
-  require_trees();
-  std::vector<int> first, second;
-  std::vector<std::uint8_t> excluded;
-  read_two_lists(first, second, excluded);
-  if (temp_collapse_applies()) out_printf("To calculate OSR,\ntemporary collapsing will be deactivated\n");
-  const int ntax = tree_store.ntax;
-  const std::vector<std::uint8_t> inc = common_taxa(first, second, excluded, false);
-  int taxa = 0;
-  for (auto f : inc) taxa += f != 0;
-  if (static_cast<double>(taxa) * taxa * 4 > 4e8) error_exit("Sorry, not enough memory to calculate OSR");
-  double last = 0;
-  for (int b : second) {
-    out_printf("OSR values to tree %i:\n", b);
-    std::string line;
-    for (int a : first) {
-      const TripletComparison t = compare_triplets(tree_row(a), tree_row(b), ntax, inc);
-      const long long alike = t.resolved_second - t.false_second;
-      last = t.resolved_second > 0 ? static_cast<double>(alike - t.conflicting) / t.resolved_second : 0.0;
-      char cell[48];
-      std::snprintf(cell, sizeof cell, "  %i: %.4f", a, last);
-      line += cell;
-    }
-    out_printf("%s\n", line.c_str());
-  }
-  last_comparison.osr = last;
-}
-
 }  // namespace
 
 void cmd_tcomp() {
@@ -577,136 +335,6 @@ void cmd_tcomp() {
     return;
   }
   error_exit("Two tree numbers required");
-}
-
-namespace {
-
-void report_sprdiff_settings() {
-  const auto& s = sprdiff_settings;
-  out_printf(s.violations ? "Allowing moves from one node to its ancestor,\n"
-                          : "Not allowing moves from one node to its ancestor,\n");
-  if (s.halvepoly) out_printf("counting every move to resolve/collapse nodes as half\n");
-  else if (s.polycount) out_printf("counting moves to resolve/collapse nodes in polytomies\n");
-  else out_printf("not counting moves to resolve/collapse nodes in polytomies\n");
-}
-
-}  // namespace
-
-void cmd_sprdiff() {
-  auto& s = sprdiff_settings;
-  int c = peek_char();
-  if (c == '[') {
-    next_char();
-    if (!std::isdigit(peek_char()) && peek_char() != '.') error_exit("Value expected");
-    const double k = read_real();
-    if (k <= 0) error_exit("Value expected");
-    if (s.halvepoly) error_exit("Cannot use both weighted moves and halve resolutions!");
-    s.weight_constant = k;
-    out_printf("Constant for tree-comparisons is %.5f\n", k);
-    return;
-  }
-  if (c == ']') {
-    next_char();
-    s.weight_constant = 0;
-    out_printf("Counting raw SPR moves\n");
-    return;
-  }
-  if (std::isalpha(c)) {
-    const SprdiffSettings saved = s;
-    try {
-      while (peek_char() != ';') {
-        read_token();
-        const std::string w = token_buffer;
-        if (w == "violations") s.violations = 1;
-        else if (w == "noviolations") s.violations = 0;
-        else if (w == "polycount") { s.polycount = 1; s.halvepoly = 0; }
-        else if (w == "nopolycount") { s.polycount = 0; s.halvepoly = 0; }
-        else if (w == "halvepoly") {
-          if (s.weight_constant > 0) error_exit("Cannot use both weighted moves and halve resolutions!");
-          s.halvepoly = 1;
-          s.polycount = 1;
-        } else error_exitf("Unexpected \"%s\"...", w.c_str());
-      }
-    } catch (const CommandFailed&) {
-      s = saved;
-      throw;
-    }
-    report_sprdiff_settings();
-    return;
-  }
-  const bool show = accept_char('*') != 0;
-  require_trees();
-  const int j = read_int();
-  const int k = peek_char() == ';' ? -1 : read_int();
-  if (j < 0 || k < 0) error_exit("Two tree numbers required");
-  if (j >= tree_store.ntrees) error_exit({"No tree", number_text(j)});
-  if (k >= tree_store.ntrees) error_exit({"No tree", number_text(k)});
-  int reps = 10, passes = 0;
-  if (std::isdigit(peek_char())) {
-    const long long n = read_int();
-    if (n < 1 || n > 1000000) error_exit("Number of replications must be 1-1000000");
-    reps = static_cast<int>(n);
-    if (peek_char() == 'x' || peek_char() == '+') {
-      next_char();
-      const int p = read_int();
-      if (p < 1 || p > 1000) error_exit("Passes must be 1-1000");
-      passes = p;
-    }
-  }
-  (void)passes;
-  if (peek_char() != ';') {
-    read_token();
-    error_exitf("Unexpected \"%s\"...", token_buffer);
-  }
-  const int ntax = tree_store.ntax;
-  if (dataset::dataset.outgroup != 0)
-    out_printf("To calculate SPR distances, taxon 0 (=%s)\nwill be made outgroup temporarily\n", taxon_name(0).c_str());
-  const SprResult r = spr_distance(tree_row(j), tree_row(k), ntax, reps, s.weight_constant,
-                                   static_cast<std::uint32_t>(search::search_settings.seed + 1), show);
-  const std::vector<std::uint8_t> inc = shared_taxa(tree_row(j), tree_row(k), ntax, {});
-  int taxa = 0;
-  for (auto f : inc) taxa += f != 0;
-  if (show) {
-    for (std::size_t i = 0; i < r.steps.size(); ++i) {
-      char title[120];
-      if (s.weight_constant > 0) {
-        const double far = (taxa - 3) / (s.weight_constant + taxa - 3);
-        const int d = r.distances[i];
-        std::snprintf(title, sizeof title, "Move nr. %i (%i nodes away, cost %.4f)", static_cast<int>(i) + 1, d,
-                      (d / (s.weight_constant + d)) / far);
-      } else {
-        std::snprintf(title, sizeof title, "Move nr. %i", static_cast<int>(i) + 1);
-      }
-      qax::trees::draw_tree(r.steps[i].data(), ntax, nullptr, title);
-    }
-  }
-  // Resolving the polytomies of the first tree, and collapsing the groups the second
-  // lacks, take one move each (half with halvepoly) when they are counted.
-  double value = r.weighted;
-  int unweighted = r.moves;
-  if (s.polycount && taxa > 3) {
-    int ref = 0;
-    while (ref < ntax && !inc[ref]) ++ref;
-    const int full = taxa - 3;
-    const int extra = (full - static_cast<int>(tree_groups(tree_row(j), ntax, inc, false, ref).size())) +
-                      (full - static_cast<int>(tree_groups(tree_row(k), ntax, inc, false, ref).size()));
-    unweighted += extra;
-    if (s.weight_constant > 0) {
-      const double far = full / (s.weight_constant + full);
-      value += extra * (1.0 / (s.weight_constant + 1.0)) / far;
-    } else {
-      value += s.halvepoly ? extra * 0.5 : extra;
-    }
-  }
-  out_printf("From tree %i%s to tree %i: ", j, r.resolved ? " (best resolution)" : "", k);
-  if (s.weight_constant > 0) out_printf("%.4f weighted (%i unwt)", value, unweighted);
-  else if (s.halvepoly && s.polycount) out_printf("%.1f", value);
-  else out_printf("%.0f", value);
-  const double denom = taxa > 3 ? taxa - 3 : 1;
-  const double similarity = 1.0 - value / denom;
-  out_printf(" SPR moves (similarity: %.4f)\n", similarity);
-  last_comparison.sprdiff = value;
-  last_comparison.sprsim = similarity;
 }
 
 }  // namespace qax::support
