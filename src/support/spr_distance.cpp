@@ -289,14 +289,15 @@ struct Regraft {
 };
 
 int replicate(Unrooted u, const TargetGroups& target, int taxa, int cap, std::mt19937& rng,
-              std::vector<int>& dists, std::vector<std::vector<std::int32_t>>* steps) {
+              std::vector<int>& dists, std::vector<std::vector<std::int32_t>>* steps, bool ancestor_moves) {
   const int goal = target.size();
   Splits s;
   int now = shared_count(u, s, target, taxa);
   int moves = 0;
   const int nn = static_cast<int>(u.adj.size());
   const int W = u.words;
-  std::vector<int> dist(nn, -1), stack;
+  std::vector<int> dist(nn, -1), stack, toward_ref(nn, -1);
+  std::vector<std::uint8_t> on_path(nn, 0);
   std::vector<Candidate> best;
   Regraft rg;
   rg.words = W;
@@ -321,11 +322,30 @@ int replicate(Unrooted u, const TargetGroups& target, int taxa, int cap, std::mt
   while (now < goal && moves < cap) {
     int best_value = -1;
     best.clear();
+    if (!ancestor_moves) {
+      // Neighbour of each node on the way to ref.
+      std::fill(toward_ref.begin(), toward_ref.end(), -1);
+      stack.assign(1, ref);
+      toward_ref[ref] = ref;
+      for (std::size_t i = 0; i < stack.size(); ++i)
+        for (int w : u.adj[stack[i]])
+          if (toward_ref[w] < 0) {
+            toward_ref[w] = stack[i];
+            stack.push_back(w);
+          }
+    }
     for (int x = u.ntax; x < nn; ++x) {
       if (u.adj[x].size() != 3) continue;
       for (int k = 0; k < 3; ++k) {
         const int y = u.adj[x][k];
         const int a = u.adj[x][(k + 1) % 3], b = u.adj[x][(k + 2) % 3];
+        // The nodes from x to ref, when the part moved is the one away from ref.
+        const bool restrict_path = !ancestor_moves && toward_ref[x] != y;
+        if (restrict_path)
+          for (int v = x;; v = toward_ref[v]) {
+            on_path[v] = 1;
+            if (v == ref) break;
+          }
         unlink(u, x, y);
         unlink(u, x, a);
         unlink(u, x, b);
@@ -389,6 +409,7 @@ int replicate(Unrooted u, const TargetGroups& target, int taxa, int cap, std::mt
         for (std::size_t i = 1; i < rg.order.size(); ++i) {
           const int v = rg.order[i];
           if (v == b) continue;   // where the part was
+          if (restrict_path && on_path[v] && on_path[rg.par[v]]) continue;   // onto an ancestor
           const int value = base + H + rg.prefix[v] + rg.g[v];
           if (value > best_value) {
             best_value = value;
@@ -396,6 +417,11 @@ int replicate(Unrooted u, const TargetGroups& target, int taxa, int cap, std::mt
           }
           if (value == best_value) best.push_back({x, y, rg.par[v], v, std::min(dist[rg.par[v]], dist[v]) + 1});
         }
+        if (restrict_path)
+          for (int v = x;; v = toward_ref[v]) {
+            on_path[v] = 0;
+            if (v == ref) break;
+          }
         unlink(u, a, b);
         link(u, x, a);
         link(u, x, b);
@@ -425,13 +451,14 @@ int replicate(Unrooted u, const TargetGroups& target, int taxa, int cap, std::mt
     if (steps) steps->push_back(to_parent(u, u.ntax));
     now = shared_count(u, s, target, taxa);
   }
-  return moves;
+  // Short of the target (no move left, or the cap reached): more than the cap.
+  return now < goal ? cap + 1 : moves;
 }
 
 }  // namespace
 
 SprResult spr_distance(const std::int32_t* a, const std::int32_t* b, int ntax, int replications,
-                       double weight_constant, std::uint32_t seed, bool keep_steps) {
+                       double weight_constant, std::uint32_t seed, bool keep_steps, bool ancestor_moves) {
   SprResult r;
   const std::vector<std::uint8_t> include = shared_taxa(a, b, ntax, {});
   int taxa = 0;
@@ -453,7 +480,7 @@ SprResult spr_distance(const std::int32_t* a, const std::int32_t* b, int ntax, i
   for (int rep = 0; rep < std::max(1, replications); ++rep) {
     std::vector<int> dists;
     std::vector<std::vector<std::int32_t>> steps;
-    int moves = replicate(ua, target, taxa, cap + 1, rng, dists, keep_steps ? &steps : nullptr);
+    int moves = replicate(ua, target, taxa, cap + 1, rng, dists, keep_steps ? &steps : nullptr, ancestor_moves);
     if (moves > cap) {
       // The greedy path went astray: the bound for any pair of trees holds.
       moves = cap;

@@ -112,7 +112,7 @@ void cmd_sprdiff() {
   if (dataset::dataset.outgroup != 0)
     out_printf("To calculate SPR distances, taxon 0 (=%s)\nwill be made outgroup temporarily\n", taxon_name(0).c_str());
   const SprResult r = spr_distance(tree_row(j), tree_row(k), ntax, reps, s.weight_constant,
-                                   static_cast<std::uint32_t>(search::search_settings.seed + 1), show);
+                                   static_cast<std::uint32_t>(search::search_settings.seed + 1), show, s.violations != 0);
   const std::vector<std::uint8_t> inc = shared_taxa(tree_row(j), tree_row(k), ntax, {});
   int taxa = 0;
   for (auto f : inc) taxa += f != 0;

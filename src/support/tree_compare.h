@@ -80,8 +80,10 @@ struct SprResult {
   std::vector<std::vector<std::int32_t>> steps;   // trees after each move (when asked)
   std::vector<int> distances;                     // nodes crossed by each move
 };
+// `ancestor_moves` false: no part goes onto a branch between its old place and the
+// first taxon in the tree (the root side), so that no node moves to an ancestor.
 SprResult spr_distance(const std::int32_t* a, const std::int32_t* b, int ntax, int replications,
-                       double weight_constant, std::uint32_t seed, bool keep_steps);
+                       double weight_constant, std::uint32_t seed, bool keep_steps, bool ancestor_moves = true);
 
 // Matrix representation of a tree's groups (each a binary character, with an all-absent
 // external root) mapped onto another tree. `source` groups are those of tree_groups

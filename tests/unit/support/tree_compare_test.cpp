@@ -364,6 +364,9 @@ TEST_F(TreeCompare, SprEstimateIsExactAtOneMoveAndNeverBelowTheTrueDistance) {
       const auto b = parent_from_edges(tree_of[k], ntax);
       const support::SprResult r = support::spr_distance(a.data(), b.data(), ntax, 10, 0, 1 + tested, false);
       EXPECT_GE(r.moves, d) << "ntax " << ntax;
+      // Without moves onto ancestors: still real moves, never fewer than the distance.
+      const auto r2 = support::spr_distance(a.data(), b.data(), ntax, 3, 0, 7 + tested, false, false);
+      EXPECT_GE(r2.moves, d) << "ntax " << ntax;
       if (d <= 1) EXPECT_EQ(r.moves, d) << "ntax " << ntax;
       ++pairs;
       equal += r.moves == d;
