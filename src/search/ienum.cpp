@@ -566,6 +566,10 @@ long long walk_addition_trees(const std::function<bool(const std::vector<std::in
 
 void cmd_ienum() {
   EnumerationOptions opt;
+  // "=N" or ">N" first: the trees found go to tree group N.
+  int group = -1;
+  if (tree_store.ntax > 0 && (qax::shell::peek_char() == '=' || qax::shell::peek_char() == '>'))
+    group = trees::read_group_argument("exact_solution");
   while (qax::shell::peek_char() != ';') {
     const int c = qax::shell::next_char();
     if (c == '!') opt.pair_test = false;
@@ -576,14 +580,23 @@ void cmd_ienum() {
   }
   const EnumerationResult r = implicit_enumeration(opt);
   auto report = [&] {
-    out_printf("Implicit enumeration, %i trees found, score %s", r.trees, search_score_text(r.best).c_str());
+    out_printf("Implicit enumeration, %i trees found, score %s", tree_store.ntrees, search_score_text(r.best).c_str());
     if (search_settings.suboptimal > 0) out_printf("-%s", search_score_text(r.best + search_settings.suboptimal).c_str());
     if (opt.sample && r.seen > r.trees) out_printf(" (sampled from %lli trees)", r.seen);
     else if (r.overflow) out_printf(" (overflow)");
     out_printf(".\n");
   };
   if (tree_store.ntrees == 0 && r.completed && !r.overflow) qax::shell::error_exit("No tree satisfies the constraints");
-  tag_search_trees("exact_solution");
+  if (group >= 0) {
+    // The group named takes the place of the automatic one.
+    const int saved_auto = tree_store.auto_group;
+    tree_store.auto_group = 0;
+    tag_search_trees("exact_solution");
+    tree_store.auto_group = saved_auto;
+    for (int k = 0; k < tree_store.ntrees; ++k) trees::group_set_bit(k, group);
+  } else {
+    tag_search_trees("exact_solution");
+  }
   if (!r.completed) {
     out_printf("NOTE: implicit enumeration completed only %i%% of total work...\n", r.percent_done);
     report();
