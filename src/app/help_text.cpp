@@ -149,7 +149,7 @@ const HelpEntry help_entries[] = {
      "hybrid [ options ];  hybridize pairs of trees in memory\n"
      "Options: rounds N, hybrid N, replace, noreplace"},
     {"ienum",
-     "ienum [ list ];  implicit enumeration: exact search for the best trees"},
+     "ienum [ =N ] [ ! - & ];  implicit enumeration: exact search for the best trees"},
     {"incltax",
      "incltax list;  include only the listed taxa when reading trees"},
     {"info",
@@ -322,7 +322,7 @@ const HelpEntry help_entries[] = {
     {"sort",
      "sort = score | nodes | size | mono;  sort the trees in memory"},
     {"sprdiff",
-     "sprdiff [ list ];  SPR distances between trees"},
+     "sprdiff [*] J K [ NxS ];  SPR distance between two trees;  sprdiff [K;  sprdiff ];  sprdiff options;"},
     {"subopt",
      "subopt N;  keep suboptimal trees within N of the best;  subopt;  report"},
     {"svtxt",
