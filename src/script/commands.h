@@ -49,6 +49,10 @@ void cmd_sprit();
 void cmd_tbrit();
 void cmd_resetswap();
 void cmd_endswap();
+// The branch-and-bound loop over trees built by adding taxa.
+void cmd_bandb();
+void cmd_cutbranch();
+void cmd_endbranch();
 
 // Runs the pending jump to the error target of "goto [", if one was armed and an
 // error or break happened; called by the command cycle.

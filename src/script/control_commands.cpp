@@ -183,11 +183,9 @@ void take_error_goto() {
   error_target_ = ErrorTarget();
   const int saved = output_state.silent_flags;
   output_state.silent_flags = 7;
-  protected_call([&] {
-    out_line({"Reading from", t.file});
-    jump_to_label(t.file, t.label, false, false);
-  });
+  const int ok = protected_call([&] { jump_to_label(t.file, t.label, false, true); });
   output_state.silent_flags = saved;
+  if (ok) out_line({"Reading from", t.file});
 }
 
 void cmd_loop() {

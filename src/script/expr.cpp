@@ -120,6 +120,8 @@ double read_bitset() {
   return bits;
 }
 
+}  // namespace
+
 // Value of a word standing as a term: a variable gives its number, a function its value.
 double word_value(const std::string& word) {
   if (const NamedVar* var = find_name(word)) return read_subscripts(var, var->cell, false, nullptr);
@@ -134,6 +136,8 @@ double word_value(const std::string& word) {
   }
   error_exit({"Unrecognized variable:", word});
 }
+
+namespace {
 
 double evaluate_impl(int closing, bool bracket, bool condition, const double* first_term);
 

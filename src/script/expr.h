@@ -24,6 +24,9 @@ int read_cell(const NamedVar** var = nullptr, bool allow_range = false, int* ran
 // Optional "[i j ...]" after a variable's name; with allow_range, "[i-k]" in the last
 // dimension sets *range_end to the last cell.
 int read_subscripts(const NamedVar* var, int base, bool allow_range, int* range_end);
+// A word as a term: a variable gives its number (with subscripts read), a function its
+// value, and with "macro +" a taxon or character name its number.
+double word_value(const std::string& word);
 // A word as the term reader reads it (letters, digits, "_", "."), at most 500 characters.
 std::string read_word();
 

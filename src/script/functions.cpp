@@ -26,6 +26,7 @@ using qax::dataset::dataset;
 using qax::trees::tree_store;
 
 double swap_percent();
+double bandb_value(bool full);
 
 namespace {
 
@@ -245,6 +246,8 @@ bool internal_function(const std::string& w, double& v) {
     v = var->dims ? var->extent[var->dims - 1] : 1;
     return true;
   }
+  if (w == "bbfull") { v = bandb_value(true); return true; }
+  if (w == "bbtax") { v = bandb_value(false); return true; }
   if (w == "percswap") {
     v = swap_percent();
     return true;

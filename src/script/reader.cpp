@@ -175,7 +175,7 @@ void expand_reference(int quote) {
         const std::string word = read_word();
         var = find_name(word);
         if (var) cell = read_subscripts(var, var->cell, true, &range_end);
-        else if (!internal_function(word, function_value)) error_exit({"Unrecognized variable:", word});
+        else function_value = word_value(word);
       } else {
         cell = read_cell(&var, true, &range_end);
       }

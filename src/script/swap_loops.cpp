@@ -17,6 +17,8 @@
 #include "shell/output.h"
 #include "shell/state.h"
 #include "trees/store.h"
+#include "search/ienum.h"
+#include "dataset/dataset.h"
 
 namespace qax::script {
 
@@ -27,6 +29,9 @@ namespace {
 
 struct SwapState {
   int active = 0;
+  int cut = 0;       // cutbranch: no trees grow from this one
+  int bb_full = 0;   // bandb: the tree holds every active taxon
+  int bb_tax = 0;    // bandb: taxa in the tree
   int end = 0;       // endswap
   int reset = 0;     // resetswap: keep this rearrangement and start again from it
   double percent = 0;
@@ -264,6 +269,65 @@ void leave_body() { leave_inner_body(); }
 }  // namespace
 
 void cmd_sprit() { swap_loop(false); }
+
+void cmd_bandb() {
+  macro_command_guard();
+  if (swap_.active) error_exit("Can't nest \"sprit\", \"tbrit\", or \"bandb\" commands");
+  std::string body = copy_body("bandb");
+  qax::trees::require_data();
+  if (tree_store.ntrees >= tree_store.maxtrees) error_exit("Increase maxtrees to branch-and-bound on tree");
+  const int slot = qax::trees::tree_store_add(-1, false);
+  const int ntax = tree_store.ntax;
+  int active = 0;
+  for (int t = 0; t < ntax; ++t)
+    if (qax::dataset::dataset.taxon_active.empty() || qax::dataset::dataset.taxon_active[t]) ++active;
+  swap_ = SwapState();
+  swap_.active = 1;
+  out_line({"Start generating trees..."});
+  bool failed = false;
+  const int events = shell_state.interrupt_events;
+  qax::search::walk_addition_trees([&](const std::vector<std::int32_t>& tree, int taxa) {
+    if (failed || swap_.end) return false;
+    if (script_interrupted(events)) {
+      swap_.end = 1;
+      return false;
+    }
+    std::copy(tree.begin(), tree.end(), qax::trees::tree_row(slot));
+    tree_store.scores[slot] = 0;
+    swap_.bb_full = taxa >= active;
+    swap_.bb_tax = taxa;
+    swap_.cut = 0;
+    if (!run_inner_body(body, "bandb commands", false)) {
+      failed = true;
+      return false;
+    }
+    return !swap_.cut && !swap_.end;
+  });
+  // The slot is left holding the bush of the active taxa.
+  std::int32_t* row = qax::trees::tree_row(slot);
+  for (int t = 0; t < ntax; ++t)
+    row[t] = (qax::dataset::dataset.taxon_active.empty() || qax::dataset::dataset.taxon_active[t]) ? ntax : 0;
+  row[ntax] = ntax + 1;
+  qax::trees::reset_node_numbers(row, ntax);
+  swap_ = SwapState();
+  if (failed) recover();
+  out_line({"Finished generating trees"});
+}
+
+void cmd_cutbranch() {
+  macro_command_guard();
+  if (!swap_.active) error_exit({"cutbranch", "valid only within bandb"});
+  swap_.cut = 1;
+}
+
+void cmd_endbranch() {
+  macro_command_guard();
+  if (!swap_.active) error_exit({"endbranch", "valid only within bandb"});
+  swap_.end = 1;
+  leave_body();
+}
+
+double bandb_value(bool full) { return full ? swap_.bb_full : swap_.bb_tax; }
 void cmd_tbrit() { swap_loop(true); }
 
 void cmd_resetswap() {
