@@ -37,6 +37,7 @@ struct Expansion {
 };
 Expansion expansion_;
 int last_source_ = 0;  // 0 input level, 1 loop body, 2 expansion
+int opening_inner_ = 0;  // the level being pushed runs a script body: same numbering as its caller
 
 bool loop_at_level(const Loop& l) { return l.level == input_level(); }
 
@@ -460,7 +461,16 @@ void level_opened(int level) {
   lv = LevelVars();
   int named_end = 0;
   for (const auto& n : space.names) named_end = std::max(named_end, n.cell + n.size);
-  lv.shift = std::max({caller.shift + caller.private_count, named_end, space.highest_set + 1});
+  if (opening_inner_) {
+    // A body of sprit, travtree, ... reads the numbered cells of the text it belongs to.
+    lv.shift = caller.shift;
+    lv.private_count = caller.private_count;
+    lv.highest_set = caller.highest_set;
+  } else {
+    // Numbered cells of the new level start above everything its callers use.
+    lv.shift = std::max({caller.shift + caller.private_count, named_end, caller.highest_set + 1});
+    lv.highest_set = lv.shift - 1;
+  }
   lv.names_at_entry = space.names.size();
   lv.loop_base = static_cast<int>(loops.size());
 }
@@ -691,7 +701,9 @@ bool run_inner_body(const std::string& body, const char* level_name, bool silent
   const int saved_silent = output_state.silent_flags;
   const int saved_timeout = shell_state.timeout_seconds;
   if (silent) output_state.silent_flags |= 7;
+  opening_inner_ = 1;
   push_text_level(body, level_name);
+  opening_inner_ = 0;
   inner_levels_.push_back(base + 1);
   bool ok = true;
   while (input_level() > base) {

@@ -72,7 +72,10 @@ void set_cell(int cell, double value) {
     value = std::trunc(value);
   }
   space.cells[cell] = value;
-  if (cell > space.highest_set) space.highest_set = cell;
+  const int level = input_level();
+  if (level < static_cast<int>(space.levels.size()) && cell > space.levels[level].highest_set) {
+    space.levels[level].highest_set = cell;
+  }
 }
 
 const NamedVar* find_name(const std::string& name) {

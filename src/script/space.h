@@ -29,6 +29,7 @@ struct LevelVars {
   std::size_t names_at_entry = 0;
   int keep_names = 0;     // "return =": names made here survive the level
   int loop_base = 0;      // loops below this index belong to callers
+  int highest_set = -1;   // highest cell given a value while reading this level
 };
 
 struct MacroSpace {
@@ -51,7 +52,6 @@ struct MacroSpace {
   double time_base = 0;
   int exstatus = 0;
   int listsize = 0;
-  int highest_set = -1;            // highest cell given a value so far
   std::size_t text_bytes = 0;      // loop bodies and names held in the block
 };
 
