@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "script/expr.h"
 #include "script/reader.h"
 #include "script/space.h"
+#include "shell/commands.h"
 #include "shell/failure.h"
 #include "shell/input.h"
 #include "shell/output.h"
@@ -254,5 +256,113 @@ bool internal_function(const std::string& w, double& v) {
   }
   error_exit({"Expression", "\"" + w + "\"", "is not available yet in this version"});
 }
+
+}  // namespace qax::script
+
+namespace qax::script {
+
+namespace {
+
+// The expressions by family, with what each family returns, for help+.
+struct Family {
+  const char* title;
+  const char* help;
+  const char* names;  // blank separated
+};
+
+const Family families[] = {
+    {"Settings", "the value of the setting of that name (absicnl is the absincl setting)",
+     "absicnl break collapse maxtrees report rseed macseed protmode subopt rsubopt kval piwe slerrmarg outgroup "
+     "percswap bground exstatus pexstatus"},
+    {"Sizes", "counts and sizes; ntax, nchar and ntrees give the last valid number (loop 0 ntax)",
+     "ntax nchar ntrees nblocks nnucs maxvars allvars freevars argnumber listsize root vtrees maxtgroups maxcfork "
+     "bittype cpus totcpus mypid usdram time runtime"},
+    {"System", "1 when the program runs on that kind of system, else 0", "linux windows cygwin gtk pmode"},
+    {"Nodes", "relations of nodes on tree T: name[ T N ... ]",
+     "anc sister firstdes nodfork numdes comnod distnode isanc isintree ismono tnodes nnodes tsize getarep eqgroup "
+     "gcomp gfreq simgroup splitgroup invault isdup eqtrees mono"},
+    {"Lists", "lists of nodes or groups written into the array of the set target",
+     "uplist downlist deslist grouplist repspoly blocklist"},
+    {"Scores", "scores of tree T, or of character C on it: length[ T ] or length[ T C ]",
+     "length score fit homo whomo softlength softscore softfit softhomo grandscore mintrans maxtrans minsteps "
+     "maxsteps recsteps rearrangs accepted tcount numhits lastsupp lastsibyl"},
+    {"Supports", "support values into an array", "bremlist freqlist freqdlist impwtlist grptogrp"},
+    {"Comparisons", "distances and similarities of two trees",
+     "discoeff symcoeff grpdist tripdist rfdist clusdist sprdiff sprsim flipd osr"},
+    {"Characters", "properties of character C: name[ C ]",
+     "isact isadd iscont isinfo issank islmark nstates maxstate weight cost contscale contmins contmaxs states "
+     "statediff missing numbits nummissing seqstart seqend editcost matchtax"},
+    {"Taxa and groups", "membership of taxa, characters and trees in groups and blocks",
+     "isactax isinagroup isinxgroup isintgroup isinhgroup taxingp charsingp treesingp havetgp taxinblock "
+     "blockstart blockend"},
+    {"Complexes", "characters linked in complexes", "chartonuc isinnuc nucmaxstate nucmember nucsize nuctostate"},
+    {"Likelihood", "likelihoods of trees", "lik mklik mplik implik simplik smplik fixlik"},
+    {"Landmarks", "landmark configurations and scores",
+     "lmdims lmerror lmfactor lmmaxdist lmnchar lmnpoints lmscore lmwt lmxcell lmxcoord"},
+    {"Arithmetic", "functions of numbers and arrays: exp[ x ], log[ x ], power[ x y ], getrandom[ from to ], ...",
+     "exp log power neper combin numclads getrandom randomlist maxval minval meanval sumval stddev spearman regr "
+     "regalfa regbeta intpol matexp sortlist varsize isdefd"},
+    {"Strings and files", "comparisons of strings, files and the file opened by hifile",
+     "eqstring lenstring isinstring stringend stringsim isfile curisdir getresponse hifchar hifeof hifline "
+     "hifnumber hifspy hifstring hiftext"},
+    {"Sectors and swapping", "state of sector searches, swap loops and bandb",
+     "biginsect bignotsect bigntax nodtosect seclevel cutswap bbfull bbtax treeparts"},
+    {"Tags and taxonomy", "tree tags and taxonomic categories", "iscateg numcategs ttaghei ttagwid ttags dcomp"},
+    {"Parallel versions only:", "values of parallel jobs",
+     "attag bestscore deltascore hostload ntasksbelow numerrors numhosts numjobs numrearrangs numreps numtasks "
+     "numtrees percdone plevel schalg slavenum speed tagsum tasksatsch tasksin tasksleft tasksrecvd tasktoh "
+     "waitsuccess"},
+};
+
+// Names this version computes; the others are reserved and fail with a clear message.
+const char* const computed =
+    " ntax nchar ntrees maxtrees maxvars allvars freevars argnumber listsize exstatus macseed rseed protmode "
+    "bground report break mypid linux windows cygwin gtk cpus totcpus time runtime nblocks length score minsteps "
+    "maxsteps isact isadd iscont issank weight isactax exp log logten power neper getrandom numbits isfile "
+    "varsize percswap bbfull bbtax ";
+
+bool is_computed(const std::string& w) { return std::strstr(computed, (" " + w + " ").c_str()) != nullptr; }
+
+void show_expression_help(const std::string& word) {
+  if (word.empty()) {
+    out_text({"\nEXPRESSIONS:\n"});
+    for (const auto& f : families) {
+      out_text({"\n", f.title, "\n"});
+      std::string line;
+      std::string names = f.names;
+      std::size_t at = 0;
+      int k = 0;
+      while (at < names.size()) {
+        std::size_t end = names.find(' ', at);
+        if (end == std::string::npos) end = names.size();
+        char cell[32];
+        std::snprintf(cell, sizeof cell, " %12s", names.substr(at, end - at).c_str());
+        line += cell;
+        if (++k % 6 == 0) {
+          out_text({line, "\n"});
+          line.clear();
+        }
+        at = end + 1;
+      }
+      if (!line.empty()) out_text({line, "\n"});
+    }
+    return;
+  }
+  for (const auto& f : families) {
+    const std::string names = std::string(" ") + f.names + " ";
+    if (names.find(" " + word + " ") == std::string::npos) continue;
+    out_text({word, ": ", f.help, is_computed(word) ? "" : " (not available yet in this version)", "\n"});
+    return;
+  }
+  if (is_reserved_word(word)) {
+    out_text({word, ": a variant of a reserved expression", is_computed(word) ? "" : " (not available yet in this version)", "\n"});
+    return;
+  }
+  error_exit({"Unrecognized expression:", word});
+}
+
+}  // namespace
+
+void install_expression_help() { expression_help = show_expression_help; }
 
 }  // namespace qax::script

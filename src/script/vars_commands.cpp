@@ -52,10 +52,12 @@ int setting_number() {
 }  // namespace
 
 void install_goto_hooks();
+void install_expression_help();
 
 void install_script_layer() {
   install_reader_hooks();
   install_goto_hooks();
+  install_expression_help();
 }
 
 void reset_script_state() {

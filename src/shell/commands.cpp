@@ -165,6 +165,7 @@ int is_prefix(std::string_view word, std::string_view entry) {
 }
 
 bool (*inner_command_word)(const std::string& word) = nullptr;
+void (*expression_help)(const std::string& word) = nullptr;
 
 void macro_command_guard() {
   const CommandRecord* r = current_;
@@ -215,11 +216,13 @@ void cmd_help() {
     if (peek_char() == ';') {
       out_text({"MACRO COMMANDS:\n"});
       if (sep) list_names(sep + 1, nullptr);
-      out_text({"\nExpressions of the macro language are not available yet in this version\n"});
+      if (expression_help) expression_help("");
       return;
     }
     read_token();
-    error_exit({"Expression", token_buffer, "not available yet in this version"});
+    if (!expression_help) error_exit({"Expression", token_buffer, "not available yet in this version"});
+    expression_help(token_buffer);
+    return;
   }
   if (c == '[') {
     next_char();

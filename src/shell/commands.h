@@ -46,6 +46,9 @@ void add_after_command_step(void (*step)());
 // offered to this hook before the table; it returns true when it ran the word.
 extern bool (*inner_command_word)(const std::string& word);
 
+// Help on the expressions of the macro language: all of them (empty word) or one.
+extern void (*expression_help)(const std::string& word);
+
 // The guard of the macro-only commands.
 void macro_command_guard();
 
