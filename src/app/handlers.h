@@ -12,5 +12,8 @@
 #include "optim/recons.h"
 #include "support/consensus_commands.h"
 #include "support/pruning_commands.h"
+#include "support/resample.h"
+#include "support/bremer.h"
+#include "trees/tags.h"
 #include "search/settings.h"
 #include "search/constraints.h"

@@ -1174,6 +1174,8 @@ bool parse_duration(const std::string& s, int& seconds) {
 
 }  // namespace
 
+const std::vector<std::vector<std::int32_t>>* autosave_rows = nullptr;
+
 void tree_autosave_check(bool force) {
   if (auto_save.seconds <= 0 || tree_store.ntax == 0) return;
   double now = now_seconds();
@@ -1188,9 +1190,11 @@ void tree_autosave_check(bool force) {
     return;
   }
   std::fprintf(f, "tread\n'trees saved at %.0f secs.'\n", now - static_cast<double>(shell_state.run_start_time > 0 ? 0 : 0) - shell_state.watch_reference);
-  for (int k = 0; k < tree_store.ntrees; ++k) {
+  const int count = autosave_rows ? static_cast<int>(autosave_rows->size()) : tree_store.ntrees;
+  for (int k = 0; k < count; ++k) {
     if (k) std::fputs("*\n", f);
-    std::fputs(tree_to_text(tree_row(k), tree_store.ntax, false, nullptr).c_str(), f);
+    const std::int32_t* row = autosave_rows ? (*autosave_rows)[k].data() : tree_row(k);
+    std::fputs(tree_to_text(row, tree_store.ntax, false, nullptr).c_str(), f);
     std::fputc('\n', f);
   }
   std::fputs(";\n", f);
