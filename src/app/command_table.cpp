@@ -22,7 +22,7 @@ const CommandRecord command_records[] = {
     {"blength", qax::optim::cmd_blength, 1, topic_diagnosis | topic_compare | topic_trees},
     {"blocks", qax::dataset::cmd_blocks, 0, topic_input | topic_settings},
     {"break", cmd_break, 0, topic_settings},
-    {"bsupport", cmd_not_available, 1, topic_searching | topic_diagnosis | topic_supports},
+    {"bsupport", qax::support::cmd_bsupport, 1, topic_searching | topic_diagnosis | topic_supports},
     {"ccode", qax::dataset::cmd_ccode, 0, topic_settings | topic_characters | topic_weights},
     {"cdir", cmd_cdir, 0, topic_various},
     {"change", qax::optim::cmd_change, 1, topic_mapping | topic_diagnosis | topic_characters},

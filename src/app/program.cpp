@@ -25,6 +25,8 @@
 #include "trees/notation.h"
 #include "trees/store.h"
 #include "support/consensus.h"
+#include "support/resample.h"
+#include "trees/tags.h"
 #include "search/constraints.h"
 #include "optim/collapse.h"
 #include "optim/packed.h"
@@ -98,6 +100,8 @@ void reset_run_state() {
   reset_viewer_state();
   qax::dataset::clear_nexus_trees();
   qax::support::reset_consensus_settings();
+  qax::support::reset_resample_settings();
+  qax::trees::reset_tag_settings();
   qax::search::reset_search_state();
   qax::search::constraints_reset();
   qax::optim::collapse_reset();

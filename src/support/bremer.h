@@ -25,6 +25,24 @@ extern BremerSettings bremer_settings;
 [[nodiscard]] double combined_power(double relative, double absolute, double x, double wo) noexcept;
 [[nodiscard]] double combined_complement(double relative, double absolute, double x, double f) noexcept;
 
+// Supports of the groups of `reference` (one value per node, -1 for nodes without a
+// group) from trees `rows` with their scores. char_scores (one row per tree, may be
+// empty) gives the per-character scores for relative supports; within_only restricts
+// the pairs to trees within the group's absolute support. A group in every tree gets
+// the largest score difference of the trees, marked as a lower bound.
+struct BremerResult {
+  double best = 0;                      // lowest score
+  double worst = 0;                     // highest score
+  std::vector<double> absolute;         // per node
+  std::vector<std::uint8_t> lower_bound;// per node: the group is in every tree
+  std::vector<double> relative;         // per node, fraction (-1 none)
+  std::vector<int> group_of_node;       // per node: group number, -1 none
+};
+BremerResult bremer_from_trees(const std::vector<const std::int32_t*>& rows, const std::vector<double>& scores,
+                               const std::vector<std::vector<double>>& char_scores,
+                               const std::vector<std::uint8_t>& excluded, const std::int32_t* reference,
+                               bool within_only);
+
 void cmd_bsupport();
 
 }  // namespace qax::support

@@ -211,7 +211,6 @@ bool run_search_text(const std::string& text) {
   run.replicate_done = 0;
   while (!run.replicate_done) {
     if (input_level() < level || !run.active) return false;
-    if (!shell_state.keep_running) return false;
     read_and_dispatch();
   }
   if (input_level() == level) close_input();
