@@ -27,6 +27,7 @@
 #include "support/consensus.h"
 #include "support/resample.h"
 #include "trees/tags.h"
+#include "graphics/svg.h"
 #include "search/constraints.h"
 #include "optim/collapse.h"
 #include "optim/packed.h"
@@ -116,6 +117,7 @@ void install_subsystems() {
   install_memory_hooks();
   background_input_end = background_end_of_input;
   qax::trees::install_dataset_links();
+  qax::trees::svg_tag_output = qax::graphics::svg_tags_command;
   qax::trees::tree_services = {qax::optim::collapsed_copy, [] { return qax::search::constraint_defs.defined != 0; }, qax::search::tree_violations, qax::optim::ensure_packed, qax::optim::character_steps};
   // Hooks kept in lists are added once per process, however often the program runs.
   static bool lists_filled = false;
