@@ -43,6 +43,9 @@ struct BremerOptions {
   bool keep = false;       // *
   int relative = 0;        // 1 "[", 2 "]"
   bool tbr = false;        // !N
+  int tbr_tree = 0;        // N of !N
+  bool tbr_plus = false;   // !+N: the tree's own excess counts
+  bool tbr_keep_all = false;  // !!: no group of the reference collapses
   int formula = formula_none;
   double x = 0.36;
   double factor = 1.0;
@@ -81,8 +84,11 @@ BremerOptions read_options() {
       next_char();
       if (o.tbr) error_exit("TBR-checking for bremer supports cannot be specified twice");
       o.tbr = true;
-      accept_char('!');
-      accept_char('+');
+      if (accept_char('!')) o.tbr_keep_all = true;
+      if (accept_char('+')) o.tbr_plus = true;
+      if (!std::isdigit(peek_char())) error_exit("Must specify reference tree for TBR-checking of bremer supports");
+      o.tbr_tree = read_int();
+      if (o.tbr_tree < 0 || o.tbr_tree >= tree_store.ntrees) error_exit({"No tree", number_text(o.tbr_tree)});
     } else if (c == ':') {
       next_char();
       error_exit("The quick estimate of suboptimal values for Bremer supports is not available yet");
@@ -101,10 +107,8 @@ BremerOptions read_options() {
     }
   }
   if (o.has_cut && o.cut < 0 && !o.tbr) error_exit("Cutoff for Bremer cannot be negative (unless TBR is used)");
-  if (o.tbr) {
-    if (qax::search::search_settings.suboptimal <= 0) error_exit("Need to set suboptimal");
-    error_exit("Bremer supports by TBR swapping are not available yet");
-  }
+  if (o.tbr && o.relative)
+    error_exit("To calculate relative bremer supports with TBR, you must specify a relative suboptimal value");
   return o;
 }
 
@@ -136,46 +140,10 @@ std::string format_value(double v, bool integer) {
   return text;
 }
 
-}  // namespace
-
-void cmd_bsupport() {
-  qax::dataset::require_data();
-  BremerOptions o = read_options();
-  std::vector<int> trees = read_selected_trees();
-  std::vector<std::uint8_t> user = read_excluded_taxa();
-  if (trees.size() < 2) error_exitf("Cannot calculate Bremer supports with %i trees (select 2 or more)", static_cast<int>(trees.size()));
+// Values on the tree, the collapsing of =N, the title and the notes.
+void present(const BremerOptions& o, BremerResult& r, const std::vector<std::int32_t>& consensus,
+             const std::vector<std::uint8_t>& excluded, int n, bool implied) {
   const int ntax = tree_store.ntax;
-  const bool implied = qax::optim::implied_settings.implied_on != 0;
-  qax::dataset::minmax_check();
-  qax::optim::pack_data(false, false);
-  // Scores (and per-character scores) of every tree.
-  std::vector<double> scores;
-  std::vector<std::vector<double>> char_scores;
-  const int n = static_cast<int>(trees.size());
-  for (int i = 0; i < n; ++i) {
-    show_progress(i, n, "Optimizing");
-    std::vector<double> cs = tree_char_scores(trees[i]);
-    double total = 0;
-    for (double v : cs) total += v;
-    scores.push_back(total);
-    if (o.relative) char_scores.push_back(std::move(cs));
-  }
-  TempCollapse collapse("bsupport");
-  std::vector<std::uint8_t> excluded;
-  prepare_exclusions(trees, user, consensus_settings.unshared, excluded);
-  std::vector<const std::int32_t*> rows;
-  for (int k : trees) rows.push_back(consensus_row(k));
-  // The groups: strict consensus of the trees of best score.
-  show_progress(0, 0, "Consensing");
-  const double best = *std::min_element(scores.begin(), scores.end());
-  std::vector<const std::int32_t*> best_rows;
-  for (int i = 0; i < n; ++i)
-    if (scores[i] <= best + 1e-9) best_rows.push_back(rows[i]);
-  std::vector<std::int32_t> consensus(2 * ntax - 1);
-  strict_of_rows(best_rows, excluded, consensus.data());
-  show_progress(0, 0, o.relative ? "Doing relative supports" : "Absolute supports");
-  BremerResult r = bremer_from_trees(rows, scores, char_scores, excluded, consensus.data(), o.relative == 2);
-  clear_progress();
   // Values by node.
   const bool integer = !implied;
   std::vector<double> value(2 * ntax - 1, -1);
@@ -281,7 +249,73 @@ void cmd_bsupport() {
     if (o.factor == 1.0) out_printf("Supports calculated as S = 1 - ( 1 - Rx%.5f )^(A/%.5f)\n", o.x, 1.0);
     else out_printf("Supports calculated as S = 1 - ( 1 - Rx%.5f )^(A/%.5fx%.5f)\n", o.x, 1.0, o.factor);
   }
-  (void)groups;
+  if (o.tbr) out_text({"TBR-swapping used to approximate supports\n"});
+}
+
+void bsupport_tbr(const BremerOptions& o) {
+  const int ntax = tree_store.ntax;
+  std::vector<std::uint8_t> user = read_excluded_taxa();
+  const int og = dataset.outgroup;
+  if (og >= 0 && og < ntax && user[og])
+    error_exitf("Cannot exclude outgroup taxon (%i = %s) for TBR bremer calculations", og, dataset.taxon_names[og].c_str());
+  if (qax::search::search_settings.suboptimal <= 0)
+    out_text({"Bremer calculation with TBR uses swaps within specified\nvalue of suboptimal, but no suboptimal value was specified.\nCurrent settings will only identify unsupported groups\n"});
+  std::vector<std::uint8_t> excluded(ntax, 0);
+  for (int t = 0; t < ntax; ++t) {
+    if (user[t]) excluded[t] = excluded_by_user;
+    else if (tree_row(o.tbr_tree)[t] < ntax) excluded[t] = excluded_as_missing;
+  }
+  std::vector<std::int32_t> shown;
+  BremerResult r = bremer_by_tbr(o.tbr_tree, o.tbr_plus, o.tbr_keep_all, excluded, shown);
+  clear_progress();
+  present(o, r, shown, excluded, 1, qax::optim::implied_settings.implied_on != 0);
+}
+
+}  // namespace
+
+void cmd_bsupport() {
+  qax::dataset::require_data();
+  BremerOptions o = read_options();
+  if (o.tbr) {
+    bsupport_tbr(o);
+    return;
+  }
+  std::vector<int> trees = read_selected_trees();
+  std::vector<std::uint8_t> user = read_excluded_taxa();
+  if (trees.size() < 2) error_exitf("Cannot calculate Bremer supports with %i trees (select 2 or more)", static_cast<int>(trees.size()));
+  const int ntax = tree_store.ntax;
+  const bool implied = qax::optim::implied_settings.implied_on != 0;
+  qax::dataset::minmax_check();
+  qax::optim::pack_data(false, false);
+  // Scores (and per-character scores) of every tree.
+  std::vector<double> scores;
+  std::vector<std::vector<double>> char_scores;
+  const int n = static_cast<int>(trees.size());
+  for (int i = 0; i < n; ++i) {
+    show_progress(i, n, "Optimizing");
+    std::vector<double> cs = tree_char_scores(trees[i]);
+    double total = 0;
+    for (double v : cs) total += v;
+    scores.push_back(total);
+    if (o.relative) char_scores.push_back(std::move(cs));
+  }
+  TempCollapse collapse("bsupport");
+  std::vector<std::uint8_t> excluded;
+  prepare_exclusions(trees, user, consensus_settings.unshared, excluded);
+  std::vector<const std::int32_t*> rows;
+  for (int k : trees) rows.push_back(consensus_row(k));
+  // The groups: strict consensus of the trees of best score.
+  show_progress(0, 0, "Consensing");
+  const double best = *std::min_element(scores.begin(), scores.end());
+  std::vector<const std::int32_t*> best_rows;
+  for (int i = 0; i < n; ++i)
+    if (scores[i] <= best + 1e-9) best_rows.push_back(rows[i]);
+  std::vector<std::int32_t> consensus(2 * ntax - 1);
+  strict_of_rows(best_rows, excluded, consensus.data());
+  show_progress(0, 0, o.relative ? "Doing relative supports" : "Absolute supports");
+  BremerResult r = bremer_from_trees(rows, scores, char_scores, excluded, consensus.data(), o.relative == 2);
+  clear_progress();
+  present(o, r, consensus, excluded, n, implied);
 }
 
 }  // namespace qax::support

@@ -43,6 +43,11 @@ BremerResult bremer_from_trees(const std::vector<const std::int32_t*>& rows, con
                                const std::vector<std::uint8_t>& excluded, const std::int32_t* reference,
                                bool within_only);
 
+// The same for the groups of stored tree `reference` by TBR swapping within the
+// suboptimal value; `shown` receives the tree whose nodes the values refer to.
+BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, const std::vector<std::uint8_t>& excluded,
+                           std::vector<std::int32_t>& shown);
+
 void cmd_bsupport();
 
 }  // namespace qax::support

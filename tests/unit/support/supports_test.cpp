@@ -314,6 +314,30 @@ TEST_F(Supports, BremerFromAllTreesEqualsBruteForce) {
       rel_got[Cluster(below.begin(), below.end())] = std::stoi(trees::tree_store.tags[v]);
     }
     EXPECT_EQ(rel_got, rel_expected) << "round " << round;
+    // TBR from a shortest tree sees only its neighbours: every value is at least the exact
+    // one, and groups never broken within the suboptimal show suboptimal + 1.
+    int k0 = 0;
+    while (len[k0] != best) ++k0;
+    run("ttags-; ttags=; subopt 3; bsupport !" + std::to_string(k0) + "; subopt 0;");
+    ASSERT_TRUE(trees::tags_defined());
+    for (int v = ntax + 1; v < tag[ntax]; ++v) {
+      auto below = test::taxa_below(tag.data(), ntax, v);
+      if (below.size() < 2 || static_cast<int>(below.size()) >= ntax - 1) continue;
+      const Cluster c(below.begin(), below.end());
+      std::string t = trees::tree_store.tags[v];
+      const bool bound = t[0] == '[';
+      const int value = std::stoi(bound ? t.substr(1) : t);
+      int exact = INT_MAX;
+      for (int k = 0; k < n; ++k)
+        if (!cl[k].count(c)) exact = std::min(exact, len[k] - best);
+      if (bound) {
+        EXPECT_EQ(value, 4);
+        EXPECT_GE(exact, 4);
+      } else {
+        EXPECT_GE(value, exact);
+        EXPECT_LE(value, 3);
+      }
+    }
     run("ttags-;");
   }
 }
