@@ -77,6 +77,8 @@ struct RunOptions {
   int probability = -1;   // given with "probability"
   int reference = -1;     // from N
   std::vector<std::uint8_t> user;  // taxa excluded
+  bool sibyl = false;     // the backward form: its options follow
+  bool nozerowt_given = false;
 };
 
 RunOptions parse_options() {
@@ -114,7 +116,8 @@ RunOptions parse_options() {
     if (word_is(w, "sibyl")) {
       if (!first) error_exit("\"Sibyl\" option must be the first option to \"resample\"");
       if (tree_store.ntrees == 0) error_exit("\"Sibyl\" option requires pre-existing trees");
-      error_exit("The \"sibyl\" option of resample is not available yet");
+      o.sibyl = true;
+      return o;
     } else if (word_is(w, "allow")) {
       o.s.allow = 1;
     } else if (word_is(w, "boot")) {
@@ -147,6 +150,7 @@ RunOptions parse_options() {
       o.s.softboot = 0;
     } else if (word_is(w, "nozerowt")) {
       o.s.zerowt = 0;
+      o.nozerowt_given = true;
     } else if (word_is(w, "poisson")) {
       o.s.method = resample_poisson;
     } else if (word_is(w, "probability")) {
@@ -185,14 +189,13 @@ RunOptions parse_options() {
       out_text({"Note: probability specified for \"boot\" or \"poisson\" options will be ignored\n"});
     }
   }
-  if (!s.zerowt && s.method != resample_sym) error_exit("\"Nozerowt\" option can be used with \"sym\" only");
+  if (o.nozerowt_given && s.method != resample_sym) error_exit("\"Nozerowt\" option can be used with \"sym\" only");
   if (!(s.summary & (summary_frequency | summary_gc | summary_slope)) && !s.savetrees)
     error_exit("Must specify either a summary type (freq, slope, gc) or \"savetrees\"");
   if (s.summary & summary_slope) {
     if (s.method == resample_boot || s.method == resample_poisson)
       error_exit("Slope summary cannot be used with boostrapping (either Poisson or standard)");
     if (o.reference < 0) error_exit("To calculate frequency slopes, must define a reference tree");
-    error_exit("The \"slope\" summary of resample is not available yet");
   }
   return o;
 }
@@ -261,6 +264,266 @@ std::vector<std::int32_t> replicate_consensus(const std::vector<std::uint8_t>& u
 }
 
 
+// Runs the replicates: perturbed weights, the search text, the strict consensus of the
+// trees found. Returns true when the run was interrupted (the replicates done are kept).
+// The store is left empty; weights, seed and output are given back on every exit.
+bool run_replicates(const ResampleSettings& s, int probability, const std::vector<std::uint8_t>& user,
+                    const std::string& label, std::vector<std::vector<std::int32_t>>& replicates,
+                    std::vector<int>* changed = nullptr, std::vector<int>* unchanged = nullptr) {
+  auto& d = dataset::dataset;
+  static bool recover_added = false;
+  if (!recover_added) {
+    add_recover_step(give_back);
+    recover_added = true;
+  }
+  run = ResampleRun();
+  run.active = 1;
+  for (const auto& c : d.chars) run.weights.push_back(c.weight);
+  run.user_seed = qax::search::search_settings.seed;
+  run.silent = output_state.silent_flags;
+  std::vector<std::uint8_t> active(d.chars.size());
+  for (std::size_t c = 0; c < d.chars.size(); ++c) active[c] = d.chars[c].active;
+  ReplicateSeeds seeds;
+  {
+    const int us = qax::search::search_settings.seed;
+    qax::search::set_random_seed(us == 0 ? static_cast<std::uint32_t>(std::time(nullptr)) : static_cast<std::uint32_t>(us));
+  }
+  seeds.next = static_cast<std::uint32_t>(qax::search::random_next()) | 1u;
+  std::string search = s.search;
+  while (!search.empty() && std::isspace(static_cast<unsigned char>(search.back()))) search.pop_back();
+  if (search.empty() || search.back() != ';') search += ';';
+  const std::string text = search + "\nresample @;\n";
+  qax::trees::autosave_rows = &replicates;
+  shell_state.stop_search_flag = 0;
+  bool interrupted = false;
+  for (int r = 1; r <= s.replications; ++r) {
+    char progress[80];
+    std::snprintf(progress, sizeof progress, "%s (rep. %i of %i)", label.c_str(), r, s.replications);
+    show_progress(r - 1, s.replications, progress);
+    const std::uint32_t seed = seeds.take(r);
+    std::vector<std::int32_t> w = run.weights;
+    perturb_weights(s.method, probability, s.softboot, s.zerowt != 0, active, w,
+                    [] { return qax::search::random_next(); });
+    for (std::size_t c = 0; c < d.chars.size(); ++c) d.chars[c].weight = w[c];
+    qax::search::search_settings.seed = static_cast<int>(seed & 0x7fffffffu) ? static_cast<int>(seed & 0x7fffffffu) : 1;
+    tree_store.ntrees = 0;
+    tree_store.trees_changed = 1;
+    qax::optim::invalidate_pack();
+    output_state.silent_flags = 7;
+    output_state.inner_silent_search = 1;
+    if (!run_search_text(text)) {
+      give_back();
+      qax::trees::autosave_rows = nullptr;
+      tree_store.ntrees = 0;
+      recover();
+    }
+    output_state.silent_flags = run.silent;
+    output_state.inner_silent_search = 0;
+    if (shell_state.stop_search_flag) {
+      interrupted = true;
+      break;
+    }
+    replicates.push_back(replicate_consensus(user));
+    if (changed && unchanged) {
+      int ch = 0, un = 0;
+      for (std::size_t c = 0; c < d.chars.size(); ++c)
+        if (active[c]) (w[c] != run.weights[c] * (s.zerowt || s.method != resample_sym ? 1 : 2) ? ch : un)++;
+      changed->push_back(ch);
+      unchanged->push_back(un);
+    }
+    for (std::size_t c = 0; c < d.chars.size(); ++c) d.chars[c].weight = run.weights[c];
+    qax::trees::tree_autosave_check(false);
+    shell_state.search_running = 1;
+    const bool stop = check_interrupt(1) != 0;
+    shell_state.search_running = 0;
+    if (stop) {
+      interrupted = true;
+      break;
+    }
+  }
+  qax::trees::autosave_rows = nullptr;
+  give_back();
+  shell_state.stop_search_flag = 0;
+  clear_progress();
+  tree_store.ntrees = 0;
+  tree_store.trees_changed = 1;
+  return interrupted;
+}
+
+// Groups of a tree as sets of included terminals (trivial ones left out).
+std::vector<std::vector<std::uint64_t>> tree_groups(const std::int32_t* tree, const std::vector<std::uint8_t>& excluded,
+                                                    int included, NodeSets& ns) {
+  const int ntax = static_cast<int>(excluded.size());
+  std::vector<std::vector<std::uint64_t>> out;
+  compute_node_sets(tree, excluded.data(), ns);
+  for (int v = ntax + 1; v < tree[ntax]; ++v) {
+    const int size = ns.sizes[v];
+    if (size < 2 || size >= included) continue;
+    out.emplace_back(ns.row(v), ns.row(v) + ns.words);
+  }
+  return out;
+}
+
+bool same_group(const std::vector<std::uint64_t>& a, const std::vector<std::uint64_t>& b) { return a == b; }
+
+bool conflict(const std::vector<std::uint64_t>& a, const std::vector<std::uint64_t>& b) {
+  bool both = false, only_a = false, only_b = false;
+  for (std::size_t w = 0; w < a.size(); ++w) {
+    both |= (a[w] & b[w]) != 0;
+    only_a |= (a[w] & ~b[w]) != 0;
+    only_b |= (b[w] & ~a[w]) != 0;
+  }
+  return both && only_a && only_b;
+}
+
+bool contains(const std::vector<std::vector<std::uint64_t>>& set, const std::vector<std::uint64_t>& g) {
+  for (const auto& h : set)
+    if (same_group(h, g)) return true;
+  return false;
+}
+
+bool conflicts_any(const std::vector<std::vector<std::uint64_t>>& set, const std::vector<std::uint64_t>& g) {
+  for (const auto& h : set)
+    if (conflict(h, g)) return true;
+  return false;
+}
+
+// resample sibyl: the stability of the trees in memory under deletion of characters.
+// Each replicate's strict consensus is compared with the trees present before the run.
+void run_sibyl() {
+  ResampleSettings s = resample_settings;
+  s.method = resample_jak;
+  s.summary = 0;
+  int probability = 33, errcount = -1;
+  for (;;) {
+    const int c = peek_char();
+    if (c == ';') break;
+    if (c == '[') {
+      next_char();
+      std::string text;
+      int depth = 1;
+      for (int ch = next_char();; ch = next_char()) {
+        if (ch == 0 || ch == EOF) error_exit("Unexpected end of search commands for resample");
+        if (ch == '[') ++depth;
+        if (ch == ']' && --depth == 0) break;
+        text += static_cast<char>(ch);
+      }
+      s.search = text;
+      continue;
+    }
+    read_token();
+    std::string w = token_buffer;
+    for (char& ch : w) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+    if (word_is(w, "replications")) {
+      s.replications = read_option_number("Must specify a number of repls. greater than zero");
+      if (s.replications <= 0) error_exit("Must specify a number of repls. greater than zero");
+    } else if (word_is(w, "probability")) {
+      probability = read_option_number("Must specify probability, 1-99");
+      if (probability < 1 || probability > 99) error_exit("Deletion probability must be 0-99");
+    } else if (word_is(w, "errcount")) {
+      errcount = read_option_number("Must specify a reference tree");
+      if (errcount < 0 || errcount >= tree_store.ntrees) error_exit({"No tree", number_text(errcount)});
+    } else if (word_is(w, "allow")) {
+      s.allow = 1;
+    } else if (w == "command_name") {
+      s.search = read_rest_of_command();
+      break;
+    } else {
+      error_exitf("Unidentified string in sibyl options: %s", w.c_str());
+    }
+  }
+  const int ntax = tree_store.ntax;
+  auto& d = dataset::dataset;
+  std::vector<std::uint8_t> user(ntax, 0), excluded(ntax, 0);
+  int included = 0;
+  for (int t = 0; t < ntax; ++t) {
+    excluded[t] = d.taxon_active[t] ? 0 : excluded_as_missing;
+    included += excluded[t] == 0;
+  }
+  // The trees in memory are kept aside and come back at the end.
+  const int kept = tree_store.ntrees;
+  std::vector<std::int32_t> saved(tree_store.rows.begin(), tree_store.rows.begin() + static_cast<std::size_t>(kept) * tree_store.row_size);
+  std::vector<double> saved_scores(tree_store.scores.begin(), tree_store.scores.begin() + kept);
+  NodeSets ns;
+  node_sets_init(ns, ntax);
+  std::vector<std::vector<std::vector<std::uint64_t>>> before(kept);
+  for (int k = 0; k < kept; ++k) before[k] = tree_groups(saved.data() + static_cast<std::size_t>(k) * tree_store.row_size, excluded, included, ns);
+  std::vector<std::vector<std::int32_t>> replicates;
+  struct PutBack {
+    std::vector<std::int32_t>& rows;
+    std::vector<double>& scores;
+    int count;
+    ~PutBack() {
+      tree_store.ntrees = 0;
+      for (int k = 0; k < count && k < tree_store.maxtrees; ++k) {
+        std::copy(rows.begin() + static_cast<std::size_t>(k) * tree_store.row_size,
+                  rows.begin() + static_cast<std::size_t>(k + 1) * tree_store.row_size, tree_row(k));
+        tree_store.scores[k] = scores[k];
+        tree_store.ntrees = k + 1;
+      }
+      tree_store.trees_changed = 1;
+    }
+  } put_back{saved, saved_scores, kept};
+  const bool interrupted = run_replicates(s, probability, user, "Running", replicates);
+  clear_progress();
+  const int done = static_cast<int>(replicates.size());
+  if (interrupted) out_printf("Resampling interrupted: summarising %i replicates\n", done);
+  if (done == 0) error_exit("No replicates completed");
+  double supported = 0, compatible = 0, nsupported = 0, ncompatible = 0, distortion = 0, worst = 0;
+  double wrong = 0, wrong_inc = 0, missed = 0, missed_inc = 0;
+  std::vector<std::vector<std::uint64_t>> reference;
+  if (errcount >= 0) reference = before[errcount];
+  for (const auto& rep : replicates) {
+    const auto groups = tree_groups(rep.data(), excluded, included, ns);
+    int sup = 0, comp = 0;
+    for (const auto& g : groups) {
+      int in = 0;
+      for (const auto& b : before) in += contains(b, g);
+      if (in == kept) ++sup;
+      else if (in > 0) ++comp;
+    }
+    const double n = static_cast<double>(groups.size());
+    const double possible = included > 2 ? included - 2 : 1;
+    supported += n > 0 ? sup / n : 0;
+    compatible += n > 0 ? comp / n : 0;
+    nsupported += sup / possible;
+    ncompatible += comp / possible;
+    // Distortion: the share of the groups found that no tree in memory has.
+    const double dist = n > 0 ? (n - sup - comp) / n : 0;
+    distortion += dist;
+    worst = std::max(worst, dist);
+    if (errcount >= 0) {
+      int w = 0, wi = 0, m = 0, mi = 0;
+      for (const auto& g : groups) {
+        if (!contains(reference, g)) {
+          ++w;
+          if (conflicts_any(reference, g)) ++wi;
+        }
+      }
+      for (const auto& g : reference) {
+        if (!contains(groups, g)) {
+          ++m;
+          if (conflicts_any(groups, g)) ++mi;
+        }
+      }
+      wrong += n > 0 ? w / n : 0;
+      wrong_inc += n > 0 ? wi / n : 0;
+      const double r = reference.empty() ? 1 : static_cast<double>(reference.size());
+      missed += m / r;
+      missed_inc += mi / r;
+    }
+  }
+  out_printf("Stability indices, for p(del)=%i%%\n    Supported %.3f, compatible %.3f\n", probability, supported / done,
+             compatible / done);
+  out_printf("    Normalized: supported %.3f, compatible %.3f\n", nsupported / done, ncompatible / done);
+  out_printf("    Average distortion coeff.: %.3f", distortion / done);
+  out_printf("-%.3f\n", worst);
+  if (errcount >= 0) {
+    out_printf("    Wrong groups %.3f, wrong and incompatible %.3f\n", wrong / done, wrong_inc / done);
+    out_printf("    Missed groups %.3f, missed and incompatible %.3f\n", missed / done, missed_inc / done);
+  }
+}
+
 }  // namespace
 
 void cmd_resample() {
@@ -274,6 +537,10 @@ void cmd_resample() {
   auto& d = dataset::dataset;
   const int ntax = tree_store.ntax;
   RunOptions o = parse_options();
+  if (o.sibyl) {
+    run_sibyl();
+    return;
+  }
   ResampleSettings& s = o.s;
   const int probability = s.method == resample_jak ? s.jak_probability : s.sym_probability;
   // Cut below 50 is for frequency differences only.
@@ -309,78 +576,10 @@ void cmd_resample() {
   if (qax::search::constraint_defs.active) {
     // Nothing to check here beyond what the searches enforce.
   }
-  static bool recover_added = false;
-  if (!recover_added) {
-    add_recover_step(give_back);
-    recover_added = true;
-  }
   const double start = now_seconds();
-  run = ResampleRun();
-  run.active = 1;
-  for (const auto& c : d.chars) run.weights.push_back(c.weight);
-  run.user_seed = qax::search::search_settings.seed;
-  run.silent = output_state.silent_flags;
-  std::vector<std::uint8_t> active(d.chars.size());
-  for (std::size_t c = 0; c < d.chars.size(); ++c) active[c] = d.chars[c].active;
-  ReplicateSeeds seeds;
-  {
-    const int us = qax::search::search_settings.seed;
-    qax::search::set_random_seed(us == 0 ? static_cast<std::uint32_t>(std::time(nullptr)) : static_cast<std::uint32_t>(us));
-  }
-  seeds.next = static_cast<std::uint32_t>(qax::search::random_next()) | 1u;
-  std::string search = s.search;
-  while (!search.empty() && std::isspace(static_cast<unsigned char>(search.back()))) search.pop_back();
-  if (search.empty() || search.back() != ';') search += ';';
-  const std::string text = search + "\nresample @;\n";
-  const std::string label = progress_label(s.method);
   std::vector<std::vector<std::int32_t>> replicates;
-  qax::trees::autosave_rows = &replicates;
-  shell_state.stop_search_flag = 0;
-  bool interrupted = false;
-  for (int r = 1; r <= s.replications; ++r) {
-    char progress[80];
-    std::snprintf(progress, sizeof progress, "%s (rep. %i of %i)", label.c_str(), r, s.replications);
-    show_progress(r - 1, s.replications, progress);
-    const std::uint32_t seed = seeds.take(r);
-    std::vector<std::int32_t> w = run.weights;
-    perturb_weights(s.method, probability, s.softboot, s.zerowt != 0, active, w,
-                    [] { return qax::search::random_next(); });
-    for (std::size_t c = 0; c < d.chars.size(); ++c) d.chars[c].weight = w[c];
-    qax::search::search_settings.seed = static_cast<int>(seed & 0x7fffffffu) ? static_cast<int>(seed & 0x7fffffffu) : 1;
-    tree_store.ntrees = 0;
-    tree_store.trees_changed = 1;
-    qax::optim::invalidate_pack();
-    output_state.silent_flags = 7;
-    output_state.inner_silent_search = 1;
-    if (!run_search_text(text)) {
-      give_back();
-      qax::trees::autosave_rows = nullptr;
-      tree_store.ntrees = 0;
-      recover();
-    }
-    output_state.silent_flags = run.silent;
-    output_state.inner_silent_search = 0;
-    if (shell_state.stop_search_flag) {
-      interrupted = true;
-      break;
-    }
-    replicates.push_back(replicate_consensus(o.user));
-    for (std::size_t c = 0; c < d.chars.size(); ++c) d.chars[c].weight = run.weights[c];
-    qax::trees::tree_autosave_check(false);
-    shell_state.search_running = 1;
-    const bool stop = check_interrupt(1) != 0;
-    shell_state.search_running = 0;
-    if (stop) {
-      interrupted = true;
-      break;
-    }
-  }
-  qax::trees::autosave_rows = nullptr;
-  give_back();
-  shell_state.stop_search_flag = 0;
-  clear_progress();
-  tree_store.ntrees = 0;
-  tree_store.trees_changed = 1;
+  std::vector<int> changed, unchanged;
+  const bool interrupted = run_replicates(s, probability, o.user, progress_label(s.method), replicates, &changed, &unchanged);
   const int done = static_cast<int>(replicates.size());
   if (interrupted) out_printf("Resampling interrupted: summarising %i replicates\n", done);
   // The notes on the method.
@@ -446,6 +645,49 @@ void cmd_resample() {
     const double average = intree > 2 ? sum / (intree - 2) : 0;
     set_last_support(average);
     if (o.reference < 0) out_printf("Average group support: %.1f\n", average);
+  }
+  if ((s.summary & summary_slope) && done > 0) {
+    // Slope of each group's support against the proportion of characters changed: the
+    // least-squares line of the group's presence in each replicate (0 or 1) on that
+    // replicate's proportion of changed characters, in support per unit of change.
+    for (int i = 1; i < done; ++i)
+      if (changed[i] + unchanged[i] != changed[0] + unchanged[0])
+        error_exit("All trees must have the same partitions changed/unchanged chars.");
+    show_progress(0, 0, "Calculating slopes");
+    std::vector<double> p(done);
+    double pm = 0;
+    for (int i = 0; i < done; ++i) {
+      const int total = changed[i] + unchanged[i];
+      p[i] = total > 0 ? static_cast<double>(changed[i]) / total : 0;
+      pm += p[i];
+    }
+    pm /= done;
+    double sxx = 0;
+    for (int i = 0; i < done; ++i) sxx += (p[i] - pm) * (p[i] - pm);
+    NodeSets ns;
+    node_sets_init(ns, ntax);
+    int included = 0;
+    for (auto e : excluded) included += e == 0;
+    std::vector<std::vector<std::uint64_t>> ref_groups(2 * ntax - 1);
+    compute_node_sets(reference.data(), excluded.data(), ns);
+    for (int v = ntax + 1; v < reference[ntax]; ++v)
+      if (ns.sizes[v] >= 2 && ns.sizes[v] < included) ref_groups[v].assign(ns.row(v), ns.row(v) + ns.words);
+    std::vector<std::vector<std::vector<std::uint64_t>>> rep_groups(done);
+    for (int i = 0; i < done; ++i) rep_groups[i] = tree_groups(replicates[i].data(), excluded, included, ns);
+    std::vector<std::string> labels(2 * ntax - 1);
+    for (int v = ntax + 1; v < reference[ntax]; ++v) {
+      if (ref_groups[v].empty()) continue;
+      double sxy = 0;
+      for (int i = 0; i < done; ++i) sxy += (p[i] - pm) * (contains(rep_groups[i], ref_groups[v]) ? 1.0 : 0.0);
+      const double slope = sxx > 0 ? sxy / sxx : 0;
+      char text[32];
+      std::snprintf(text, sizeof text, " %+.2f", slope);
+      labels[v] = text;
+    }
+    clear_progress();
+    char title[200];
+    std::snprintf(title, sizeof title, "Frequency slopes, %i replicates (tree 0) - ", done);
+    show_support_tree(reference.data(), labels, std::string(title) + method);
   }
   if (s.savetrees && done > 0) {
     const int group = qax::trees::take_auto_group("resampled_trees");

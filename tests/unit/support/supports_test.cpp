@@ -455,5 +455,45 @@ TEST_F(Supports, SameSeedSameResults) {
   EXPECT_NE(a.find("Standard Bootstrap"), std::string::npos);
 }
 
+TEST_F(Supports, SibylKeepsTheTreesAndCountsTheirGroups) {
+  std::mt19937 rng(12);
+  run(random_matrix(8, 30, rng) + " rseed 2; hold 100; mult=rep 3 hold 4;");
+  const int before = trees::tree_store.ntrees;
+  std::vector<std::int32_t> rows(trees::tree_store.rows.begin(),
+                                 trees::tree_store.rows.begin() + static_cast<std::size_t>(before) * trees::tree_store.row_size);
+  const std::string out = run("resample sibyl replications 4 probability 1 errcount 0;");
+  // With 1 percent deletion nearly nothing changes: the indices come out, and the trees
+  // in memory are those of before.
+  EXPECT_NE(out.find("Stability indices, for p(del)=1%"), std::string::npos);
+  EXPECT_NE(out.find("Wrong groups"), std::string::npos);
+  ASSERT_EQ(trees::tree_store.ntrees, before);
+  EXPECT_TRUE(std::equal(rows.begin(), rows.end(), trees::tree_store.rows.begin()));
+  EXPECT_NE(run("resample jak sibyl;").find("\"Sibyl\" option must be the first option to \"resample\""), std::string::npos);
+  EXPECT_NE(run("resample sibyl frob;").find("Unidentified string in sibyl options:"), std::string::npos);
+}
+
+TEST_F(Supports, SlopesAreZeroForGroupsOfEveryReplicate) {
+  // Two blocks of identical characters: the groups they define survive any deletion that
+  // leaves one character of each, so their presence does not change with the proportion
+  // deleted.
+  std::string m = "xread 40 6\n";
+  const char* rowsx[6] = {"0000000000", "0000000000", "1111100000", "1111100000", "1111111111", "1111111111"};
+  for (int t = 0; t < 6; ++t) m += "t" + std::to_string(t) + " " + rowsx[t] + rowsx[t] + rowsx[t] + rowsx[t] + "\n";
+  run(m + "; rseed 1; mult=rep 2 hold 1;");
+  run("ttags=; resample jak replications 10 from 0 slope nogc nofrequency;");
+  const int ntax = 6;
+  const auto& tag = trees::tree_store.tag_tree;
+  ASSERT_TRUE(trees::tags_defined());
+  int checked = 0;
+  for (int v = ntax + 1; v < tag[ntax]; ++v) {
+    const std::string& t = trees::tree_store.tags[v];
+    if (t.empty()) continue;
+    EXPECT_EQ(t, " +0.00");
+    ++checked;
+  }
+  EXPECT_GT(checked, 0);
+  run("ttags-;");
+}
+
 }  // namespace
 }  // namespace qax
