@@ -3,6 +3,7 @@
 // supports are wanted), the strict consensus of the best ones gives the groups, and the
 // values are drawn on it.
 #include <algorithm>
+#include <functional>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -47,6 +48,9 @@ struct BremerOptions {
   bool tbr_plus = false;   // !+N: the tree's own excess counts
   bool tbr_keep_all = false;  // !!: no group of the reference collapses
   int formula = formula_none;
+  bool quick = false;          // :T/P
+  int quick_tree = 0;
+  double quick_proportion = -1;
   double x = 0.36;
   double factor = 1.0;
 };
@@ -91,7 +95,15 @@ BremerOptions read_options() {
       if (o.tbr_tree < 0 || o.tbr_tree >= tree_store.ntrees) error_exit({"No tree", number_text(o.tbr_tree)});
     } else if (c == ':') {
       next_char();
-      error_exit("The quick estimate of suboptimal values for Bremer supports is not available yet");
+      o.quick = true;
+      if (!std::isdigit(peek_char())) error_exit("Must specify tree for quick estimate of suboptimal");
+      o.quick_tree = read_int();
+      if (o.quick_tree < 0 || o.quick_tree >= tree_store.ntrees) error_exit({"No tree", number_text(o.quick_tree)});
+      if (accept_char('/')) {
+        o.quick_proportion = read_real();
+        if (o.quick_proportion < 0 || o.quick_proportion > 1) error_exit("Proportion of groups must be 0-1");
+      }
+      return o;
     } else if (c == '&' || c == '|') {
       next_char();
       o.formula = c == '&' ? formula_power : formula_complement;
@@ -140,6 +152,10 @@ std::string format_value(double v, bool integer) {
   return text;
 }
 
+// Score of one step added to a character without homoplasy: 1 under equal weights, the
+// fit difference between 0 and 1 extra step, 1/(K+1), under implied weights.
+double step_unit(bool implied) { return implied ? 1.0 / (qax::optim::implied_settings.concavity + 1.0) : 1.0; }
+
 // Values on the tree, the collapsing of =N, the title and the notes.
 void present(const BremerOptions& o, BremerResult& r, const std::vector<std::int32_t>& consensus,
              const std::vector<std::uint8_t>& excluded, int n, bool implied) {
@@ -160,10 +176,10 @@ void present(const BremerOptions& o, BremerResult& r, const std::vector<std::int
     double abs = a / 1.0;
     if (!implied && abs < 1) abs = 1;
     if (o.formula == formula_power) {
-      const double wo = o.factor;  // one step of a character without homoplasy, times F
+      const double wo = o.factor * step_unit(implied);
       value[v] = combined_power(rel, abs, o.x, wo);
     } else {
-      value[v] = combined_complement(rel, abs, o.x, o.factor);
+      value[v] = combined_complement(rel, abs, o.x, o.factor * step_unit(implied));
     }
   }
   // =N: groups below the cutoff collapse.
@@ -243,11 +259,11 @@ void present(const BremerOptions& o, BremerResult& r, const std::vector<std::int
     out_text({"Note: fastest algorithm used to calculate supports ",
               o.relative == 2 ? "(only trees within absolute support)" : "", "\n"});
   if (o.formula == formula_power) {
-    if (o.factor == 1.0) out_printf("Supports calculated as S =(%.5fxR)^(%.5f/A)\n", 1.0 - o.x, 1.0);
-    else out_printf("Supports calculated as S =(%.5fxR)^(%.5fx%.5f/A)\n", 1.0 - o.x, 1.0, o.factor);
+    if (o.factor == 1.0) out_printf("Supports calculated as S =(%.5fxR)^(%.5f/A)\n", 1.0 - o.x, step_unit(implied));
+    else out_printf("Supports calculated as S =(%.5fxR)^(%.5fx%.5f/A)\n", 1.0 - o.x, step_unit(implied), o.factor);
   } else if (o.formula == formula_complement) {
-    if (o.factor == 1.0) out_printf("Supports calculated as S = 1 - ( 1 - Rx%.5f )^(A/%.5f)\n", o.x, 1.0);
-    else out_printf("Supports calculated as S = 1 - ( 1 - Rx%.5f )^(A/%.5fx%.5f)\n", o.x, 1.0, o.factor);
+    if (o.factor == 1.0) out_printf("Supports calculated as S = 1 - ( 1 - Rx%.5f )^(A/%.5f)\n", o.x, step_unit(implied));
+    else out_printf("Supports calculated as S = 1 - ( 1 - Rx%.5f )^(A/%.5fx%.5f)\n", o.x, step_unit(implied), o.factor);
   }
   if (o.tbr) out_text({"TBR-swapping used to approximate supports\n"});
 }
@@ -271,11 +287,71 @@ void bsupport_tbr(const BremerOptions& o) {
   present(o, r, shown, excluded, 1, qax::optim::implied_settings.implied_on != 0);
 }
 
+// Score of a parent array: weighted steps, or fits under implied weights.
+double parent_score(const std::vector<std::int32_t>& tree) {
+  std::vector<int> parent(tree.begin(), tree.end()), steps;
+  qax::optim::character_steps(parent, steps);
+  const auto& imp = qax::optim::implied_settings;
+  double total = 0;
+  for (int c = 0; c < dataset.nchar && c < static_cast<int>(steps.size()); ++c) {
+    if (steps[c] < 0) continue;
+    const auto& r = dataset.chars[c];
+    if (imp.implied_on) {
+      const double h = std::max(0, steps[c] - r.min_steps + r.internal_steps);
+      total += r.weight * h / (imp.concavity + h);
+    } else {
+      total += static_cast<double>(steps[c]) * r.weight;
+    }
+  }
+  return total;
+}
+
+// bsupport :T/P: for each group of tree T the rise in score when its branch collapses,
+// an upper bound of its support; the largest, or the value at rank P of the groups sorted
+// by decreasing value, is the suboptimal value a search for supports needs.
+void quick_estimate(const BremerOptions& o) {
+  const int ntax = tree_store.ntax;
+  qax::dataset::minmax_check();
+  qax::optim::pack_data(false, false);
+  const std::int32_t* t = tree_row(o.quick_tree);
+  std::vector<std::int32_t> base(t, t + tree_store.row_size);
+  const double score = parent_score(base);
+  std::vector<double> rise;
+  for (int v = ntax + 1; v < base[ntax]; ++v) {
+    std::vector<std::int32_t> c = base;
+    for (int u = 0; u < base[ntax]; ++u)
+      if (u != ntax && c[u] == v && !(u < ntax && base[u] < ntax)) c[u] = base[v];
+    c[v] = 0;
+    qax::trees::reset_node_numbers(c.data(), ntax);
+    rise.push_back(parent_score(c) - score);
+    show_progress(v - ntax, base[ntax] - ntax, "Collapsing groups");
+  }
+  clear_progress();
+  if (rise.empty()) error_exitf("Tree %i has no groups", o.quick_tree);
+  std::sort(rise.begin(), rise.end(), std::greater<double>());
+  const bool integer = qax::optim::implied_settings.implied_on == 0;
+  char text[64];
+  if (o.quick_proportion < 0) {
+    std::snprintf(text, sizeof text, integer ? "%.0f" : "%.3f", rise.front());
+    out_printf("Suboptimal needed to collapse all groups of tree %i: %s\n", o.quick_tree, text);
+  } else {
+    const int rank = std::min(static_cast<int>(rise.size()) - 1, static_cast<int>(o.quick_proportion * rise.size()));
+    std::snprintf(text, sizeof text, integer ? "%.0f" : "%.3f", rise[rank]);
+    out_printf("Suboptimal needed to collapse all but %.3f of the best groups of tree %i: %s\n", o.quick_proportion,
+               o.quick_tree, text);
+  }
+  out_text({"(an estimate from the collapsing of each branch; not meant as a setting for searches)\n"});
+}
+
 }  // namespace
 
 void cmd_bsupport() {
   qax::dataset::require_data();
   BremerOptions o = read_options();
+  if (o.quick) {
+    quick_estimate(o);
+    return;
+  }
   if (o.tbr) {
     bsupport_tbr(o);
     return;

@@ -318,6 +318,15 @@ TEST_F(Supports, BremerFromAllTreesEqualsBruteForce) {
     // one, and groups never broken within the suboptimal show suboptimal + 1.
     int k0 = 0;
     while (len[k0] != best) ++k0;
+    // The quick estimate from the same tree bounds every support from above.
+    {
+      const std::string q = run("bsupport :" + std::to_string(k0) + ";");
+      const std::size_t at = q.find("Suboptimal needed to collapse all groups of tree");
+      ASSERT_NE(at, std::string::npos);
+      const int estimate = std::stoi(q.substr(q.find(':', at) + 1));
+      for (const auto& [c, v] : expected)
+        if (cl[k0].count(c)) EXPECT_GE(estimate, v);
+    }
     run("ttags-; ttags=; subopt 3; bsupport !" + std::to_string(k0) + "; subopt 0;");
     ASSERT_TRUE(trees::tags_defined());
     for (int v = ntax + 1; v < tag[ntax]; ++v) {
