@@ -63,6 +63,13 @@ void give_back() {
   qax::optim::invalidate_pack();
 }
 
+// True when some active character is a landmark configuration.
+bool landmarks_active() {
+  for (const auto& c : dataset::dataset.chars)
+    if (c.active && c.format == dataset::format_landmark) return true;
+  return false;
+}
+
 bool word_is(const std::string& w, const char* full) { return !w.empty() && is_prefix(w, full) == 0; }
 
 int read_option_number(const char* message) {
@@ -116,6 +123,7 @@ RunOptions parse_options() {
     if (word_is(w, "sibyl")) {
       if (!first) error_exit("\"Sibyl\" option must be the first option to \"resample\"");
       if (tree_store.ntrees == 0) error_exit("\"Sibyl\" option requires pre-existing trees");
+      if (landmarks_active()) error_exit("Sorry, cannot run \"sibyl\" option with landmark characters");
       o.sibyl = true;
       return o;
     } else if (word_is(w, "allow")) {
@@ -193,6 +201,7 @@ RunOptions parse_options() {
   if (!(s.summary & (summary_frequency | summary_gc | summary_slope)) && !s.savetrees)
     error_exit("Must specify either a summary type (freq, slope, gc) or \"savetrees\"");
   if (s.summary & summary_slope) {
+    if (landmarks_active()) error_exit("Cannot do frequency slopes for landmark data");
     if (s.method == resample_boot || s.method == resample_poisson)
       error_exit("Slope summary cannot be used with boostrapping (either Poisson or standard)");
     if (o.reference < 0) error_exit("To calculate frequency slopes, must define a reference tree");
@@ -211,10 +220,18 @@ std::string progress_label(int method) {
 bool run_search_text(const std::string& text) {
   push_text_level(text, "resample");
   const int level = input_level();
+  const auto& d = dataset::dataset;
+  const int ntax = d.ntax, nchar = d.nchar;
   run.replicate_done = 0;
   while (!run.replicate_done) {
     if (input_level() < level || !run.active) return false;
     read_and_dispatch();
+    // A new data set inside a replicate would leave nothing to compare.
+    if (d.ntax != ntax || d.nchar != nchar || tree_store.ntax != ntax) {
+      output_state.silent_flags = run.silent;
+      give_back();
+      error_exit("The data set was changed during a resampling replicate: resampling ended");
+    }
   }
   if (input_level() == level) close_input();
   return true;
