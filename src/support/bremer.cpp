@@ -226,7 +226,6 @@ void present(const BremerOptions& o, BremerResult& r, const std::vector<std::int
   }
   std::vector<std::string> labels(2 * ntax - 1);
   double sum = 0;
-  int groups = 0;
   for (int v = ntax + 1; v < shown[ntax]; ++v) {
     if (!has[v]) continue;
     const bool as_integer = o.relative || o.formula ? true : integer;
@@ -234,7 +233,6 @@ void present(const BremerOptions& o, BremerResult& r, const std::vector<std::int
     if (r.lower_bound[v] && !o.formula && !o.relative) text = "[" + text + "]";
     labels[v] = text;
     sum += value[v];
-    ++groups;
   }
   int intree = 0;
   for (int t = 0; t < ntax; ++t) intree += shown[t] >= ntax && !excluded[t];

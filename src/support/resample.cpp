@@ -241,7 +241,7 @@ bool run_search_text(const std::string& text) {
 struct ReplicateSeeds {
   std::unordered_set<std::uint32_t> used;
   std::uint32_t next = 0;
-  std::uint32_t take(int r) {
+  std::uint32_t take() {
     const std::uint32_t seed = next;
     qax::search::set_random_seed(seed);
     const int step = qax::search::search_settings.seed_step;
@@ -257,7 +257,6 @@ struct ReplicateSeeds {
       next = v;
     }
     used.insert(seed);
-    (void)r;
     return seed;
   }
 };
@@ -317,7 +316,7 @@ bool run_replicates(const ResampleSettings& s, int probability, const std::vecto
     char progress[80];
     std::snprintf(progress, sizeof progress, "%s (rep. %i of %i)", label.c_str(), r, s.replications);
     show_progress(r - 1, s.replications, progress);
-    const std::uint32_t seed = seeds.take(r);
+    const std::uint32_t seed = seeds.take();
     std::vector<std::int32_t> w = run.weights;
     perturb_weights(s.method, probability, s.softboot, s.zerowt != 0, active, w,
                     [] { return qax::search::random_next(); });
@@ -589,10 +588,6 @@ void cmd_resample() {
       error_exitf("To save %i trees (and summaries), set maxtrees to %i or more", s.replications, need);
   }
   resample_settings = s;
-  // The settings are kept; the run may start.
-  if (qax::search::constraint_defs.active) {
-    // Nothing to check here beyond what the searches enforce.
-  }
   const double start = now_seconds();
   std::vector<std::vector<std::int32_t>> replicates;
   std::vector<int> changed, unchanged;
