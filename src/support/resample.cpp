@@ -215,9 +215,33 @@ std::string progress_label(int method) {
   return "Resampling";
 }
 
+// Commands that would spoil a run if a replicate's text used them (a new data set,
+// changed characters or taxa, files opened or closed, nested supports); refused unless
+// the run was given "allow".
+const char* const refused_in_replicates[] = {"xread", "procedure", "resample", "bsupport", "quit", "exit",
+                                             "ccode", "taxcode", "nstates", "outgroup", "log", "tsave",
+                                             "ttags", "run"};
+
+// The command about to run on the current level, read without consuming it (null when
+// the text does not show it, and for the internal step "resample @").
+const CommandRecord* next_command() {
+  peek_char();
+  const InputFrame& f = current_frame();
+  int i = f.pos;
+  while (f.text[i] && (std::isspace(static_cast<unsigned char>(f.text[i])) || f.text[i] == ';')) ++i;
+  std::string w;
+  while (f.text[i] && std::isalpha(static_cast<unsigned char>(f.text[i])))
+    w.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(f.text[i++]))));
+  while (f.text[i] == ' ') ++i;
+  if (w.empty() || f.text[i] == '@') return nullptr;
+  for (const CommandRecord* r = command_table(); r && r->name; ++r)
+    if (is_prefix(w, r->name) == 0) return r;
+  return nullptr;
+}
+
 // Runs the text as commands until the internal step after it; false when a command of
 // the text failed (the input is then unwound and the failure already reported).
-bool run_search_text(const std::string& text) {
+bool run_search_text(const std::string& text, bool allow) {
   push_text_level(text, "resample");
   const int level = input_level();
   const auto& d = dataset::dataset;
@@ -225,6 +249,15 @@ bool run_search_text(const std::string& text) {
   run.replicate_done = 0;
   while (!run.replicate_done) {
     if (input_level() < level || !run.active) return false;
+    if (!allow && input_level() == level) {
+      if (const CommandRecord* r = next_command())
+        for (const char* name : refused_in_replicates)
+          if (std::strcmp(r->name, name) == 0) {
+            output_state.silent_flags = run.silent;
+            give_back();
+            error_exitf("Command \"%s\" is not allowed during resampling (use \"allow\" to permit it)", r->name);
+          }
+    }
     read_and_dispatch();
     // A new data set inside a replicate would leave nothing to compare.
     if (d.ntax != ntax || d.nchar != nchar || tree_store.ntax != ntax) {
@@ -327,7 +360,7 @@ bool run_replicates(const ResampleSettings& s, int probability, const std::vecto
     qax::optim::invalidate_pack();
     output_state.silent_flags = 7;
     output_state.inner_silent_search = 1;
-    if (!run_search_text(text)) {
+    if (!run_search_text(text, s.allow != 0)) {
       give_back();
       qax::trees::autosave_rows = nullptr;
       tree_store.ntrees = 0;

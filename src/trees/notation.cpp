@@ -1189,7 +1189,10 @@ void tree_autosave_check(bool force) {
     auto_save.seconds = 0;
     return;
   }
-  std::fprintf(f, "tread\n'trees saved at %.0f secs.'\n", now - static_cast<double>(shell_state.run_start_time > 0 ? 0 : 0) - shell_state.watch_reference);
+  if (autosave_rows)
+    std::fprintf(f, "tread\n'partial results for resampling (%i reps.)'\n", static_cast<int>(autosave_rows->size()));
+  else
+    std::fprintf(f, "tread\n'trees saved at %.0f secs.'\n", now - static_cast<double>(shell_state.run_start_time > 0 ? 0 : 0) - shell_state.watch_reference);
   const int count = autosave_rows ? static_cast<int>(autosave_rows->size()) : tree_store.ntrees;
   for (int k = 0; k < count; ++k) {
     if (k) std::fputs("*\n", f);

@@ -30,5 +30,6 @@ grep -q "after the resampling" r.log || { echo "the commands after the resamplin
 # The auto-save wrote the consensus trees of the replicates done so far.
 trees=$(cat auto-1 auto-2 2>/dev/null | grep -c '^(')
 [ "$trees" -gt 0 ] || { echo "no replicate trees auto-saved"; fail=1; }
+grep -q "^'partial results for resampling ([0-9]* reps.)'" auto-1 || { echo "auto-save title"; fail=1; }
 [ "$fail" = 0 ] || tail -20 r.log
 exit $fail
