@@ -128,12 +128,36 @@ void show_tags(bool multi) {
   const int ntax = tree_store.ntax;
   std::vector<std::string> labels = tree_store.tags;
   labels.resize(2 * ntax - 1);
+  const char sep = static_cast<char>(tree_store.tag_separator ? tree_store.tag_separator : '\\');
+  const std::string title = tag_settings.title.empty() ? "Tree-tags" : tag_settings.title;
   if (!multi) {
     // One line a tag: the separator shows as "/".
-    for (auto& l : labels)
-      std::replace(l.begin(), l.end(), static_cast<char>(tree_store.tag_separator ? tree_store.tag_separator : '\\'), '/');
+    for (auto& l : labels) std::replace(l.begin(), l.end(), sep, '/');
+    draw_tree(tree_store.tag_tree.data(), ntax, &labels, title);
+    return;
   }
-  draw_tree(tree_store.tag_tree.data(), ntax, &labels, tag_settings.title.empty() ? "Tree-tags" : tag_settings.title);
+  // Multiple lines as such: the tree shows node numbers, and each tag follows below,
+  // one line of text a line.
+  std::vector<std::string> numbers(2 * ntax - 1);
+  for (int v = 0; v < 2 * ntax - 1; ++v)
+    if (!labels[v].empty()) numbers[v] = std::to_string(v);
+  draw_tree(tree_store.tag_tree.data(), ntax, &numbers, title);
+  for (int v = 0; v < 2 * ntax - 1; ++v) {
+    if (labels[v].empty()) continue;
+    std::string text = labels[v];
+    std::size_t start = 0;
+    bool first = true;
+    for (;;) {
+      const std::size_t at = text.find(sep, start);
+      const std::string line = text.substr(start, at == std::string::npos ? std::string::npos : at - start);
+      char head[32];
+      std::snprintf(head, sizeof head, first ? "%6i  " : "        ", v);
+      out_text({head, line, "\n"});
+      first = false;
+      if (at == std::string::npos) break;
+      start = at + 1;
+    }
+  }
 }
 
 // Node number for +N, <N: must be a node of the tag tree.
