@@ -326,6 +326,7 @@ void cmd_rfreqs() {
   char title[160];
   std::snprintf(title, sizeof title, "Frequency of Rough Recovery (groups from tree %i, in %i trees)", reference, counted);
   qax::trees::draw_tree(tree_row(reference), ntax, &labels, title);
+  qax::trees::tags_collect(tree_row(reference), ntax, labels);
   out_text({"Please note: these values do NOT measure group support!\n"});
 }
 

@@ -621,6 +621,20 @@ void cmd_resample() {
       error_exitf("To save %i trees (and summaries), set maxtrees to %i or more", s.replications, need);
   }
   resample_settings = s;
+  // A monophyly constraint holding the outgroup makes each replicate's rooting depend on it.
+  {
+    const auto& cd = qax::search::constraint_defs;
+    const int og = d.outgroup;
+    if (cd.active && og >= 0 && og < ntax)
+      for (const auto& g : cd.positive)
+        if (og < static_cast<int>(g.field.size()) && g.field[og] == qax::search::field_inside) {
+          char text[300];
+          std::snprintf(text, sizeof text, "Some constraints for monophyly include current outgroup (%s)",
+                        d.taxon_names[og].c_str());
+          warning({text});
+          break;
+        }
+  }
   const double start = now_seconds();
   std::vector<std::vector<std::int32_t>> replicates;
   std::vector<int> changed, unchanged;
