@@ -18,6 +18,7 @@
 #include "shell/shell_commands.h"
 #include "shell/state.h"
 #include "trees/store.h"
+#include "trees/tags.h"
 
 namespace qax::trees {
 
@@ -427,6 +428,7 @@ void store_tags(const std::vector<std::int32_t>& tree, const std::vector<std::st
   tree_store.tag_tree = tree;
   tree_store.tags = tags;
   tree_store.tags_from_consensus = 0;
+  tag_settings.title = "Tree-tags from " + base_name(current_frame().name);
 }
 
 
