@@ -1,12 +1,8 @@
-// resample: the command, its options, the loop of replicates and the summaries. Each
-// replicate perturbs the weights, empties the tree store, and runs the search text as
-// ordinary commands on a level of the input stack, read by a nested command loop that
-// ends at the internal step "resample @;" placed after the text. The strict consensus of
-// the trees found is the only thing kept of a replicate.
+// resample: the command, its options and the summaries of the replicates (frequencies,
+// GC values, slopes, the saved replicate trees).
 #include "support/resample.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cctype>
 #include <climits>
 #include <cstring>
@@ -25,6 +21,7 @@
 #include "support/command_helpers.h"
 #include "support/consensus.h"
 #include "support/group_set.h"
+#include "support/resample_internal.h"
 #include "support/supports.h"
 #include "support/temp_collapse.h"
 #include "trees/notation.h"
@@ -40,36 +37,6 @@ ResampleSettings resample_settings;
 
 void reset_resample_settings() { resample_settings = ResampleSettings(); }
 
-namespace {
-
-// The run in progress: what must be given back on every way out.
-struct ResampleRun {
-  int active = 0;                     // a run is going on
-  int replicate_done = 0;             // the step after the search text was reached
-  std::vector<std::int32_t> weights;  // the user's weights
-  int user_seed = 1;                  // search seed before the run
-  int silent = 0;                     // output flags before the run
-};
-ResampleRun run;
-
-void give_back() {
-  if (!run.active) return;
-  run.active = 0;
-  auto& chars = dataset::dataset.chars;
-  for (std::size_t c = 0; c < chars.size() && c < run.weights.size(); ++c) chars[c].weight = run.weights[c];
-  qax::search::search_settings.seed = run.user_seed;
-  output_state.silent_flags = run.silent;
-  output_state.inner_silent_search = 0;
-  qax::optim::invalidate_pack();
-}
-
-// True when some active character is a landmark configuration.
-bool landmarks_active() {
-  for (const auto& c : dataset::dataset.chars)
-    if (c.active && c.format == dataset::format_landmark) return true;
-  return false;
-}
-
 bool word_is(const std::string& w, const char* full) { return !w.empty() && is_prefix(w, full) == 0; }
 
 int read_option_number(const char* message) {
@@ -78,7 +45,21 @@ int read_option_number(const char* message) {
   return read_int();
 }
 
-// Options of one run, parsed into a copy of the settings.
+
+std::string read_search_text() {
+  std::string text;
+  int depth = 1;
+  for (int ch = next_char();; ch = next_char()) {
+    if (ch == 0 || ch == EOF) error_exit("Unexpected end of search commands for resample");
+    if (ch == '[') ++depth;
+    if (ch == ']' && --depth == 0) break;
+    text += static_cast<char>(ch);
+  }
+  return text;
+}
+
+namespace {
+
 struct RunOptions {
   ResampleSettings s;
   int probability = -1;   // given with "probability"
@@ -102,15 +83,7 @@ RunOptions parse_options() {
     }
     if (c == '[') {
       next_char();
-      std::string text;
-      int depth = 1;
-      for (int ch = next_char();; ch = next_char()) {
-        if (ch == 0 || ch == EOF) error_exit("Unexpected end of search commands for resample");
-        if (ch == '[') ++depth;
-        if (ch == ']' && --depth == 0) break;
-        text += static_cast<char>(ch);
-      }
-      o.s.search = text;
+      o.s.search = read_search_text();
       continue;
     }
     if (!std::isalpha(c)) {
@@ -215,373 +188,14 @@ std::string progress_label(int method) {
   return "Resampling";
 }
 
-// Commands that would spoil a run if a replicate's text used them (a new data set,
-// changed characters or taxa, files opened or closed, nested supports); refused unless
-// the run was given "allow".
-const char* const refused_in_replicates[] = {"xread", "procedure", "resample", "bsupport", "quit", "exit",
-                                             "ccode", "taxcode", "nstates", "outgroup", "log", "tsave",
-                                             "ttags", "run"};
-
-// The command about to run on the current level, read without consuming it (null when
-// the text does not show it, and for the internal step "resample @").
-const CommandRecord* next_command() {
-  peek_char();
-  const InputFrame& f = current_frame();
-  int i = f.pos;
-  while (f.text[i] && (std::isspace(static_cast<unsigned char>(f.text[i])) || f.text[i] == ';')) ++i;
-  std::string w;
-  while (f.text[i] && std::isalpha(static_cast<unsigned char>(f.text[i])))
-    w.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(f.text[i++]))));
-  while (f.text[i] == ' ') ++i;
-  if (w.empty() || f.text[i] == '@') return nullptr;
-  for (const CommandRecord* r = command_table(); r && r->name; ++r)
-    if (is_prefix(w, r->name) == 0) return r;
-  return nullptr;
-}
-
-// Runs the text as commands until the internal step after it; false when a command of
-// the text failed (the input is then unwound and the failure already reported).
-bool run_search_text(const std::string& text, bool allow) {
-  push_text_level(text, "resample");
-  const int level = input_level();
-  const auto& d = dataset::dataset;
-  const int ntax = d.ntax, nchar = d.nchar;
-  run.replicate_done = 0;
-  while (!run.replicate_done) {
-    if (input_level() < level || !run.active) return false;
-    if (!allow && input_level() == level) {
-      if (const CommandRecord* r = next_command())
-        for (const char* name : refused_in_replicates)
-          if (std::strcmp(r->name, name) == 0) {
-            output_state.silent_flags = run.silent;
-            give_back();
-            error_exitf("Command \"%s\" is not allowed during resampling (use \"allow\" to permit it)", r->name);
-          }
-    }
-    read_and_dispatch();
-    // A new data set inside a replicate would leave nothing to compare.
-    if (d.ntax != ntax || d.nchar != nchar || tree_store.ntax != ntax) {
-      output_state.silent_flags = run.silent;
-      give_back();
-      error_exit("The data set was changed during a resampling replicate: resampling ended");
-    }
-  }
-  if (input_level() == level) close_input();
-  return true;
-}
-
-// Seeds of replicates: drawn in sequence, never repeated within the run.
-struct ReplicateSeeds {
-  std::unordered_set<std::uint32_t> used;
-  std::uint32_t next = 0;
-  std::uint32_t take() {
-    const std::uint32_t seed = next;
-    qax::search::set_random_seed(seed);
-    const int step = qax::search::search_settings.seed_step;
-    if (step > 0) {
-      next = seed + static_cast<std::uint32_t>(step);
-    } else {
-      std::uint32_t v = static_cast<std::uint32_t>(qax::search::random_next());
-      while (v == 0 || used.count(v) || v == seed) {
-        const std::uint64_t r2 = std::max<std::uint32_t>(1u, static_cast<std::uint32_t>(qax::search::random_next()));
-        v = static_cast<std::uint32_t>((static_cast<std::uint64_t>(qax::search::random_next()) * seed) / r2);
-        v &= 0x7fffffffu;
-      }
-      next = v;
-    }
-    used.insert(seed);
-    return seed;
-  }
-};
-
-// The strict consensus of the trees in memory, with the collapsing in force.
-std::vector<std::int32_t> replicate_consensus(const std::vector<std::uint8_t>& user) {
-  const int ntax = tree_store.ntax;
-  std::vector<std::int32_t> result(2 * ntax - 1, 0);
-  if (tree_store.ntrees == 0) {
-    for (int t = 0; t < ntax; ++t) result[t] = dataset::dataset.taxon_active[t] && !user[t] ? ntax : 0;
-    result[ntax] = ntax + 1;
-    return result;
-  }
-  std::vector<int> trees;
-  for (int k = 0; k < tree_store.ntrees; ++k) trees.push_back(k);
-  TempCollapse collapse("resample");
-  std::vector<std::uint8_t> excluded;
-  prepare_exclusions(trees, user, true, excluded);
-  strict_consensus(trees, excluded, result.data(), false);
-  return result;
-}
-
-
-// Runs the replicates: perturbed weights, the search text, the strict consensus of the
-// trees found. Returns true when the run was interrupted (the replicates done are kept).
-// The store is left empty; weights, seed and output are given back on every exit.
-bool run_replicates(const ResampleSettings& s, int probability, const std::vector<std::uint8_t>& user,
-                    const std::string& label, std::vector<std::vector<std::int32_t>>& replicates,
-                    std::vector<int>* changed = nullptr, std::vector<int>* unchanged = nullptr) {
-  auto& d = dataset::dataset;
-  static bool recover_added = false;
-  if (!recover_added) {
-    add_recover_step(give_back);
-    recover_added = true;
-  }
-  run = ResampleRun();
-  run.active = 1;
-  for (const auto& c : d.chars) run.weights.push_back(c.weight);
-  run.user_seed = qax::search::search_settings.seed;
-  run.silent = output_state.silent_flags;
-  std::vector<std::uint8_t> active(d.chars.size());
-  for (std::size_t c = 0; c < d.chars.size(); ++c) active[c] = d.chars[c].active;
-  ReplicateSeeds seeds;
-  {
-    const int us = qax::search::search_settings.seed;
-    qax::search::set_random_seed(us == 0 ? static_cast<std::uint32_t>(std::time(nullptr)) : static_cast<std::uint32_t>(us));
-  }
-  seeds.next = static_cast<std::uint32_t>(qax::search::random_next()) | 1u;
-  std::string search = s.search;
-  while (!search.empty() && std::isspace(static_cast<unsigned char>(search.back()))) search.pop_back();
-  if (search.empty() || search.back() != ';') search += ';';
-  const std::string text = search + "\nresample @;\n";
-  qax::trees::autosave_rows = &replicates;
-  shell_state.stop_search_flag = 0;
-  bool interrupted = false;
-  for (int r = 1; r <= s.replications; ++r) {
-    char progress[80];
-    std::snprintf(progress, sizeof progress, "%s (rep. %i of %i)", label.c_str(), r, s.replications);
-    show_progress(r - 1, s.replications, progress);
-    const std::uint32_t seed = seeds.take();
-    std::vector<std::int32_t> w = run.weights;
-    perturb_weights(s.method, probability, s.softboot, s.zerowt != 0, active, w,
-                    [] { return qax::search::random_next(); });
-    for (std::size_t c = 0; c < d.chars.size(); ++c) d.chars[c].weight = w[c];
-    qax::search::search_settings.seed = static_cast<int>(seed & 0x7fffffffu) ? static_cast<int>(seed & 0x7fffffffu) : 1;
-    tree_store.ntrees = 0;
-    tree_store.trees_changed = 1;
-    qax::optim::invalidate_pack();
-    output_state.silent_flags = 7;
-    output_state.inner_silent_search = 1;
-    if (!run_search_text(text, s.allow != 0)) {
-      give_back();
-      qax::trees::autosave_rows = nullptr;
-      tree_store.ntrees = 0;
-      recover();
-    }
-    output_state.silent_flags = run.silent;
-    output_state.inner_silent_search = 0;
-    if (shell_state.stop_search_flag) {
-      interrupted = true;
-      break;
-    }
-    replicates.push_back(replicate_consensus(user));
-    if (changed && unchanged) {
-      int ch = 0, un = 0;
-      for (std::size_t c = 0; c < d.chars.size(); ++c)
-        if (active[c]) (w[c] != run.weights[c] * (s.zerowt || s.method != resample_sym ? 1 : 2) ? ch : un)++;
-      changed->push_back(ch);
-      unchanged->push_back(un);
-    }
-    for (std::size_t c = 0; c < d.chars.size(); ++c) d.chars[c].weight = run.weights[c];
-    qax::trees::tree_autosave_check(false);
-    shell_state.search_running = 1;
-    const bool stop = check_interrupt(1) != 0;
-    shell_state.search_running = 0;
-    if (stop) {
-      interrupted = true;
-      break;
-    }
-  }
-  qax::trees::autosave_rows = nullptr;
-  give_back();
-  shell_state.stop_search_flag = 0;
-  clear_progress();
-  tree_store.ntrees = 0;
-  tree_store.trees_changed = 1;
-  return interrupted;
-}
-
-// Groups of a tree as sets of included terminals (trivial ones left out).
-std::vector<std::vector<std::uint64_t>> tree_groups(const std::int32_t* tree, const std::vector<std::uint8_t>& excluded,
-                                                    int included, NodeSets& ns) {
-  const int ntax = static_cast<int>(excluded.size());
-  std::vector<std::vector<std::uint64_t>> out;
-  compute_node_sets(tree, excluded.data(), ns);
-  for (int v = ntax + 1; v < tree[ntax]; ++v) {
-    const int size = ns.sizes[v];
-    if (size < 2 || size >= included) continue;
-    out.emplace_back(ns.row(v), ns.row(v) + ns.words);
-  }
-  return out;
-}
-
-bool same_group(const std::vector<std::uint64_t>& a, const std::vector<std::uint64_t>& b) { return a == b; }
-
-bool conflict(const std::vector<std::uint64_t>& a, const std::vector<std::uint64_t>& b) {
-  bool both = false, only_a = false, only_b = false;
-  for (std::size_t w = 0; w < a.size(); ++w) {
-    both |= (a[w] & b[w]) != 0;
-    only_a |= (a[w] & ~b[w]) != 0;
-    only_b |= (b[w] & ~a[w]) != 0;
-  }
-  return both && only_a && only_b;
-}
-
-bool contains(const std::vector<std::vector<std::uint64_t>>& set, const std::vector<std::uint64_t>& g) {
-  for (const auto& h : set)
-    if (same_group(h, g)) return true;
-  return false;
-}
-
-bool conflicts_any(const std::vector<std::vector<std::uint64_t>>& set, const std::vector<std::uint64_t>& g) {
-  for (const auto& h : set)
-    if (conflict(h, g)) return true;
-  return false;
-}
-
-// resample sibyl: the stability of the trees in memory under deletion of characters.
-// Each replicate's strict consensus is compared with the trees present before the run.
-void run_sibyl() {
-  ResampleSettings s = resample_settings;
-  s.method = resample_jak;
-  s.summary = 0;
-  int probability = 33, errcount = -1;
-  for (;;) {
-    const int c = peek_char();
-    if (c == ';') break;
-    if (c == '[') {
-      next_char();
-      std::string text;
-      int depth = 1;
-      for (int ch = next_char();; ch = next_char()) {
-        if (ch == 0 || ch == EOF) error_exit("Unexpected end of search commands for resample");
-        if (ch == '[') ++depth;
-        if (ch == ']' && --depth == 0) break;
-        text += static_cast<char>(ch);
-      }
-      s.search = text;
-      continue;
-    }
-    read_token();
-    std::string w = token_buffer;
-    for (char& ch : w) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-    if (word_is(w, "replications")) {
-      s.replications = read_option_number("Must specify a number of repls. greater than zero");
-      if (s.replications <= 0) error_exit("Must specify a number of repls. greater than zero");
-    } else if (word_is(w, "probability")) {
-      probability = read_option_number("Must specify probability, 1-99");
-      if (probability < 1 || probability > 99) error_exit("Deletion probability must be 0-99");
-    } else if (word_is(w, "errcount")) {
-      errcount = read_option_number("Must specify a reference tree");
-      if (errcount < 0 || errcount >= tree_store.ntrees) error_exit({"No tree", number_text(errcount)});
-    } else if (word_is(w, "allow")) {
-      s.allow = 1;
-    } else if (w == "command_name") {
-      s.search = read_rest_of_command();
-      break;
-    } else {
-      error_exitf("Unidentified string in sibyl options: %s", w.c_str());
-    }
-  }
-  const int ntax = tree_store.ntax;
-  auto& d = dataset::dataset;
-  std::vector<std::uint8_t> user(ntax, 0), excluded(ntax, 0);
-  int included = 0;
-  for (int t = 0; t < ntax; ++t) {
-    excluded[t] = d.taxon_active[t] ? 0 : excluded_as_missing;
-    included += excluded[t] == 0;
-  }
-  // The trees in memory are kept aside and come back at the end.
-  const int kept = tree_store.ntrees;
-  std::vector<std::int32_t> saved(tree_store.rows.begin(), tree_store.rows.begin() + static_cast<std::size_t>(kept) * tree_store.row_size);
-  std::vector<double> saved_scores(tree_store.scores.begin(), tree_store.scores.begin() + kept);
-  NodeSets ns;
-  node_sets_init(ns, ntax);
-  std::vector<std::vector<std::vector<std::uint64_t>>> before(kept);
-  for (int k = 0; k < kept; ++k) before[k] = tree_groups(saved.data() + static_cast<std::size_t>(k) * tree_store.row_size, excluded, included, ns);
-  std::vector<std::vector<std::int32_t>> replicates;
-  struct PutBack {
-    std::vector<std::int32_t>& rows;
-    std::vector<double>& scores;
-    int count;
-    ~PutBack() {
-      tree_store.ntrees = 0;
-      for (int k = 0; k < count && k < tree_store.maxtrees; ++k) {
-        std::copy(rows.begin() + static_cast<std::size_t>(k) * tree_store.row_size,
-                  rows.begin() + static_cast<std::size_t>(k + 1) * tree_store.row_size, tree_row(k));
-        tree_store.scores[k] = scores[k];
-        tree_store.ntrees = k + 1;
-      }
-      tree_store.trees_changed = 1;
-    }
-  } put_back{saved, saved_scores, kept};
-  const bool interrupted = run_replicates(s, probability, user, "Running", replicates);
-  clear_progress();
-  const int done = static_cast<int>(replicates.size());
-  if (interrupted) out_printf("Resampling interrupted: summarising %i replicates\n", done);
-  if (done == 0) error_exit("No replicates completed");
-  double supported = 0, compatible = 0, nsupported = 0, ncompatible = 0, distortion = 0, worst = 0;
-  double wrong = 0, wrong_inc = 0, missed = 0, missed_inc = 0;
-  std::vector<std::vector<std::uint64_t>> reference;
-  if (errcount >= 0) reference = before[errcount];
-  for (const auto& rep : replicates) {
-    const auto groups = tree_groups(rep.data(), excluded, included, ns);
-    int sup = 0, comp = 0;
-    for (const auto& g : groups) {
-      int in = 0;
-      for (const auto& b : before) in += contains(b, g);
-      if (in == kept) ++sup;
-      else if (in > 0) ++comp;
-    }
-    const double n = static_cast<double>(groups.size());
-    const double possible = included > 2 ? included - 2 : 1;
-    supported += n > 0 ? sup / n : 0;
-    compatible += n > 0 ? comp / n : 0;
-    nsupported += sup / possible;
-    ncompatible += comp / possible;
-    // Distortion: the share of the groups found that no tree in memory has.
-    const double dist = n > 0 ? (n - sup - comp) / n : 0;
-    distortion += dist;
-    worst = std::max(worst, dist);
-    if (errcount >= 0) {
-      int w = 0, wi = 0, m = 0, mi = 0;
-      for (const auto& g : groups) {
-        if (!contains(reference, g)) {
-          ++w;
-          if (conflicts_any(reference, g)) ++wi;
-        }
-      }
-      for (const auto& g : reference) {
-        if (!contains(groups, g)) {
-          ++m;
-          if (conflicts_any(groups, g)) ++mi;
-        }
-      }
-      wrong += n > 0 ? w / n : 0;
-      wrong_inc += n > 0 ? wi / n : 0;
-      const double r = reference.empty() ? 1 : static_cast<double>(reference.size());
-      missed += m / r;
-      missed_inc += mi / r;
-    }
-  }
-  out_printf("Stability indices, for p(del)=%i%%\n    Supported %.3f, compatible %.3f\n", probability, supported / done,
-             compatible / done);
-  out_printf("    Normalized: supported %.3f, compatible %.3f\n", nsupported / done, ncompatible / done);
-  out_printf("    Average distortion coeff.: %.3f", distortion / done);
-  out_printf("-%.3f\n", worst);
-  if (errcount >= 0) {
-    out_printf("    Wrong groups %.3f, wrong and incompatible %.3f\n", wrong / done, wrong_inc / done);
-    out_printf("    Missed groups %.3f, missed and incompatible %.3f\n", missed / done, missed_inc / done);
-  }
-}
-
 }  // namespace
 
 void cmd_resample() {
   if (accept_char('@')) {
-    if (!run.active) error_exit("No resampling in progress");
-    run.replicate_done = 1;
+    if (!finish_replicate_step()) error_exit("No resampling in progress");
     return;
   }
-  if (run.active) error_exit("Cannot run resample within a resampling replicate");
+  if (resampling_running()) error_exit("Cannot run resample within a resampling replicate");
   qax::trees::require_data();
   auto& d = dataset::dataset;
   const int ntax = tree_store.ntax;
