@@ -314,6 +314,37 @@ TEST_F(Supports, BremerFromAllTreesEqualsBruteForce) {
       rel_got[Cluster(below.begin(), below.end())] = std::stoi(trees::tree_store.tags[v]);
     }
     EXPECT_EQ(rel_got, rel_expected) << "round " << round;
+    // "]": only trees within the group's absolute support take part.
+    std::map<Cluster, int> within_expected;
+    for (const auto& c : strict) {
+      const int limit = best + expected[c];
+      double r = 2;
+      for (int a = 0; a < n; ++a) {
+        if (!cl[a].count(c) || len[a] > limit) continue;
+        for (int b = 0; b < n; ++b) {
+          if (cl[b].count(c) || len[b] > limit) continue;
+          double f = 0, w = 0;
+          for (int ch = 0; ch < nchar; ++ch) {
+            const int d = steps[b][ch] - steps[a][ch];
+            if (d > 0) f += d;
+            else w -= d;
+          }
+          r = std::min(r, f > 0 ? (f - w) / f : (w > 0 ? -1.0 : 0.0));
+        }
+      }
+      if (r > 1) r = 0;  // no pair: no support
+      char text[32];
+      std::snprintf(text, sizeof text, "%.0f", 100 * std::max(0.0, r));
+      within_expected[c] = std::stoi(text);
+    }
+    run("ttags-; ttags=; bsupport ];");
+    std::map<Cluster, int> within_got;
+    for (int v = ntax + 1; v < tag[ntax]; ++v) {
+      auto below = test::taxa_below(tag.data(), ntax, v);
+      if (below.size() < 2 || static_cast<int>(below.size()) >= ntax - 1) continue;
+      within_got[Cluster(below.begin(), below.end())] = std::stoi(trees::tree_store.tags[v]);
+    }
+    EXPECT_EQ(within_got, within_expected) << "round " << round;
     // TBR from a shortest tree sees only its neighbours: every value is at least the exact
     // one, and groups never broken within the suboptimal show suboptimal + 1.
     int k0 = 0;
