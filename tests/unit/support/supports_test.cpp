@@ -535,5 +535,30 @@ TEST_F(Supports, SlopesAreZeroForGroupsOfEveryReplicate) {
   run("ttags-;");
 }
 
+TEST_F(Supports, GcTreeEqualsTheFrequencyDifferencesOfTheSavedReplicates) {
+  std::mt19937 rng(77);
+  run(random_matrix(9, 24, rng) + " rseed 8; hold 1000;");
+  run("ttags=; resample jak replications 10 gc nofrequency savetrees cut 0;");
+  const int ntax = trees::tree_store.ntax;
+  auto collect = [&] {
+    std::map<Cluster, std::string> out;
+    const auto& tag = trees::tree_store.tag_tree;
+    for (int v = ntax + 1; v < tag[ntax]; ++v) {
+      auto below = test::taxa_below(tag.data(), ntax, v);
+      if (below.size() < 2 || static_cast<int>(below.size()) >= ntax - 1) continue;
+      out[Cluster(below.begin(), below.end())] = trees::tree_store.tags[v];
+    }
+    return out;
+  };
+  ASSERT_EQ(trees::tree_store.ntrees, 11);
+  const auto from_resample = collect();
+  // The same count by freqdifs over the saved replicate trees 1-10, uncollapsed.
+  run("ttags-; ttags=; collapse-; freqdifs=0; freqdifs 1.10;");
+  const auto from_freqdifs = collect();
+  EXPECT_EQ(from_resample, from_freqdifs);
+  EXPECT_FALSE(from_resample.empty());
+  run("ttags-;");
+}
+
 }  // namespace
 }  // namespace qax
