@@ -235,6 +235,15 @@ void cmd_resample() {
       error_exitf("To save %i trees (and summaries), set maxtrees to %i or more", s.replications, need);
   }
   resample_settings = s;
+  // Landmark configurations are resampled whole, like single characters.
+  {
+    int landmark = 0, other = 0;
+    for (const auto& c : d.chars)
+      if (c.active) (c.format == dataset::format_landmark ? landmark : other)++;
+    if (landmark == 1 && other == 0) out_text({"You will be resampling whole configurations --but you have just one\n"});
+    else if (landmark > 0 && other > 0)
+      out_text({"Sampling will be changed to entire configurations\n(with landmark and traditional characters,\ncan't sample individual landmarks)\n"});
+  }
   // A monophyly constraint holding the outgroup makes each replicate's rooting depend on it.
   {
     const auto& cd = qax::search::constraint_defs;
