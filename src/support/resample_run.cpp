@@ -47,6 +47,8 @@ struct ResampleRun {
 ResampleRun run;
 
 void give_back() {
+  // The auto-save must not read the replicates of a run that has ended.
+  qax::trees::autosave_rows = nullptr;
   if (!run.active) return;
   run.active = 0;
   auto& chars = dataset::dataset.chars;
@@ -169,6 +171,8 @@ bool run_replicates(const ResampleSettings& s, int probability, const std::vecto
     add_recover_step(give_back);
     recover_added = true;
   }
+  // The collapsing of the replicates' consensus is checked before the first search.
+  { TempCollapse probe("resample"); }
   run = ResampleRun();
   run.active = 1;
   for (const auto& c : d.chars) run.weights.push_back(c.weight);
