@@ -6,8 +6,6 @@
 #include <cctype>
 #include <climits>
 #include <cstring>
-#include <ctime>
-#include <unordered_set>
 
 #include "dataset/dataset.h"
 #include "optim/packed.h"
@@ -44,7 +42,6 @@ int read_option_number(const char* message) {
   if (!std::isdigit(c) && c != '-') error_exit(message);
   return read_int();
 }
-
 
 std::string read_search_text() {
   std::string text;

@@ -3,8 +3,6 @@
 #include <cctype>
 #include <climits>
 #include <cstring>
-#include <ctime>
-#include <unordered_set>
 
 #include "dataset/dataset.h"
 #include "optim/packed.h"
