@@ -87,6 +87,7 @@ TagColour parse_tag_colour(const std::string& tag) {
         tc.rgb[1] = std::clamp(g, 0, 255);
         tc.rgb[2] = std::clamp(b, 0, 255);
         if (n >= 4) tc.width = std::max(0, w);
+        if (n >= 5) tc.length = std::max(0, len);
         std::size_t rest = close + 1;
         if (rest < tag.size() && tag[rest] == '/') ++rest;
         tc.text = tag.substr(rest);
@@ -144,6 +145,23 @@ std::string svg_document(const std::int32_t* tree, int ntax, const std::vector<s
   }
   for (int v : order) col_x[v] = left + (v < ntax ? maxdepth : depth[v]) * s.blength + s.blength;
   col_x[ntax] = left + s.blength;
+  // In colour mode, branch lengths given in the codes ("(R,G,B,thickness:length)") place
+  // each node that far (times blength) right of its parent; branches without one get 1.
+  if (s.colors) {
+    bool any = false;
+    std::vector<int> given(nodes, -1);
+    for (int v = 0; v < end && v < static_cast<int>(tags.size()); ++v)
+      if (!tags[v].empty()) {
+        const TagColour c = parse_tag_colour(tags[v]);
+        if (c.length >= 0) {
+          given[v] = c.length;
+          any = true;
+        }
+      }
+    if (any)
+      for (int v : order)
+        if (v != ntax) col_x[v] = col_x[tree[v]] + (given[v] >= 0 ? given[v] : 1) * s.blength;
+  }
   // Extent, legends included.
   long long maxx = 0, maxy = 0;
   for (int v : order) {

@@ -40,6 +40,7 @@ struct TagColour {
   int rgb[3] = {0, 0, 0};
   bool use_rgb = false;
   int width = -1;          // (R,G,B,thickness:length): thickness
+  int length = -1;         // and length of the branch (-1 none)
   bool dashed = false;
   std::string text;        // legend left after the code
 };

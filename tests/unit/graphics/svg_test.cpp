@@ -36,6 +36,7 @@ TEST(SvgColours, RgbCodesWidthsAndDashes) {
   EXPECT_EQ(c.rgb[1], 20);
   EXPECT_EQ(c.rgb[2], 255);
   EXPECT_EQ(c.width, 5);
+  EXPECT_EQ(c.length, 40);
   EXPECT_EQ(c.text, "legend");
   auto d = parse_tag_colour("-2/x");
   EXPECT_TRUE(d.dashed);
@@ -79,6 +80,14 @@ TEST(SvgDocument, TemplatesAndLayout) {
   EXPECT_NE(col.find("stroke=\"cyan\"/>\n"), std::string::npos);
   EXPECT_NE(col.find("stroke=\"gray\"/>\n"), std::string::npos);
   EXPECT_NE(col.find("style=\"stroke:cyan\" stroke-width=\"0\">x&lt;y</text>\n"), std::string::npos);
+  // Lengths in the codes: the branch of node 6 spans 3 times blength, the others 1.
+  std::vector<std::string> long_tags = tags;
+  long_tags[6] = "(0,0,255,2:3)";
+  graphics::SvgLayout prop;
+  graphics::svg_document(tree.data(), ntax, long_tags, names, s, &prop, true);
+  EXPECT_EQ(prop.x[6] - prop.x[5], 3 * s.blength);
+  EXPECT_EQ(prop.x[2] - prop.x[6], s.blength);
+  EXPECT_EQ(prop.x[5] - prop.x[4], s.blength);
   // Rotated: the group turns and the canvas swaps its sides.
   s.rotate = 1;
   const std::string rot = graphics::svg_document(tree.data(), ntax, tags, names, s, nullptr, true);
