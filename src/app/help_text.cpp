@@ -52,8 +52,9 @@ const HelpEntry help_entries[] = {
      "break -;  not polled;  break /;  toggle\n"
      "break /text;  ask text (y/n) before interrupting (max. 254 characters)"},
     {"bsupport",
-     "bsupport [ N ] [ list ];  Bremer supports from suboptimal trees in memory\n"
-     "bsupport ]  relative supports;  bsupport !N  run searches for supports"},
+     "bsupport [ options ] [ list ] [ / taxa ];  Bremer supports from suboptimal trees in memory\n"
+     "Options: =N collapse below N;  * keep the tree;  [ relative;  ] relative, within absolute\n"
+     "&X[*F] or |X[*F] combined supports;  !N (!!N, !+N) by TBR swapping from tree N"},
     {"ccode",
      "ccode options list;  character settings\n"
      "+ additive  - nonadditive  [ active  ] inactive  ( Sankoff  ) no Sankoff\n"
@@ -279,7 +280,8 @@ const HelpEntry help_entries[] = {
      "reroot [ list ];  re-root the trees on the outgroup"},
     {"resample",
      "resample [ options ] [ search commands ] / taxa;  resampling supports\n"
-     "Options: jak, boot, poisson, sym, replications N, probability N, frequency, gc"},
+     "Options: jak, boot, poisson, sym, replications N, probability N, cut N, frequency, gc,\n"
+     "savetrees, from N, softboot N, zerowt, nozerowt, allow (and no- forms of the summaries)"},
     {"resols",
      "resols [ list ];  resolution of the given trees"},
     {"rfreqs",
@@ -375,7 +377,9 @@ const HelpEntry help_entries[] = {
     {"tsize",
      "tsize [ list ];  number of taxa in the given trees"},
     {"ttags",
-     "ttags =;  start storing tree tags;  ttags -;  stop;  ttags;  show them"},
+     "ttags =;  start storing tree tags;  ttags );  stop;  ttags -;  clear;  ttags;  show them\n"
+     "ttags +N txt;  write to node N;  ttags <N;  erase;  ttags *N;  target tree N;  ttags /;  save\n"
+     "ttags &file [ options ];  SVG diagram;  ttags &+ ...;  additions;  ttags &;  close"},
     {"tvault",
      "tvault options;  move trees between memory and the vault"},
     {"txtsize",

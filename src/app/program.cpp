@@ -26,6 +26,9 @@
 #include "trees/notation.h"
 #include "trees/store.h"
 #include "support/consensus.h"
+#include "support/resample.h"
+#include "trees/tags.h"
+#include "graphics/svg.h"
 #include "search/constraints.h"
 #include "optim/collapse.h"
 #include "optim/packed.h"
@@ -101,6 +104,8 @@ void reset_run_state() {
   reset_viewer_state();
   qax::dataset::clear_nexus_trees();
   qax::support::reset_consensus_settings();
+  qax::support::reset_resample_settings();
+  qax::trees::reset_tag_settings();
   qax::search::reset_search_state();
   qax::search::constraints_reset();
   qax::optim::collapse_reset();
@@ -116,6 +121,7 @@ void install_subsystems() {
   qax::script::install_script_layer();
   background_input_end = background_end_of_input;
   qax::trees::install_dataset_links();
+  qax::trees::svg_tag_output = qax::graphics::svg_tags_command;
   qax::trees::tree_services = {qax::optim::collapsed_copy, [] { return qax::search::constraint_defs.defined != 0; }, qax::search::tree_violations, qax::optim::ensure_packed, qax::optim::character_steps};
   // Hooks kept in lists are added once per process, however often the program runs.
   static bool lists_filled = false;

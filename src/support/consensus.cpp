@@ -168,11 +168,28 @@ int strict_consensus(const std::vector<int>& trees, const std::vector<std::uint8
   return build_tree_from_groups(table, excluded.data(), total, true, result, nullptr);
 }
 
+namespace {
+
+std::vector<const std::int32_t*> rows_of(const std::vector<int>& trees, int skip) {
+  std::vector<const std::int32_t*> rows;
+  rows.reserve(trees.size());
+  for (int t : trees)
+    if (t != skip) rows.push_back(consensus_row(t));
+  return rows;
+}
+
+}  // namespace
+
 CountResult majority_consensus(const std::vector<int>& trees, const std::vector<std::uint8_t>& excluded, int cut,
                                std::int32_t* result) {
-  const int ntax = tree_store.ntax;
+  return majority_of_rows(rows_of(trees, -1), excluded, cut, result);
+}
+
+CountResult majority_of_rows(const std::vector<const std::int32_t*>& rows, const std::vector<std::uint8_t>& excluded,
+                             int cut, std::int32_t* result) {
+  const int ntax = static_cast<int>(excluded.size());
   const int included = count_included(excluded);
-  const int n = static_cast<int>(trees.size());
+  const int n = static_cast<int>(rows.size());
   const int required = static_cast<int>(static_cast<long long>(cut) * n / 100) + 1;
   // After n - cut*n/100 trees a group seen for the first time cannot reach `required`.
   const int enter_until = n - static_cast<int>(static_cast<long long>(cut) * n / 100);
@@ -181,7 +198,7 @@ CountResult majority_consensus(const std::vector<int>& trees, const std::vector<
   NodeSets ns;
   node_sets_init(ns, ntax);
   for (int k = 0; k < n; ++k) {
-    count_tree_groups(table, ns, consensus_row(trees[k]), excluded.data(), included, k, k < enter_until, 1, INT_MAX);
+    count_tree_groups(table, ns, rows[k], excluded.data(), included, k, k < enter_until, 1, INT_MAX);
     shell::show_progress(k + 1, n, "Counting groups");
   }
   CountResult out;
@@ -194,13 +211,28 @@ CountResult majority_consensus(const std::vector<int>& trees, const std::vector<
   return out;
 }
 
+int strict_of_rows(const std::vector<const std::int32_t*>& rows, const std::vector<std::uint8_t>& excluded,
+                   std::int32_t* result) {
+  const int ntax = static_cast<int>(excluded.size());
+  const int included = count_included(excluded);
+  GroupTable table;
+  group_table_init(table, ntax);
+  NodeSets ns;
+  node_sets_init(ns, ntax);
+  const int total = static_cast<int>(rows.size());
+  for (int k = 0; k < total; ++k) {
+    const int alive = count_tree_groups(table, ns, rows[k], excluded.data(), included, k, k == 0, 1, k + 1);
+    if (alive == 0) break;
+  }
+  return build_tree_from_groups(table, excluded.data(), total, true, result, nullptr);
+}
+
 namespace {
 
 // Enters the reference's groups (not counted) and maps its nodes to them.
-std::vector<int> enter_reference(GroupTable& table, NodeSets& ns, int reference,
+std::vector<int> enter_reference(GroupTable& table, NodeSets& ns, const std::int32_t* ref,
                                  const std::vector<std::uint8_t>& excluded, int included) {
-  const int ntax = tree_store.ntax;
-  const std::int32_t* ref = consensus_row(reference);
+  const int ntax = static_cast<int>(excluded.size());
   compute_node_sets(ref, excluded.data(), ns);
   std::vector<int> node_group(2 * ntax - 1, -1);
   for (int v = ntax + 1; v < ref[ntax]; ++v) {
@@ -242,7 +274,12 @@ void compute_rivals(GroupTable& table, int n, bool reference, int outer_end) {
 
 CountResult reference_frequencies(int reference, const std::vector<int>& trees,
                                   const std::vector<std::uint8_t>& excluded) {
-  const int ntax = tree_store.ntax;
+  return reference_frequencies_rows(consensus_row(reference), rows_of(trees, reference), excluded);
+}
+
+CountResult reference_frequencies_rows(const std::int32_t* reference, const std::vector<const std::int32_t*>& rows,
+                                       const std::vector<std::uint8_t>& excluded) {
+  const int ntax = static_cast<int>(excluded.size());
   const int included = count_included(excluded);
   GroupTable table;
   group_table_init(table, ntax);
@@ -251,10 +288,9 @@ CountResult reference_frequencies(int reference, const std::vector<int>& trees,
   std::vector<int> node_group = enter_reference(table, ns, reference, excluded, included);
   CountResult out;
   int k = 0;
-  for (int t : trees) {
-    if (t == reference) continue;
-    count_tree_groups(table, ns, consensus_row(t), excluded.data(), included, k++, false, 1, INT_MAX);
-    shell::show_progress(k, static_cast<long long>(trees.size()), "Counting groups");
+  for (const std::int32_t* row : rows) {
+    count_tree_groups(table, ns, row, excluded.data(), included, k++, false, 1, INT_MAX);
+    shell::show_progress(k, static_cast<long long>(rows.size()), "Counting groups");
   }
   out.counted = k;
   out.node_value.assign(2 * ntax - 1, -1);
@@ -265,31 +301,36 @@ CountResult reference_frequencies(int reference, const std::vector<int>& trees,
 
 CountResult frequency_differences(int reference, const std::vector<int>& trees,
                                   const std::vector<std::uint8_t>& excluded, int cut, std::int32_t* result) {
-  const int ntax = tree_store.ntax;
+  return frequency_differences_rows(reference >= 0 ? consensus_row(reference) : nullptr, rows_of(trees, reference),
+                                    excluded, cut, result);
+}
+
+CountResult frequency_differences_rows(const std::int32_t* reference, const std::vector<const std::int32_t*>& rows,
+                                       const std::vector<std::uint8_t>& excluded, int cut, std::int32_t* result) {
+  const int ntax = static_cast<int>(excluded.size());
   const int included = count_included(excluded);
   GroupTable table;
   group_table_init(table, ntax);
   NodeSets ns;
   node_sets_init(ns, ntax);
   std::vector<int> node_group;
-  if (reference >= 0) {
+  if (reference) {
     node_group = enter_reference(table, ns, reference, excluded, included);
     table.segment_ends.push_back(table.ngroups());
   }
   int k = 0;
-  for (int t : trees) {
-    if (t == reference) continue;
-    count_tree_groups(table, ns, consensus_row(t), excluded.data(), included, k++, true, 1, INT_MAX);
+  for (const std::int32_t* row : rows) {
+    count_tree_groups(table, ns, row, excluded.data(), included, k++, true, 1, INT_MAX);
     table.segment_ends.push_back(table.ngroups());
-    shell::show_progress(k, static_cast<long long>(trees.size()), "Counting groups");
+    shell::show_progress(k, static_cast<long long>(rows.size()), "Counting groups");
   }
   const int n = k;
-  compute_rivals(table, n, reference >= 0, reference >= 0 ? table.segment_ends[0] : table.ngroups());
+  compute_rivals(table, n, reference != nullptr, reference ? table.segment_ends[0] : table.ngroups());
   for (auto& e : table.entries) e.count -= e.rival;
   CountResult out;
   out.counted = n;
   out.node_value.assign(2 * ntax - 1, INT_MIN);
-  if (reference >= 0) {
+  if (reference) {
     for (int v = 0; v < 2 * ntax - 1; ++v)
       if (node_group[v] >= 0) out.node_value[v] = table.entries[node_group[v]].count;
     return out;

@@ -61,6 +61,17 @@ CountResult reference_frequencies(int reference, const std::vector<int>& trees,
 // Frequency difference tree (reference < 0) or the values of the reference's groups.
 CountResult frequency_differences(int reference, const std::vector<int>& trees,
                                   const std::vector<std::uint8_t>& excluded, int cut, std::int32_t* result);
+// The same calculations on parent arrays given directly (trees that are not in the
+// store, such as the consensus of each resampling replicate). ntax is excluded.size().
+CountResult majority_of_rows(const std::vector<const std::int32_t*>& rows, const std::vector<std::uint8_t>& excluded,
+                             int cut, std::int32_t* result);
+int strict_of_rows(const std::vector<const std::int32_t*>& rows, const std::vector<std::uint8_t>& excluded,
+                   std::int32_t* result);
+CountResult reference_frequencies_rows(const std::int32_t* reference, const std::vector<const std::int32_t*>& rows,
+                                       const std::vector<std::uint8_t>& excluded);
+// reference null: the frequency difference tree into result; else the reference's values.
+CountResult frequency_differences_rows(const std::int32_t* reference, const std::vector<const std::int32_t*>& rows,
+                                       const std::vector<std::uint8_t>& excluded, int cut, std::int32_t* result);
 // Combinable component consensus: the groups no group of any tree conflicts with.
 // Returns the number of groups in the result.
 int combinable_consensus(const std::vector<int>& trees, const std::vector<std::uint8_t>& excluded,

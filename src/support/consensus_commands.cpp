@@ -22,6 +22,7 @@
 #include "support/temp_collapse.h"
 #include "trees/display.h"
 #include "trees/store.h"
+#include "trees/tags.h"
 
 namespace qax::support {
 
@@ -224,6 +225,7 @@ void frequency_command(bool differences) {
       std::snprintf(title, sizeof title, differences ? "Frequency differences of groups from tree %i, in %i trees"
                                                      : "Frequency of groups from tree %i, in %i trees", reference, r.counted);
       qax::trees::draw_tree(tree_row(reference), ntax, &labels, title);
+      qax::trees::tags_collect(tree_row(reference), ntax, labels);
     }
     return;
   }
@@ -251,6 +253,7 @@ void frequency_command(bool differences) {
   if (show) {
     auto labels = percent_labels(r.node_value, r.counted, differences ? INT_MIN : -1);
     qax::trees::draw_tree(result.data(), ntax, &labels, full);
+    qax::trees::tags_collect(result.data(), ntax, labels);
   }
   if (keep) {
     const int k = keep_tree(result, differences ? "Freq_diff_consensus" : "Majority_rule_consensus");
@@ -323,6 +326,7 @@ void cmd_rfreqs() {
   char title[160];
   std::snprintf(title, sizeof title, "Frequency of Rough Recovery (groups from tree %i, in %i trees)", reference, counted);
   qax::trees::draw_tree(tree_row(reference), ntax, &labels, title);
+  qax::trees::tags_collect(tree_row(reference), ntax, labels);
   out_text({"Please note: these values do NOT measure group support!\n"});
 }
 

@@ -18,6 +18,7 @@
 #include "shell/shell_commands.h"
 #include "shell/state.h"
 #include "trees/store.h"
+#include "trees/tags.h"
 
 namespace qax::trees {
 
@@ -427,6 +428,7 @@ void store_tags(const std::vector<std::int32_t>& tree, const std::vector<std::st
   tree_store.tag_tree = tree;
   tree_store.tags = tags;
   tree_store.tags_from_consensus = 0;
+  tag_settings.title = "Tree-tags from " + base_name(current_frame().name);
 }
 
 
@@ -1174,6 +1176,8 @@ bool parse_duration(const std::string& s, int& seconds) {
 
 }  // namespace
 
+const std::vector<std::vector<std::int32_t>>* autosave_rows = nullptr;
+
 void tree_autosave_check(bool force) {
   if (auto_save.seconds <= 0 || tree_store.ntax == 0) return;
   double now = now_seconds();
@@ -1187,10 +1191,15 @@ void tree_autosave_check(bool force) {
     auto_save.seconds = 0;
     return;
   }
-  std::fprintf(f, "tread\n'trees saved at %.0f secs.'\n", now - static_cast<double>(shell_state.run_start_time > 0 ? 0 : 0) - shell_state.watch_reference);
-  for (int k = 0; k < tree_store.ntrees; ++k) {
+  if (autosave_rows)
+    std::fprintf(f, "tread\n'partial results for resampling (%i reps.)'\n", static_cast<int>(autosave_rows->size()));
+  else
+    std::fprintf(f, "tread\n'trees saved at %.0f secs.'\n", now - static_cast<double>(shell_state.run_start_time > 0 ? 0 : 0) - shell_state.watch_reference);
+  const int count = autosave_rows ? static_cast<int>(autosave_rows->size()) : tree_store.ntrees;
+  for (int k = 0; k < count; ++k) {
     if (k) std::fputs("*\n", f);
-    std::fputs(tree_to_text(tree_row(k), tree_store.ntax, false, nullptr).c_str(), f);
+    const std::int32_t* row = autosave_rows ? (*autosave_rows)[k].data() : tree_row(k);
+    std::fputs(tree_to_text(row, tree_store.ntax, false, nullptr).c_str(), f);
     std::fputc('\n', f);
   }
   std::fputs(";\n", f);

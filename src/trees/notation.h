@@ -45,6 +45,9 @@ int read_tree_string(const std::string& text, int group);
 // Auto-save: called where searches report progress; writes the alternating files
 // when the interval has passed.
 void tree_autosave_check(bool force);
+// While set, the auto-save writes these trees instead of the store (the replicates of a
+// resampling done so far).
+extern const std::vector<std::vector<std::int32_t>>* autosave_rows;
 // Closes an open tree file (exit step and tsave /).
 void close_tree_file(bool report);
 // Exit step: last auto-save, and the closing lines of an open parenthetical tree file.

@@ -1,0 +1,133 @@
+// bsupport !N: Bremer supports approximated by TBR swapping from the reference tree. The
+// swapper visits every rearrangement within the suboptimal value without taking any;
+// each rearrangement breaks some groups of the reference, and each group broken keeps the
+// lowest score difference of the rearrangements that break it. A group never broken keeps
+// the value suboptimal + 1, shown as a lower bound.
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "optim/collapse.h"
+#include "search/search_internal.h"
+#include "search/settings.h"
+#include "shell/failure.h"
+#include "shell/output.h"
+#include "shell/state.h"
+#include "support/bremer.h"
+#include "support/group_set.h"
+#include "trees/store.h"
+
+namespace qax::support {
+
+using qax::trees::tree_row;
+using qax::trees::tree_store;
+
+namespace {
+
+// What the swap hook works on.
+struct TbrContext {
+  GroupTable table;                  // groups of the reference
+  NodeSets ns;                       // scratch for each rearranged tree
+  std::vector<std::uint8_t> excluded;
+  int included = 0;
+  std::vector<double> support;       // per group
+  std::vector<std::uint8_t> seen;    // per group: scratch marks
+  double extra = 0;                  // added to each difference ("+")
+  std::vector<std::int32_t> row;     // scratch tree
+  std::vector<int> keep_anc, keep_left, keep_right;
+};
+TbrContext* context = nullptr;
+
+bool visit_moves(qax::search::Engine& e, const std::vector<qax::search::Move>& records, std::int32_t base, double) {
+  TbrContext& c = *context;
+  const int ntax = tree_store.ntax;
+  c.keep_anc = e.anc;
+  c.keep_left = e.left;
+  c.keep_right = e.right;
+  for (const auto& m : records) {
+    const double diff = static_cast<double>(m.cost - base) + c.extra;
+    e.apply_move(m);
+    e.export_tree(c.row);
+    e.anc = c.keep_anc;
+    e.left = c.keep_left;
+    e.right = c.keep_right;
+    std::fill(c.seen.begin(), c.seen.end(), 0);
+    compute_node_sets(c.row.data(), c.excluded.data(), c.ns);
+    for (int v = ntax + 1; v < c.row[ntax]; ++v) {
+      const int size = c.ns.sizes[v];
+      if (size < 2 || size >= c.included) continue;
+      const std::uint64_t* r = c.ns.row(v);
+      const int g = group_find(c.table, r, size, set_hash(r, c.ns.words));
+      if (g >= 0) c.seen[g] = 1;
+    }
+    for (int g = 0; g < c.table.ngroups(); ++g)
+      if (!c.seen[g]) c.support[g] = std::min(c.support[g], diff);
+  }
+  return qax::shell::shell_state.stop_search_flag != 0;
+}
+
+}  // namespace
+
+BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, const std::vector<std::uint8_t>& excluded,
+                           std::vector<std::int32_t>& shown) {
+  const int ntax = tree_store.ntax;
+  const auto& s = qax::search::search_settings;
+  qax::search::search_prepare();
+  // The best score of the trees in memory, for "+".
+  double best = -1, own = 0;
+  for (int k = 0; k < tree_store.ntrees; ++k) {
+    const double len = qax::trees::stored_tree_length(k);
+    if (k == reference) own = len;
+    if (best < 0 || len < best) best = len;
+  }
+  TbrContext c;
+  c.excluded = excluded;
+  for (auto e : excluded) c.included += e == 0;
+  c.extra = add_own_excess ? own - best : 0;
+  // The groups: of the tree as stored ("!!"), or of its collapsed form.
+  if (keep_all) shown.assign(tree_row(reference), tree_row(reference) + tree_store.row_size);
+  else qax::optim::collapsed_copy(tree_row(reference), shown);
+  group_table_init(c.table, ntax);
+  node_sets_init(c.ns, ntax);
+  BremerResult out;
+  out.absolute.assign(2 * ntax - 1, -1);
+  out.lower_bound.assign(2 * ntax - 1, 0);
+  out.relative.assign(2 * ntax - 1, -1);
+  out.group_of_node.assign(2 * ntax - 1, -1);
+  compute_node_sets(shown.data(), excluded.data(), c.ns);
+  for (int v = ntax + 1; v < shown[ntax]; ++v) {
+    const int size = c.ns.sizes[v];
+    if (size < 2 || size >= c.included) continue;
+    const std::uint64_t* r = c.ns.row(v);
+    const std::uint64_t h = set_hash(r, c.ns.words);
+    int g = group_find(c.table, r, size, h);
+    if (g < 0) g = group_add(c.table, r, size, h, 0, -2);
+    out.group_of_node[v] = g;
+  }
+  const double ceiling = std::floor(s.suboptimal + 1e-9) + 1;
+  c.support.assign(c.table.ngroups(), ceiling);
+  c.seen.assign(c.table.ngroups(), 0);
+  std::vector<std::int32_t> tree(tree_row(reference), tree_row(reference) + tree_store.row_size);
+  context = &c;
+  qax::search::swap_hook = visit_moves;
+  struct Restore {
+    ~Restore() {
+      qax::search::swap_hook = nullptr;
+      context = nullptr;
+    }
+  } restore;
+  qax::shell::show_progress(0, 0, "TBR-swapping");
+  qax::search::SearchRunning running;
+  qax::search::swap_tbr(tree, 0, 0, 0);
+  out.best = best;
+  out.worst = best + s.suboptimal;
+  for (int v = ntax + 1; v < shown[ntax]; ++v) {
+    const int g = out.group_of_node[v];
+    if (g < 0) continue;
+    out.absolute[v] = c.support[g];
+    out.lower_bound[v] = c.support[g] >= ceiling;
+  }
+  return out;
+}
+
+}  // namespace qax::support
