@@ -187,7 +187,7 @@ const CommandRecord command_records[] = {
     {"hifile", cmd_macro_not_available, 0, topic_scripts},
     {"if", qax::script::cmd_if, 0, topic_scripts},
     {"iternucrecs", cmd_macro_not_available, 1, topic_scripts},
-    {"iterrecs", cmd_macro_not_available, 1, topic_scripts},
+    {"iterrecs", qax::script::cmd_iterrecs, 1, topic_scripts},
     {"killfiles", qax::script::cmd_killfiles, 0, topic_scripts},
     {"label", qax::script::cmd_label, 0, topic_scripts},
     {"loop", qax::script::cmd_loop, 0, topic_scripts},

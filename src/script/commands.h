@@ -43,6 +43,7 @@ void cmd_travtree();
 void cmd_combine();
 void cmd_copytree();
 void cmd_progress();
+void cmd_iterrecs();
 
 // Swap loops over the rearrangements of a tree.
 void cmd_sprit();

@@ -46,7 +46,18 @@ std::vector<InnerFlags> flags_;
 int plot_order_ = 1;
 int nesting_limit_ = 5;
 
+}  // namespace
+
+void cmd_killrecs_word();
+bool iterrecs_active();
+
+namespace {
+
 bool inner_word(const std::string& w) {
+  if (w == "killrecs" && iterrecs_active()) {
+    cmd_killrecs_word();
+    return true;
+  }
   if (flags_.empty()) return false;
   if (w == "killtrav" || w == "killcomb") {
     flags_.back().kill = 1;
@@ -65,12 +76,8 @@ struct IterationScope {
   explicit IterationScope(const char* limit_message) {
     if (static_cast<int>(flags_.size()) >= nesting_limit_) error_exitf(limit_message, nesting_limit_);
     flags_.emplace_back();
-    inner_command_word = inner_word;
   }
-  ~IterationScope() {
-    flags_.pop_back();
-    if (flags_.empty()) inner_command_word = nullptr;
-  }
+  ~IterationScope() { flags_.pop_back(); }
   InnerFlags& flags() { return flags_.back(); }
 };
 
@@ -299,6 +306,8 @@ void cmd_progress() {
   unread_char();
   show_progress(done, total, text);
 }
+
+void install_inner_words() { inner_command_word = inner_word; }
 
 int iteration_nesting_limit() { return nesting_limit_; }
 void set_iteration_nesting_limit(int n) { nesting_limit_ = n; }

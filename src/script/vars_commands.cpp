@@ -53,11 +53,13 @@ int setting_number() {
 
 void install_goto_hooks();
 void install_expression_help();
+void install_inner_words();
 
 void install_script_layer() {
   install_reader_hooks();
   install_goto_hooks();
   install_expression_help();
+  install_inner_words();
 }
 
 void reset_script_state() {
