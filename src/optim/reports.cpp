@@ -142,6 +142,7 @@ long long weighted_total(const std::vector<int>& steps) {
 // Values by item in rows of ten, with the item number of each row first.
 void print_table(const std::vector<int>& items, const std::vector<std::string>& values) {
   if (items.empty()) return;
+  if (table_capture) table_capture(values);
   char cell[64];
   int width = 6;
   for (const std::string& v : values) width = std::max(width, static_cast<int>(v.size()) + 1);

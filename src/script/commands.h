@@ -44,6 +44,8 @@ void cmd_combine();
 void cmd_copytree();
 void cmd_progress();
 void cmd_iterrecs();
+void cmd_maketable();
+void cmd_hifile();
 
 // Swap loops over the rearrangements of a tree.
 void cmd_sprit();

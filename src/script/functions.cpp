@@ -30,6 +30,7 @@ using qax::trees::tree_store;
 double swap_percent();
 double bandb_value(bool full);
 double iterrecs_steps();
+bool hif_value(const std::string& word, double& v);
 
 namespace {
 
@@ -249,6 +250,7 @@ bool internal_function(const std::string& w, double& v) {
     v = var->dims ? var->extent[var->dims - 1] : 1;
     return true;
   }
+  if (hif_value(w, v)) return true;
   if (w == "recsteps") { v = iterrecs_steps(); return true; }
   if (w == "bbfull") { v = bandb_value(true); return true; }
   if (w == "bbtax") { v = bandb_value(false); return true; }
@@ -321,7 +323,7 @@ const char* const computed =
     " ntax nchar ntrees maxtrees maxvars allvars freevars argnumber listsize exstatus macseed rseed protmode "
     "bground report break mypid linux windows cygwin gtk cpus totcpus time runtime nblocks length score minsteps "
     "maxsteps isact isadd iscont issank weight isactax exp log logten power neper getrandom numbits isfile "
-    "varsize percswap bbfull bbtax recsteps ";
+    "varsize percswap bbfull bbtax recsteps hifeof hifchar hifspy hifnumber hifline hifstring hiftext ";
 
 bool is_computed(const std::string& w) { return std::strstr(computed, (" " + w + " ").c_str()) != nullptr; }
 

@@ -208,6 +208,12 @@ void expand_reference(int quote) {
   start_expansion(std::move(text));
 }
 
+}  // namespace
+
+std::string hif_string();
+
+namespace {
+
 std::string fixed_string(const std::string& word) {
   using qax::dataset::dataset;
   auto need_data = [] {
@@ -244,6 +250,7 @@ std::string fixed_string(const std::string& word) {
     for (char& ch : s) if (ch == ' ') ch = '^';
     return s;
   }
+  if (word == "hifstring") return hif_string();
   if (word == "bitset") {
     const int v = arg();
     std::string s;
@@ -281,7 +288,10 @@ void expand_string() {
     } else if (!word.empty() && std::isdigit(static_cast<unsigned char>(word[0]))) {
       text = string_at(numbered_cell(std::atof(word.c_str())));
     } else {
-      while (peek_raw() == ' ') raw_char();
+      // Fixed strings that take an argument read it after blanks.
+      if (word != "dataset" && word != "curfile" && word != "curwd" && word != "hifstring") {
+        while (peek_raw() == ' ') raw_char();
+      }
       text = fixed_string(word);
     }
   }

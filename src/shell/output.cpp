@@ -17,6 +17,8 @@
 
 namespace qax::shell {
 
+void (*table_capture)(const std::vector<std::string>& values) = nullptr;
+
 OutputState output_state;
 
 namespace {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 #include <string_view>
 #include <initializer_list>
 
@@ -38,6 +39,10 @@ struct OutputState {
 };
 
 extern OutputState output_state;
+
+// Tables of one value per item that reports print are offered here as well (a script may
+// capture them into an array); null when nobody listens.
+extern void (*table_capture)(const std::vector<std::string>& values);
 
 void out_append(std::string_view text);
 void out_append_word(std::string_view text);
