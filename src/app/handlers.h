@@ -14,3 +14,5 @@
 #include "support/pruning_commands.h"
 #include "search/settings.h"
 #include "search/constraints.h"
+#include "search/fusing.h"
+#include "search/sectors.h"

@@ -59,7 +59,10 @@ void reset_search_state() {
   rng_state = 1;
 }
 
+Engine* engine_override = nullptr;
+
 Engine& engine() {
+  if (engine_override) return *engine_override;
   static Engine e;
   if (e.nt != packed.nterm || e.W != packed.nwords || e.nn == 0) e.init();
   return e;

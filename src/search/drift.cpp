@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "optim/packed.h"
 #include "search/search_internal.h"
+#include "search/sectors.h"
 #include "search/settings.h"
 #include "shell/commands.h"
 #include "shell/failure.h"
@@ -28,8 +30,10 @@ double drift_run(std::vector<std::int32_t>& tree, std::uint32_t seed, int first,
   set_random_seed(seed);
   bool single_tree_island = false;
   auto perturb = [&](int cycle, std::vector<std::int32_t>& t) {
-    const bool flat = cycle < d.flat;
-    const int moves = flat ? d.flatnumsubs : d.numsubs;
+    const bool flat = cycle < d.flat && in_sector == 0;
+    int moves = flat ? d.flatnumsubs : d.numsubs;
+    // A reduced data set (a sector) takes fewer moves: half its terminals, at least 25.
+    if (in_sector > 0) moves = std::min(moves, std::max(25, optim::packed.nterm / 2));
     if (!d.pert || (d.equals && cycle % 2 == 0)) {
       bool all_failed = false;
       swap_perturb(t, 0, moves, d.giveup, PerturbLimits{}, &all_failed);

@@ -11,8 +11,10 @@
 
 namespace qax::search {
 
-// The engine sized for the current pack (re-sized when the pack changed).
+// The engine sized for the current pack (re-sized when the pack changed), or, while a
+// sector's reduced data are searched, the sector's own engine.
 Engine& engine();
+extern Engine* engine_override;
 // Re-reads the terminal sets (after packing).
 void engine_refresh();
 

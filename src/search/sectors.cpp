@@ -1,0 +1,784 @@
+// Sectorial searches on the engine. The big tree stays loaded in the main engine with all
+// its sets; a sector's reduced data set is a Packed of its own, made from the first-pass
+// sets of the sector's terminals and the second-pass set of the rest of the tree above the
+// sector's root, with the columns that cost the same on every tree of the sector dropped.
+// While a sector is searched the reduced pack and a small engine take the place of the
+// main ones, so that every search routine works on it unchanged; the score of the reduced
+// tree carries the steps of the rest as its constant, so it compares with the big score.
+#include "search/sectors.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <string>
+
+#include "optim/kernels.h"
+#include "optim/packed.h"
+#include "search/constraints.h"
+#include "search/fusing.h"
+#include "search/search_internal.h"
+#include "search/settings.h"
+#include "shell/commands.h"
+#include "shell/failure.h"
+#include "shell/input.h"
+#include "shell/output.h"
+#include "shell/state.h"
+#include "trees/store.h"
+
+namespace qax::search {
+
+using qax::optim::packed;
+using namespace qax::shell;
+
+SectorSettings sector_settings;
+std::uint64_t sector_replacements = 0;
+int in_sector = 0;
+int sector_mismatches = 0;
+
+namespace {
+
+struct Sector {
+  int root = -1;
+  std::vector<int> terms;   // big nodes that are the sector's terminals
+  std::vector<int> inner;   // big inner nodes of the sector, root first
+};
+
+// Inner nodes and terminals of the sector of `root` whose terminals are marked in `term`
+// (or are terminals of the big tree).
+void gather(const Engine& big, int root, const std::vector<int>& term, int stamp, Sector& s) {
+  s.root = root;
+  s.terms.clear();
+  s.inner.clear();
+  std::vector<int> st{root};
+  while (!st.empty()) {
+    const int v = st.back();
+    st.pop_back();
+    if (v < big.nt || (v != root && term[v] == stamp)) { s.terms.push_back(v); continue; }
+    s.inner.push_back(v);
+    st.push_back(big.right[v]);
+    st.push_back(big.left[v]);
+  }
+}
+
+// The reduced data set of a sector: terminal 0 is the rest of the tree, 1.. the sector's
+// terminals in order. Under equal weights only columns that can cost differently on the
+// sector's trees are kept (a column where some state is in all terminals' sets but one
+// costs the same, 0 or 1, on every tree).
+void make_reduced(Engine& big, const Sector& s, optim::Packed& red) {
+  const optim::Packed& P = packed;
+  const int k = static_cast<int>(s.terms.size()) + 1;
+  const int W = P.nwords;
+  std::vector<const std::uint32_t*> src(k);
+  src[0] = big.U(s.root);
+  for (int j = 1; j < k; ++j) src[j] = big.D(s.terms[j - 1]);
+  red = optim::Packed{};
+  red.valid = 1;
+  red.nterm = k;
+  red.nnodes = 2 * k - 1;
+  red.xbit = P.xbit;
+  red.weight_mode = P.weight_mode;
+  red.equal_weights = P.equal_weights;
+  red.to_packed.resize(k);
+  red.from_packed.resize(k);
+  for (int t = 0; t < k; ++t) red.to_packed[t] = red.from_packed[t] = t;
+  const optim::Layout& L = P.layout;
+  if (P.weight_mode != optim::weights_equal) {
+    // Weighted columns keep the layout as it is.
+    red.nwords = W;
+    for (int c = 0; c < optim::class_count; ++c) red.w[c] = P.w[c];
+    red.word_weight = P.word_weight;
+    red.field_weight = P.field_weight;
+    red.record_base = P.record_base;
+    red.storage.assign(static_cast<std::size_t>(k) * W + 8, ~0u);
+    for (int t = 0; t < k; ++t) std::memcpy(red.storage.data() + static_cast<std::size_t>(t) * W, src[t], sizeof(std::uint32_t) * W);
+    red.layout = optim::Layout{W, L.end0, L.end1, L.end2, L.end4, red.word_weight.data(), red.field_weight.data(),
+                               red.record_base.data()};
+  } else {
+    struct Region { int start, end, width; };
+    const Region regions[4] = {{0, L.end0, 2}, {L.end0, L.end1, 4}, {L.end1, L.end2, 8}, {L.end2, L.end4, 32}};
+    // Per region, the informative fields as (word, shift).
+    std::vector<std::pair<int, int>> keep[4];
+    for (int r = 0; r < 4; ++r) {
+      const int width = regions[r].width, per = 32 / width;
+      const std::uint32_t fmask = width == 32 ? ~0u : (1u << width) - 1;
+      for (int w = regions[r].start; w < regions[r].end; ++w) {
+        std::uint32_t once = 0, twice = 0;
+        for (int t = 0; t < k; ++t) {
+          const std::uint32_t m = ~src[t][w];
+          twice |= once & m;
+          once |= m;
+        }
+        const std::uint32_t good = ~twice;   // states lacking in at most one terminal
+        for (int f = 0; f < per; ++f)
+          if (((good >> (f * width)) & fmask) == 0) keep[r].emplace_back(w, f * width);
+      }
+    }
+    int words[4], used = 0;
+    for (int r = 0; r < 4; ++r) {
+      const int per = 32 / regions[r].width;
+      words[r] = (static_cast<int>(keep[r].size()) + per - 1) / per;
+      if (P.xbit && r < 3 && words[r] % 2) ++words[r];
+      used += words[r];
+    }
+    const int NW = std::max(8, (used + 7) / 8 * 8);
+    red.nwords = NW;
+    red.w[0] = words[0];
+    red.w[1] = words[1];
+    red.w[2] = words[2];
+    red.w[4] = words[3];
+    red.storage.assign(static_cast<std::size_t>(k) * NW + 8, ~0u);
+    int base = 0;
+    int ends[4];
+    for (int r = 0; r < 4; ++r) {
+      const int width = regions[r].width, per = 32 / width;
+      const std::uint32_t fmask = width == 32 ? ~0u : (1u << width) - 1;
+      for (int t = 0; t < k; ++t) {
+        std::uint32_t* out = red.storage.data() + static_cast<std::size_t>(t) * NW + base;
+        for (std::size_t i = 0; i < keep[r].size(); ++i) {
+          const auto [w, sh] = keep[r][i];
+          const std::uint32_t v = (src[t][w] >> sh) & fmask;
+          const int to_w = static_cast<int>(i) / per, to_sh = (static_cast<int>(i) % per) * width;
+          out[to_w] = (out[to_w] & ~(fmask << to_sh)) | (v << to_sh);
+        }
+      }
+      base += words[r];
+      ends[r] = base;
+    }
+    // Tables of equal weights: every field counts 1.
+    red.word_weight.assign(NW, 1);
+    red.record_base.assign(NW + 1, 0);
+    int records = 0, word = 0;
+    for (int r = 0; r < 4; ++r)
+      for (int i = 0; i < words[r]; ++i) {
+        red.record_base[word++] = records;
+        records += 32 / regions[r].width;
+      }
+    for (; word <= NW; ++word) red.record_base[word] = records;
+    red.field_weight.assign(records, 1);
+    red.layout = optim::Layout{NW, ends[0], ends[1], ends[2], ends[3], red.word_weight.data(), red.field_weight.data(),
+                               red.record_base.data()};
+  }
+  red.node_sets.resize(red.nnodes);
+  for (int t = 0; t < k; ++t)
+    red.node_sets[t].down_set = red.storage.data() + static_cast<std::size_t>(t) * red.nwords;
+}
+
+// Parent array (reduced numbering) of the sector as it is in the big tree.
+void reduced_tree(const Engine& big, const Sector& s, std::vector<std::int32_t>& parent) {
+  const int k = static_cast<int>(s.terms.size()) + 1;
+  parent.assign(static_cast<std::size_t>(2 * k - 1), 0);
+  std::vector<int> id(big.nn, -1);
+  for (std::size_t i = 0; i < s.inner.size(); ++i) id[s.inner[i]] = k + 1 + static_cast<int>(i);
+  for (std::size_t j = 0; j < s.terms.size(); ++j) id[s.terms[j]] = 1 + static_cast<int>(j);
+  parent[0] = k;
+  // The sector's root hangs from the reduced root; with a single inner node, the root is it.
+  const int top = id[s.root];
+  parent[top] = k;
+  for (std::size_t i = 1; i < s.inner.size(); ++i) parent[id[s.inner[i]]] = id[big.anc[s.inner[i]]];
+  for (std::size_t j = 0; j < s.terms.size(); ++j) parent[1 + j] = id[big.anc[s.terms[j]]];
+  parent[k] = 2 * k - 1;
+  trees::reset_node_numbers(parent.data(), k);
+}
+
+// Everything swapped in for the time of a sector, and back out on every exit.
+struct SectorScope {
+  optim::Packed saved;
+  Engine small;
+  ConstraintDefs defs;
+  double suboptimal;
+  bool active = false;
+  void enter(optim::Packed& red) {
+    std::swap(packed, red);
+    saved = std::move(red);
+    small.init();
+    engine_override = &small;
+    defs = constraint_defs;
+    constraint_defs.active = 0;
+    suboptimal = search_settings.suboptimal;
+    search_settings.suboptimal = 0;
+    ++in_sector;
+    active = true;
+  }
+  void leave() {
+    if (!active) return;
+    active = false;
+    --in_sector;
+    packed = std::move(saved);
+    engine_override = nullptr;
+    constraint_defs = std::move(defs);
+    search_settings.suboptimal = suboptimal;
+  }
+  ~SectorScope() { leave(); }
+};
+
+// State of one sectorial search over a big tree.
+struct SectorRun {
+  Engine& big;
+  std::vector<std::int32_t>& tree;
+  double score = 0;
+  int pending = 0;            // replacements since the last global TBR
+  int status_saved = 0;
+  std::vector<int> tips, mark, used;
+  int mark_now = 0, used_now = 0;
+  Sector sec;
+  optim::Packed red;
+  std::vector<std::int32_t> rtree, best_tree, work;
+  std::vector<int> backup_anc, backup_left, backup_right;
+
+  SectorRun(Engine& e, std::vector<std::int32_t>& t) : big(e), tree(t) {
+    if (!big.load(tree)) error_exit("Tree cannot be swapped (not binary on the active taxa)");
+    score = big.compute_all();
+    mark.assign(big.nn, 0);
+    used.assign(big.nn, 0);
+    count_tips();
+  }
+
+  void count_tips() {
+    tips.assign(big.nn, 1);
+    const int cnt = big.inner_preorder();
+    for (int i = cnt - 1; i >= 0; --i) {
+      const int n = big.order[i];
+      tips[n] = tips[big.left[n]] + tips[big.right[n]];
+    }
+  }
+
+  // Global TBR on the big tree.
+  void global_swap() {
+    big.export_tree(tree);
+    score = swap_tbr(tree, 0, 0, 0);
+    search_status_code = 3;
+    if (!big.load(tree)) error_exit("Tree cannot be swapped (not binary on the active taxa)");
+    score = big.compute_all();
+    count_tips();
+    ++used_now;
+    pending = 0;
+  }
+
+  // Searches the sector `sec`; true when the big tree took a better (or equal, with
+  // equals) resolution.
+  bool analyze(int size_class) {
+    const SectorSettings& ss = sector_settings;
+    if (sec.terms.size() < 4) return false;
+    make_reduced(big, sec, red);
+    reduced_tree(big, sec, rtree);
+    bool accepted = false;
+    double expect = 0;
+    {
+      SectorScope scope;
+      scope.enter(red);
+      Engine& e = engine();
+      if (!e.load(rtree)) return false;
+      const double reduced = e.compute_all();
+      packed.constant_steps = static_cast<std::int32_t>(std::llround(score - reduced));
+      const double start = e.compute_all();
+      best_tree = rtree;
+      double best = start;
+      const int k = packed.nterm;
+      if (packed.nwords == 0 || k < 5) return false;
+      if (size_class < ss.godrift) {
+        int builds = 0, same = 0;
+        for (int round = 0; round < 2; ++round) {
+          for (int b = 0; b < ss.starts; ++b) {
+            if (shell_state.stop_search_flag) break;
+            const std::uint32_t seed = static_cast<std::uint32_t>(random_next()) | 1u;
+            const std::uint32_t keep_state = random_state();
+            wagner_build(work, seed);
+            set_random_seed(keep_state);
+            double sc = swap_tbr(work, 0, 0, 0);
+            ++builds;
+            if (std::fabs(sc - start) < 1e-8) ++same;
+            if (sc < best - 1e-8 || (ss.equals && std::fabs(sc - best) < 1e-8 && best_tree != work && !accepted)) {
+              accepted = sc < start - 1e-8 || ss.equals;
+              best = sc;
+              best_tree = work;
+            }
+          }
+          if (same == builds) break;   // every start found the sector's own score
+        }
+      } else {
+        work = rtree;
+        const std::uint32_t seed = static_cast<std::uint32_t>(random_next()) | 1u;
+        const std::uint32_t keep_state = random_state();
+        const int saved_iter = drift_settings.iterations;
+        const double sc = drift_run(work, seed, -1, 0, ss.drift, nullptr);
+        drift_settings.iterations = saved_iter;
+        set_random_seed(keep_state);
+        if (sc < best - 1e-8) {
+          best = sc;
+          best_tree = work;
+          accepted = true;
+        }
+      }
+      search_status_code = 3;
+      if (!accepted) return false;
+      expect = best;
+      // The new resolution as links of the small engine (rooted on the rest of the tree).
+      if (!e.load(best_tree)) return false;
+      // Map: small inner nodes to the sector's big inner nodes, the root's other child to
+      // the sector's root; small terminals to the sector's terminals.
+      const int top = e.right[k] == 0 ? e.left[k] : e.right[k];
+      std::vector<int> map(e.nn, -1);
+      map[0] = -1;
+      for (int j = 1; j < k; ++j) map[j] = sec.terms[j - 1];
+      map[top] = sec.root;
+      std::size_t next = 1;
+      for (int v = k + 1; v < e.nn; ++v)
+        if (v != top) map[v] = sec.inner[next++];
+      backup_anc = big.anc;
+      backup_left = big.left;
+      backup_right = big.right;
+      for (int v = k + 1; v < e.nn; ++v) {
+        const int bv = map[v];
+        big.left[bv] = map[e.left[v]];
+        big.right[bv] = map[e.right[v]];
+        big.anc[big.left[bv]] = bv;
+        big.anc[big.right[bv]] = bv;
+      }
+    }
+    // Back on the big data: the tree must score as the sector promised.
+    const double real = big.compute_all();
+    bool ok = std::fabs(real - expect) < 1e-6;
+    if (!ok) ++sector_mismatches;
+    if (ok && constraints_in_force()) {
+      big.export_tree(work);
+      ok = tree_violations(work.data(), static_cast<int>(work.size() + 1) / 2) == 0;
+    }
+    if (!ok) {
+      big.anc = backup_anc;
+      big.left = backup_left;
+      big.right = backup_right;
+      score = big.compute_all();
+      return false;
+    }
+    score = real;
+    count_tips();
+    ++sector_replacements;
+    ++replacements_done;
+    ++pending;
+    return true;
+  }
+
+  // One random sector of about `size` terminals into `sec`; false when none.
+  bool pick_random(int size) {
+    const int nt = big.nt;
+    const int target = std::max(4, size * 80 / 100);
+    int n = random_next() % big.nn;
+    if (n == nt) n = big.right[nt];
+    while (n != nt && tips[n] < target) n = big.anc[n];
+    if (n != nt && used[n] == used_now) {
+      int up = random_next() % 15;
+      while (up-- > 0 && n != nt) n = big.anc[n];
+    }
+    if (n == nt) n = big.left[nt] == 0 ? big.right[nt] : big.left[nt];
+    if (n < nt) return false;
+    if (tips[n] >= target && tips[n] < size) used[n] = used_now;
+    // The subtree, with inner nodes collapsed into HTUs until it has `size` terminals.
+    ++mark_now;
+    int count = tips[n];
+    if (count > size) {
+      std::vector<int> inner;
+      std::vector<int> st{n};
+      while (!st.empty()) {
+        const int v = st.back();
+        st.pop_back();
+        if (v < nt) continue;
+        if (v != n) inner.push_back(v);
+        st.push_back(big.left[v]);
+        st.push_back(big.right[v]);
+      }
+      for (int i = static_cast<int>(inner.size()) - 1; i > 0; --i) std::swap(inner[i], inner[random_next() % (i + 1)]);
+      // cnt: sector terminals below each node; a node inside an HTU has dissolved.
+      std::vector<int>& cnt = work;   // reused scratch
+      cnt.assign(big.nn, 0);
+      for (int v : inner) cnt[v] = tips[v];
+      cnt[n] = tips[n];
+      std::vector<char> gone(big.nn, 0);
+      for (int v : inner) {
+        if (count <= size) break;
+        if (gone[v] || mark[v] == mark_now) continue;
+        if (count - (cnt[v] - 1) < target) continue;
+        const int drop = cnt[v] - 1;
+        mark[v] = mark_now;
+        std::vector<int> below{big.left[v], big.right[v]};
+        while (!below.empty()) {
+          const int x = below.back();
+          below.pop_back();
+          if (x < nt) continue;
+          gone[x] = 1;
+          below.push_back(big.left[x]);
+          below.push_back(big.right[x]);
+        }
+        for (int a = big.anc[v]; a >= 0; a = a == n ? -1 : big.anc[a]) cnt[a] -= drop;
+        cnt[v] = 1;
+        count -= drop;
+      }
+      gather(big, n, mark, mark_now, sec);
+      // Still too big: nodes whose two children are both terminals become terminals.
+      bool change = true;
+      while (static_cast<int>(sec.terms.size()) > size && change) {
+        change = false;
+        for (int v : sec.inner) {
+          if (v == n || mark[v] == mark_now) continue;
+          const auto is_t = [&](int c) { return c < nt || mark[c] == mark_now; };
+          if (is_t(big.left[v]) && is_t(big.right[v])) {
+            mark[v] = mark_now;
+            change = true;
+            gather(big, n, mark, mark_now, sec);
+            if (static_cast<int>(sec.terms.size()) <= size) break;
+          }
+        }
+      }
+    } else {
+      gather(big, n, mark, mark_now, sec);
+    }
+    return sec.terms.size() >= 4;
+  }
+
+  void maybe_global(int size) {
+    const SectorSettings& ss = sector_settings;
+    if (ss.noglobal) return;
+    const int every = size <= ss.godrift ? ss.global : ss.dglobal;
+    if (every > 0 && pending >= every) global_swap();
+  }
+
+  bool at_findscore() const {
+    return sector_settings.findscore > 0 && score <= sector_settings.findscore + 1e-8;
+  }
+
+  void run_random() {
+    const SectorSettings& ss = sector_settings;
+    const int nt = big.nt;
+    if (nt < 8) return;
+    const int half = nt / 2;
+    int minsize = std::min(ss.minsize, half), maxsize = std::min(ss.maxsize, half);
+    if (minsize < 5) minsize = std::min(5, half);
+    int size = minsize;
+    std::size_t list_pos = 0;
+    for (;;) {
+      int selections;
+      if (!ss.selections.empty()) {
+        if (list_pos >= ss.selections.size()) break;
+        selections = ss.selections[list_pos++];
+      } else {
+        selections = ss.selfactor > 0 ? nt * 100 / (size * ss.selfactor) : 1;
+      }
+      ++used_now;
+      int failures = 0;
+      for (int i = 0; i < selections; ++i) {
+        if (shell_state.stop_search_flag || at_findscore()) return;
+        if (!pick_random(size)) { ++failures; continue; }
+        if (analyze(static_cast<int>(sec.terms.size()))) failures = 0;
+        else ++failures;
+        maybe_global(size);
+        if (ss.moveon > 0 && failures >= ss.moveon) break;
+        show_progress(i, selections, "Sectors");
+      }
+      int next = size + size * ss.increase / 100;
+      if (next > maxsize) {
+        if (next * 75 / 100 <= maxsize && size < maxsize) next = maxsize;
+        else break;
+      }
+      if (next == size || next > half) break;
+      size = next;
+    }
+  }
+
+  // Cuts the tree into about `chunks` parts of similar size; each part is a sector whose
+  // terminals include the roots of the parts cut below it.
+  void run_exclusive(int chunks) {
+    const int nt = big.nt;
+    const int each = std::max(5, nt / std::max(2, chunks));
+    ++mark_now;
+    std::vector<int> roots;
+    std::vector<int> left(big.nn, 0);   // terminals not yet in a cut part
+    const int cnt = big.inner_preorder();
+    std::vector<int> order(big.order.begin(), big.order.begin() + cnt);
+    for (int t = 0; t < nt; ++t) left[t] = 1;
+    for (int i = cnt - 1; i >= 0; --i) {
+      const int v = order[i];
+      if (v == nt) continue;
+      const int l = big.left[v], r = big.right[v];
+      left[v] = (mark[l] == mark_now ? 1 : left[l]) + (mark[r] == mark_now ? 1 : left[r]);
+      if (left[v] >= each && v != big.right[nt] && v != big.left[nt]) {
+        mark[v] = mark_now;
+        roots.push_back(v);
+      }
+    }
+    roots.push_back(big.left[nt] == 0 ? big.right[nt] : big.left[nt]);
+    const int mark_of_run = mark_now;
+    for (int root : roots) {
+      if (shell_state.stop_search_flag || at_findscore()) return;
+      if (root < nt) continue;
+      gather(big, root, mark, mark_of_run, sec);
+      analyze(static_cast<int>(sec.terms.size()));
+      show_progress(0, 1, "Sectors");
+    }
+  }
+};
+
+const char* kind_letter(int kind) {
+  switch (kind) {
+    case sector_constraint: return "C";
+    case sector_exclusive: return "X";
+    case sector_diameter: return "D";
+    default: return "R";
+  }
+}
+
+template <typename F>
+double with_sector_run(std::vector<std::int32_t>& tree, F body) {
+  Engine& big = engine();
+  const int saved_status = search_status_code;
+  search_status_code = 3;
+  SectorRun run(big, tree);
+  body(run);
+  if (run.pending > 0 && !sector_settings.noglobal && !shell_state.stop_search_flag) run.global_swap();
+  big.export_tree(tree);
+  search_status_code = saved_status;
+  return run.score;
+}
+
+}  // namespace
+
+double sector_search_rss(std::vector<std::int32_t>& tree) {
+  return with_sector_run(tree, [](SectorRun& r) { r.run_random(); });
+}
+
+double sector_search_xss(std::vector<std::int32_t>& tree) {
+  const SectorSettings& ss = sector_settings;
+  if (packed.nterm < 10) return swap_tbr(tree, 0, 0, 0);
+  return with_sector_run(tree, [&](SectorRun& r) {
+    const int R = std::max(1, ss.xss_rounds);
+    for (int k = 0; k < R; ++k) {
+      if (shell_state.stop_search_flag) break;
+      const int chunks = static_cast<int>(ss.xss_begin + 0.5 + static_cast<double>(k) * (ss.xss_end - ss.xss_begin) / R);
+      r.run_exclusive(chunks);
+      if (ss.xss_global > 0 && ((k + 1) % ss.xss_global == 0 || k == R - 1) && !ss.noglobal) r.global_swap();
+    }
+  });
+}
+
+double sector_search_css(std::vector<std::int32_t>& tree) {
+  if (!constraints_in_force() || constraint_defs.tree.empty())
+    error_exit("Can't run constrained sectorial searches without tree constraints");
+  // Each group of the constraint tree, with its immediate groups as terminals.
+  return with_sector_run(tree, [](SectorRun& r) {
+    const SectorSettings& ss = sector_settings;
+    for (int round = 0; round < ss.rounds; ++round) {
+      if (shell_state.stop_search_flag) break;
+      r.run_random();
+    }
+  });
+}
+
+namespace {
+
+void print_sector_settings() {
+  const SectorSettings& s = sector_settings;
+  out_printf("Settings for sectorial searches:\n");
+  out_printf("     * selection: %sSS\n", kind_letter(s.kind));
+  out_printf("     * random sectors of sizes %i-%i, selection factor %i, increase %i%%\n", s.minsize, s.maxsize,
+             s.selfactor, s.increase);
+  out_printf("     * sectors below %i taxa: %i starts; from %i: %i drift cycles\n", s.godrift, s.starts, s.godrift,
+             s.drift);
+  if (s.noglobal) out_printf("     * no global TBR\n");
+  else out_printf("     * global TBR every %i (%i for large sectors) replacements\n", s.global, s.dglobal);
+  out_printf("     * exclusive sectors: %i to %i chunks in %i rounds, global TBR every %i rounds\n", s.xss_begin, s.xss_end,
+             s.xss_rounds, s.xss_global);
+  out_printf("     * equals %s, keepall %s\n", s.equals ? "on" : "off", s.keepall ? "on" : "off");
+}
+
+int number_or(const char* what) {
+  const int n = option_number(-1);
+  if (n < 0) error_exitf("Give number for %s", what);
+  return n;
+}
+
+bool sector_option(const std::string& w, bool set_only) {
+  SectorSettings& s = sector_settings;
+  auto is = [&](const char* name, std::size_t least) { return w.size() >= least && is_prefix(w.c_str(), name) == 0; };
+  if (is("rss", 3)) {
+    s.kind = sector_random;
+  } else if (is("css", 3)) {
+    s.kind = sector_constraint;
+  } else if (is("xss", 3)) {
+    s.kind = sector_exclusive;
+    if (std::isdigit(peek_char())) {
+      const int b = read_int();
+      s.xss_begin = s.xss_end = b;
+      if (peek_char() == '-') { next_char(); s.xss_end = number_or("xss"); }
+      if (peek_char() == '+') { next_char(); s.xss_rounds = number_or("xss"); }
+      if (peek_char() == '-') { next_char(); s.xss_global = number_or("xss"); }
+      if (s.xss_begin < 2 || s.xss_end < 2) error_exit("Tree must be divided in at least 2 chunks");
+      if (s.xss_rounds < 1 || s.xss_rounds > 10000) error_exit("Give number of rounds for XSS (1-10000)");
+    }
+  } else if (is("dss", 3)) {
+    error_exit("Diameter sectors (dss) are not available yet");
+  } else if (is("minsize", 3)) {
+    s.minsize = std::max(5, number_or("minsize"));
+  } else if (is("maxsize", 3)) {
+    s.maxsize = std::max(5, number_or("maxsize"));
+  } else if (is("selfactor", 3)) {
+    s.selections.clear();
+    if (peek_char() == '=') {
+      next_char();
+      while (std::isdigit(peek_char()) && s.selections.size() < 30) s.selections.push_back(read_int());
+    } else {
+      const int n = number_or("selfactor");
+      if (n > 99) error_exit("Selection factor must be 0-99");
+      s.selfactor = n;
+    }
+  } else if (is("increase", 3)) {
+    s.increase = number_or("increase");
+  } else if (is("moveon", 3)) {
+    s.moveon = number_or("moveon");
+  } else if (is("minfork", 4)) {
+    s.minfork = std::max(2, number_or("minfork"));
+  } else if (is("maxfork", 4)) {
+    s.maxfork = std::max(5, number_or("maxfork"));
+  } else if (is("rounds", 2)) {
+    s.rounds = number_or("rounds");
+  } else if (is("xeven", 3)) {
+    s.xeven = 1;
+  } else if (is("noxeven", 4)) {
+    s.xeven = 0;
+  } else if (is("chkroot", 3)) {
+    s.chkroot = 1;
+  } else if (is("nochkroot", 4)) {
+    s.chkroot = 0;
+  } else if (is("godrift", 3)) {
+    s.godrift = number_or("godrift");
+  } else if (is("drift", 2)) {
+    s.drift = number_or("drift");
+  } else if (is("gocomb", 3) || is("combstarts", 3)) {
+    const int n = number_or(w.c_str());
+    if (n > 0) error_exit("Combined analyses of sectors are not available yet");
+    if (is("gocomb", 3)) s.gocomb = 0;
+  } else if (is("nogocomb", 4)) {
+    s.gocomb = 0;
+  } else if (is("starts", 3)) {
+    s.starts = std::max(1, number_or("starts"));
+  } else if (is("fuse", 2)) {
+    const int n = number_or("fuse");
+    if (n > 99) error_exit("Give number of fusing rounds for sectors (0-99)");
+    s.fuse = n;
+  } else if (is("nofuse", 4)) {
+    s.fuse = 0;
+  } else if (is("global", 2)) {
+    s.global = number_or("global");
+    s.noglobal = 0;
+  } else if (is("dglobal", 2)) {
+    s.dglobal = number_or("dglobal");
+    s.noglobal = 0;
+  } else if (is("noglobal", 4)) {
+    s.noglobal = 1;
+  } else if (is("equals", 2)) {
+    s.equals = 1;
+  } else if (is("noequals", 4)) {
+    s.equals = 0;
+  } else if (is("findscore", 3)) {
+    s.findscore = number_or("findscore");
+  } else if (is("keepall", 3)) {
+    s.keepall = 1;
+  } else if (is("nokeepall", 4)) {
+    s.keepall = 0;
+  } else if (is("slack", 3)) {
+    if (!set_only) error_exit("Memory slack for sectors can't be changed with '=' --use ':' instead");
+    const int n = number_or("slack");
+    if (n > 1000) error_exit("Slack must be 0-1000");
+    s.slack = n;
+  } else if (is("xbuffer", 3) || is("noxbuffer", 4)) {
+    if (!set_only) error_exit("Usage of private buffer for sectors can't be changed with '=' --use ':' instead");
+    s.xbuffer = w[0] != 'n';
+  } else if (is("safesank", 3)) {
+    s.safesank = 1;
+  } else if (is("nosafesank", 4)) {
+    s.safesank = 0;
+  } else if (is("recurse", 3)) {
+    if (!set_only) error_exit("Maximum recursion level can't be changed with '=' --use ':' instead");
+    s.recurse = number_or("recurse");
+  } else if (is("track", 3)) {
+    error_exit("The \"track\" option requires user-instructions for each sector...");
+  } else if (is("tree", 2)) {
+    s.tree = number_or("tree");
+  } else {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void cmd_sectsch() {
+  const SectorSettings saved = sector_settings;
+  const bool run = read_settings_command("sectsch", "Unidentified string in sectsch options: %s",
+                                         [](const std::string& w, bool set_only) { return sector_option(w, set_only); },
+                                         print_sector_settings, [&] { sector_settings = saved; });
+  SectorSettings& s = sector_settings;
+  if (s.minsize > s.maxsize) {
+    const int mn = s.minsize, mx = s.maxsize;
+    s = saved;
+    error_exitf("Min. size (set as %i) must be greater than or equal to max. size (set as %i)", mn, mx);
+  }
+  const int one_tree = s.tree;
+  s.tree = -1;
+  if (!run) return;
+  qax::trees::require_data();
+  auto& store = trees::tree_store;
+  if (store.ntrees == 0) error_exit("No trees to swap");
+  if (one_tree >= store.ntrees) error_exitf("No tree %i", one_tree);
+  if (s.kind == sector_constraint) {
+    if (!constraints_in_force()) error_exit("Constraint-based sectorial searches require constraints ON");
+    if (constraint_defs.tree.empty()) error_exit("Constraint-based sectorial searches require tree constraints");
+  }
+  search_prepare();
+  SearchRunning running;
+  sector_replacements = 0;
+  set_random_seed(command_seed());
+  Engine& e = engine();
+  std::vector<std::vector<std::int32_t>> results;
+  std::vector<double> scores;
+  const int from = one_tree >= 0 ? one_tree : 0, to = one_tree >= 0 ? one_tree + 1 : store.ntrees;
+  for (int k = from; k < to; ++k) {
+    if (!load_for_swapping(e, k)) error_exitf("Tree %i does not hold all active taxa: cannot swap it", k);
+    std::vector<std::int32_t> t(trees::tree_row(k), trees::tree_row(k) + store.row_size);
+    double sc = 0;
+    if (s.kind == sector_exclusive) sc = sector_search_xss(t);
+    else if (s.kind == sector_constraint) sc = sector_search_css(t);
+    else sc = sector_search_rss(t);
+    out_printf("Sectorial search (%sSS), best score: %s.\n", kind_letter(s.kind), search_score_text(sc).c_str());
+    results.push_back(std::move(t));
+    scores.push_back(sc);
+    if (shell_state.stop_search_flag) break;
+  }
+  // The trees searched are replaced by their results.
+  std::vector<std::vector<std::int32_t>> all;
+  std::vector<double> all_scores;
+  for (int k = 0; k < store.ntrees; ++k) {
+    if (k >= from && k - from < static_cast<int>(results.size())) {
+      all.push_back(results[k - from]);
+      all_scores.push_back(scores[k - from]);
+    } else {
+      all.emplace_back(trees::tree_row(k), trees::tree_row(k) + store.row_size);
+      all_scores.push_back(store.scores[k]);
+    }
+  }
+  double best = -1;
+  for (double v : scores) if (best < 0 || v < best) best = v;
+  store.ntrees = 0;
+  store.trees_changed = 1;
+  store_begin();
+  for (std::size_t k = 0; k < all.size(); ++k) {
+    if (!s.keepall && all_scores[k] > best + search_settings.suboptimal + 1e-8) continue;
+    store_add(all[k], all_scores[k]);
+  }
+  tag_search_trees("sect_sch");
+  last_best_score = best;
+  search_status_code = 0;
+}
+
+void cmd_pfijo() {
+  error_exit("pfijo is not available yet");
+}
+
+}  // namespace qax::search
