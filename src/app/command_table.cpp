@@ -159,7 +159,7 @@ const CommandRecord command_records[] = {
     {"xgroup", qax::dataset::cmd_xgroup, 0, topic_settings | topic_various | topic_characters},
     {"xinact", cmd_not_available, 1, topic_settings | topic_characters},
     {"xlinks", cmd_not_available, 0, topic_settings | topic_characters},
-    {"xmult", cmd_not_available, 1, topic_searching},
+    {"xmult", qax::search::cmd_xmult, 1, topic_searching},
     {"xperm", cmd_not_available, 1, topic_various | topic_characters},
     {"xpiwe", cmd_not_available, 0, topic_settings | topic_weights},
     {"xread", qax::dataset::cmd_xread, 1, topic_input | topic_save},

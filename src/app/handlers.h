@@ -16,3 +16,4 @@
 #include "search/constraints.h"
 #include "search/fusing.h"
 #include "search/sectors.h"
+#include "search/xmult.h"
