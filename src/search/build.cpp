@@ -10,6 +10,9 @@
 #include "optim/kernels.h"
 #include "search/constraints.h"
 #include "search/engine.h"
+#include "search/fusing.h"
+#include "search/sectors.h"
+#include "search/xmult.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
 #include "shell/failure.h"
@@ -51,6 +54,9 @@ void reset_search_state() {
   search_settings = SearchSettings{};
   ratchet_settings = RatchetSettings{};
   drift_settings = DriftSettings{};
+  fuse_settings = FuseSettings{};
+  sector_settings = SectorSettings{};
+  xmult_settings = XmultSettings{};
   rearrangements_examined = Rearrangements{};
   replacements_done = 0;
   search_status_code = 0;

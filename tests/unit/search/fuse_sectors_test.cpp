@@ -1,0 +1,248 @@
+// Tree fusing, sectorial searches and xmult: every exchange and every sector substitution
+// leaves a tree whose score is the one a plain reference scorer gives; the drivers reach
+// known best lengths, and put the settings they change back.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "common/data_fixtures.h"
+#include "common/harness.h"
+#include "common/slow_length.h"
+#include "optim/packed.h"
+#include "search/fusing.h"
+#include "search/search_internal.h"
+#include "search/sectors.h"
+#include "search/settings.h"
+#include "search/xmult.h"
+#include "trees/store.h"
+
+using namespace qax;
+using qax::test::has;
+using qax::test::run;
+using qax::test::slow_length;
+
+namespace {
+
+class Fusing : public test::ShellTest {};
+
+// Characters evolved along a random tree, so that trees found by searches share many
+// groups but differ in some (what fusing and sectors work on).
+std::string evolved_matrix(int ntax, int nchar, int states, int rate, std::mt19937& rng) {
+  std::vector<std::string> seq(2 * ntax, std::string(nchar, '0'));
+  for (int c = 0; c < nchar; ++c) seq[0][c] = static_cast<char>('0' + rng() % states);
+  // Random order of splitting: sequence k descends from a random earlier one.
+  for (int k = 1; k < 2 * ntax; ++k) {
+    seq[k] = seq[rng() % k];
+    for (int c = 0; c < nchar; ++c)
+      if (static_cast<int>(rng() % 100) < rate) seq[k][c] = static_cast<char>('0' + rng() % states);
+  }
+  std::string s = "xread " + std::to_string(nchar) + " " + std::to_string(ntax) + "\n";
+  for (int t = 0; t < ntax; ++t) {
+    std::string row = seq[ntax + t];
+    if (rng() % 5 == 0) row[rng() % nchar] = '?';
+    s += "t" + std::to_string(t) + " " + row + "\n";
+  }
+  return s + ";";
+}
+
+std::vector<std::int32_t> row(int k) {
+  return {trees::tree_row(k), trees::tree_row(k) + trees::tree_store.row_size};
+}
+
+void check_store_scores() {
+  ASSERT_GT(trees::tree_store.ntrees, 0);
+  for (int k = 0; k < trees::tree_store.ntrees; ++k)
+    EXPECT_EQ(slow_length(trees::tree_row(k)), trees::tree_store.scores[k]) << "tree " << k;
+}
+
+}  // namespace
+
+TEST_F(Fusing, EveryExchangeScoresAsAFullRescoring) {
+  std::mt19937 rng(41);
+  int exchanges = 0;
+  for (int round = 0; round < 12; ++round) {
+    const int n = 12 + static_cast<int>(rng() % 30);
+    const int states = 2 + round % 5;
+    run(evolved_matrix(n, 20 + static_cast<int>(rng() % 60), states, 8 + round % 10, rng));
+    if (round % 3 == 1) run("ccode /3 0 1 /2 2.4;");   // weights: the other counting kernels
+    run("hold 100; rseed " + std::to_string(round + 1) + "; mult=replic 6 hold 1 keepall;");
+    search::search_prepare();
+    const int nt = trees::tree_store.ntrees;
+    ASSERT_GE(nt, 2);
+    for (int a = 0; a < nt; ++a)
+      for (int b = 0; b < nt; ++b) {
+        if (a == b) continue;
+        for (int minfork : {2, 3}) {
+          for (int equals : {0, 1}) {
+            search::fuse_settings.minfork = minfork;
+            std::vector<std::int32_t> r = row(a);
+            const int before = slow_length(r.data());
+            double score = 0;
+            const int made = search::fuse_pair(r, row(b), &score, equals);
+            exchanges += made;
+            EXPECT_EQ(slow_length(r.data()), score) << "round " << round << " pair " << a << "," << b;
+            EXPECT_LE(score, before);
+            if (!equals && made > 0) EXPECT_LT(score, before);
+            if (made == 0) EXPECT_EQ(r, row(a));
+          }
+        }
+      }
+    // Random trees against searched ones: large differences, few shared groups.
+    std::mt19937 trng(round);
+    for (int k = 0; k < 4; ++k) {
+      std::vector<std::int32_t> r = test::random_binary_parent(trng, n);
+      trees::reset_node_numbers(r.data(), n);
+      double score = 0;
+      search::fuse_pair(r, row(0), &score, 0);
+      EXPECT_EQ(slow_length(r.data()), score);
+    }
+    search::fuse_settings = search::FuseSettings{};
+  }
+  EXPECT_GT(exchanges, 20);
+}
+
+TEST_F(Fusing, TfuseKeepsScoredTreesAndSaysWhatItDid) {
+  std::string out = run(std::string("proc ") + QAX_TEST_DATA + "/Conrad2008.xread; hold 200; rseed 3; mult=replic 6 hold 1 keepall;");
+  out = run("tfuse;");
+  EXPECT_TRUE(has(out, "rounds of fusing completed.")) << out;
+  EXPECT_TRUE(has(out, "trees retained, best score")) << out;
+  check_store_scores();
+  // Without keepall only the best trees stay.
+  out = run("tfuse=nokeepall rounds 3;");
+  const double best = search::last_best_score;
+  for (int k = 0; k < trees::tree_store.ntrees; ++k) EXPECT_EQ(trees::tree_store.scores[k], best);
+  check_store_scores();
+  // One tree, and too little room.
+  run("keep 1;");
+  out = run("tfuse;");
+  EXPECT_TRUE(has(out, "Fusing a tree with itself produces nothing!")) << out;
+  out = run("hold 4; mult=replic 3 hold 1 keepall; tfuse=rounds 5;");
+  EXPECT_TRUE(has(out, "5 fusing rounds with 3 trees in memory require max.trees 8 or more")) << out;
+  EXPECT_EQ(search::fuse_settings.rounds, 5);   // the options were read before the check
+  out = run("tfuse=bogus;");
+  EXPECT_TRUE(has(out, "Unidentified string in tfuse options: bogus")) << out;
+}
+
+TEST_F(Fusing, TfuseOfOneNodeByHand) {
+  run(std::string("proc ") + QAX_TEST_DATA + "/Longrich2010.xread; hold 20; rseed 1; mult=replic 2 wagner keepall;");
+  ASSERT_EQ(trees::tree_store.ntrees, 2);
+  const int ntax = trees::tree_store.ntax;
+  // The group of all taxa but the outgroup is in both trees: node ntax+1 is it.
+  std::string out = run("tfuse / " + std::to_string(ntax + 1) + " 1 0;");
+  EXPECT_TRUE(has(out, "Fused node " + std::to_string(ntax + 1) + " of tree 1 into tree 0 (saved as tree 2)")) << out;
+  ASSERT_EQ(trees::tree_store.ntrees, 3);
+  EXPECT_EQ(slow_length(trees::tree_row(2)), slow_length(trees::tree_row(1)));
+}
+
+TEST_F(Fusing, SectorSubstitutionsAreExact) {
+  std::mt19937 rng(7);
+  for (int round = 0; round < 8; ++round) {
+    const int n = 30 + static_cast<int>(rng() % 50);
+    run(evolved_matrix(n, 30 + static_cast<int>(rng() % 80), 2 + round % 6, 10 + round % 7, rng));
+    if (round % 4 == 3) run("ccode /2 0 2 4;");
+    search::sector_mismatches = 0;
+    std::string out = run("hold 50; rseed " + std::to_string(round + 3) +
+                          "; mult=replic 2 wagner keepall; sectsch=rss minsize 8 maxsize 20 selfactor 20 equals noglobal;");
+    EXPECT_TRUE(has(out, "Sectorial search (RSS), best score: ")) << out;
+    EXPECT_EQ(search::sector_mismatches, 0);
+    EXPECT_GT(search::sector_replacements, 0u) << out;
+    check_store_scores();
+    out = run("sectsch=xss 3-5+2-1;");
+    EXPECT_TRUE(has(out, "Sectorial search (XSS), best score: ")) << out;
+    EXPECT_EQ(search::sector_mismatches, 0);
+    check_store_scores();
+    // Large sectors are drifted.
+    out = run("sectsch=rss minsize 12 maxsize 12 godrift 10 drift 2 global 2;");
+    EXPECT_EQ(search::sector_mismatches, 0);
+    check_store_scores();
+  }
+}
+
+TEST_F(Fusing, SectorSettingsMessages) {
+  run(std::string("proc ") + QAX_TEST_DATA + "/Longrich2010.xread; mult=replic 1 hold 1;");
+  std::string out = run("sectsch=minsize 50 maxsize 20;");
+  EXPECT_TRUE(has(out, "Min. size (set as 50) must be greater than or equal to max. size (set as 20)")) << out;
+  EXPECT_EQ(search::sector_settings.minsize, 45);
+  out = run("sectsch=slack 10;");
+  EXPECT_TRUE(has(out, "Memory slack for sectors can't be changed with '=' --use ':' instead")) << out;
+  out = run("sectsch=recurse 2;");
+  EXPECT_TRUE(has(out, "Maximum recursion level can't be changed with '=' --use ':' instead")) << out;
+  out = run("sectsch=noxbuffer;");
+  EXPECT_TRUE(has(out, "Usage of private buffer for sectors can't be changed with '=' --use ':' instead")) << out;
+  out = run("sectsch=css;");
+  EXPECT_TRUE(has(out, "Constraint-based sectorial searches require constraints ON")) << out;
+  out = run("sectsch=track;");
+  EXPECT_TRUE(has(out, "The \"track\" option requires user-instructions for each sector...")) << out;
+  out = run("sectsch:slack 10 minsize 10;");
+  EXPECT_EQ(search::sector_settings.slack, 10);
+  EXPECT_EQ(search::sector_settings.minsize, 10);
+}
+
+TEST_F(Fusing, SearchLevelsForOneHundredTaxa) {
+  search::set_search_level(0, 100);
+  EXPECT_EQ(search::xmult_settings.replications, 4);
+  EXPECT_EQ(search::xmult_settings.drift, 0);
+  EXPECT_EQ(search::xmult_settings.fuse, 3);
+  EXPECT_EQ(search::sector_settings.maxsize, 45);
+  EXPECT_EQ(search::sector_settings.minsize, 45);
+  search::set_search_level(10, 100);
+  EXPECT_EQ(search::sector_settings.maxsize, 50);
+  EXPECT_EQ(search::sector_settings.minsize, 45);
+  EXPECT_EQ(search::xmult_settings.replications, 14);
+  EXPECT_EQ(search::xmult_settings.drift, 36);
+  EXPECT_EQ(search::xmult_settings.fuse, 10);
+  EXPECT_EQ(search::sector_settings.selfactor, 16);
+  EXPECT_EQ(search::sector_settings.global, 2);
+  EXPECT_EQ(search::sector_settings.dglobal, 10);
+  EXPECT_EQ(search::xmult_settings.xmix, 1);
+  // Mid levels: drift 4 up to 5.5.
+  search::set_search_level(5, 100);
+  EXPECT_EQ(search::xmult_settings.drift, 4);
+  EXPECT_EQ(search::xmult_settings.fuse, 5);
+  EXPECT_EQ(search::xmult_settings.replications, 9);
+  std::string out = run("xmult:level 11;");
+  EXPECT_TRUE(has(out, "Can't set search level to 11.00 (level must be 0-10)")) << out;
+}
+
+TEST_F(Fusing, XmultReachesKnownBestAndRestoresSettings) {
+  struct Case { const char* file; int best; };
+  for (const Case& c : {Case{"Wills2012.xread", 268}, Case{"Conrad2008.xread", 1704}}) {
+    for (int seed : {1, 2}) {
+      std::string out = run(std::string("proc ") + QAX_TEST_DATA + "/" + c.file + "; hold 500; rseed " +
+                            std::to_string(seed) + ";");
+      const search::SearchSettings before = search::search_settings;
+      const search::DriftSettings drift_before = search::drift_settings;
+      out = run("xmult=level 2 hits 2;");
+      EXPECT_TRUE(has(out, "Completed search.\n")) << out;
+      EXPECT_TRUE(has(out, "Best score: " + std::to_string(c.best) + ".")) << c.file << " seed " << seed << "\n" << out;
+      EXPECT_TRUE(has(out, "No target score defined.  Best score hit 2 times.")) << out;
+      check_store_scores();
+      EXPECT_EQ(search::search_settings.seed, before.seed);
+      EXPECT_EQ(search::search_settings.suboptimal, before.suboptimal);
+      EXPECT_EQ(search::drift_settings.iterations, drift_before.iterations);
+      EXPECT_EQ(trees::tree_store.maxtrees, 500);
+    }
+  }
+  // A target score: the search goes on until it is hit.
+  std::string out = run("xmult=targetscore 1704 hits 1 level 0;");
+  EXPECT_TRUE(has(out, "Target score 1704 hit 1 times.")) << out;
+  out = run("xmult=targetscore 1704 fuse 0;");
+  EXPECT_TRUE(has(out, "To search for a target score, must use fusing or hybridization")) << out;
+  out = run("xmult=filter 2 keepall;");
+  EXPECT_TRUE(has(out, "Options \"filter\" and \"keep\" are not valid together; use one or the other")) << out;
+  out = run("xmult=nokeepall filter 2 retouch 3;");
+  EXPECT_TRUE(has(out, "Number for \"filter\" must be larger than for \"retouch\"")) << out;
+  out = run("xmult*;");
+  EXPECT_TRUE(has(out, "Wrong search argument: *")) << out;
+}
+
+TEST_F(Fusing, XmultConsensusStabilisation) {
+  std::string out = run(std::string("proc ") + QAX_TEST_DATA + "/Longrich2010.xread; hold 500; rseed 1;");
+  out = run("xmult=hits 3 consense 2 conbase 1 conmax 5 verbose replic 2 drift 0;");
+  EXPECT_TRUE(has(out, "To stabilize consensus, tree collapsing will be re-set to TBR")) << out;
+  EXPECT_TRUE(has(out, "Calculated consensus (")) << out;
+  EXPECT_TRUE(has(out, "saved as tree ")) << out;
+  EXPECT_TRUE(has(out, "Number of nodes in each stabilization: ")) << out;
+}
