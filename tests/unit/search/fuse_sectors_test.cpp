@@ -246,3 +246,27 @@ TEST_F(Fusing, XmultConsensusStabilisation) {
   EXPECT_TRUE(has(out, "saved as tree ")) << out;
   EXPECT_TRUE(has(out, "Number of nodes in each stabilization: ")) << out;
 }
+
+TEST_F(Fusing, RatchetAndDriftFuseTheirTreesAndRunAutoconstrained) {
+  std::string out = run(std::string("proc ") + QAX_TEST_DATA + "/Conrad2008.xread; hold 300; rseed 2; mult=replic 1 wagner;");
+  out = run("ratchet=iter 12 fusefreq 3x2 autoconst 4;");
+  EXPECT_TRUE(has(out, "12 ratchet iterations completed (autoconstrained)\n")) << out;
+  check_store_scores();
+  EXPECT_EQ(search::ratchet_settings.fusefreq, 3);
+  EXPECT_EQ(search::ratchet_settings.fuserounds, 2);
+  // The constraints of the iterations are gone afterwards.
+  EXPECT_EQ(search::constraint_defs.active, 0);
+  EXPECT_TRUE(search::constraint_defs.positive.empty());
+  out = run("drift=iter 9 fusefreq 3 nodumpfuse autoconst 2;");
+  EXPECT_TRUE(has(out, "9 drift cycles completed\n")) << out;
+  check_store_scores();
+  EXPECT_EQ(search::constraint_defs.active, 0);
+  out = run("ratchet: fusefreq 1;");
+  EXPECT_TRUE(has(out, "Give frequency for auto-fusing (3-100, no fusing = 0 )")) << out;
+  out = run("ratchet: fusefreq 5x101;");
+  EXPECT_TRUE(has(out, "Give number of rounds for auto-fusing (1-100)")) << out;
+  EXPECT_EQ(search::ratchet_settings.fusefreq, 3);
+  out = run("ratchet: nofusefreq noautoconst;");
+  EXPECT_EQ(search::ratchet_settings.fusefreq, 0);
+  EXPECT_EQ(search::ratchet_settings.autoconst, 0);
+}
