@@ -483,6 +483,64 @@ struct SectorRun {
     }
   }
 
+  // Sectors from the groups of the constraints: each group (and the whole tree) with its
+  // immediate subgroups and loose terminals as the sector's terminals, when the number of
+  // those is within minfork and maxfork. The groups stay groups: the sector's terminals are
+  // all on one side of the rest of the tree.
+  void run_constraint() {
+    const SectorSettings& ss = sector_settings;
+    const int nt = big.nt;
+    const int ntax = static_cast<int>(packed.to_packed.size());
+    ++mark_now;
+    const int stamp = mark_now;
+    std::vector<int> nodes;
+    for (const ConstraintGroup& g : constraint_defs.positive) {
+      if (static_cast<int>(g.field.size()) < ntax) continue;
+      int size = 0, first = -1;
+      bool usable = true;
+      for (int t = 0; t < ntax && usable; ++t) {
+        const int p = packed.to_packed[t];
+        if (p < 0) continue;
+        if (g.field[t] == field_inside) {
+          ++size;
+          if (first < 0) first = p;
+          if (p == 0) usable = false;   // the tree is rooted on terminal 0
+        } else if (g.field[t] == field_floating) {
+          usable = false;
+        }
+      }
+      if (!usable || size < 2) continue;
+      int v = first;
+      while (v != nt && tips[v] < size) v = big.anc[v];
+      if (v == nt || tips[v] != size || mark[v] == stamp) continue;
+      // Every terminal below v is a member.
+      bool same = true;
+      std::vector<int> st{v};
+      while (!st.empty() && same) {
+        const int x = st.back();
+        st.pop_back();
+        if (x < nt) same = g.field[packed.from_packed[x]] == field_inside;
+        else { st.push_back(big.left[x]); st.push_back(big.right[x]); }
+      }
+      if (!same) continue;
+      mark[v] = stamp;
+      nodes.push_back(v);
+    }
+    const int top = big.left[nt] == 0 ? big.right[nt] : big.left[nt];
+    if (top >= nt && mark[top] != stamp) nodes.push_back(top);
+    for (int round = 0; round < std::max(1, ss.rounds); ++round) {
+      for (int v : nodes) {
+        if (shell_state.stop_search_flag || at_findscore()) return;
+        gather(big, v, mark, stamp, sec);
+        const int fork = static_cast<int>(sec.terms.size());
+        if (fork < ss.minfork || fork > ss.maxfork) continue;
+        analyze(fork);
+        maybe_global(fork);
+        show_progress(round, ss.rounds, "Sectors");
+      }
+    }
+  }
+
   // Cuts the tree into about `chunks` parts of similar size; each part is a sector whose
   // terminals include the roots of the parts cut below it.
   void run_exclusive(int chunks) {
@@ -559,16 +617,9 @@ double sector_search_xss(std::vector<std::int32_t>& tree) {
 }
 
 double sector_search_css(std::vector<std::int32_t>& tree) {
-  if (!constraints_in_force() || constraint_defs.tree.empty())
+  if (!constraints_in_force() || constraint_defs.positive.empty())
     error_exit("Can't run constrained sectorial searches without tree constraints");
-  // Each group of the constraint tree, with its immediate groups as terminals.
-  return with_sector_run(tree, [](SectorRun& r) {
-    const SectorSettings& ss = sector_settings;
-    for (int round = 0; round < ss.rounds; ++round) {
-      if (shell_state.stop_search_flag) break;
-      r.run_random();
-    }
-  });
+  return with_sector_run(tree, [](SectorRun& r) { r.run_constraint(); });
 }
 
 namespace {
@@ -729,7 +780,7 @@ void cmd_sectsch() {
   if (one_tree >= store.ntrees) error_exitf("No tree %i", one_tree);
   if (s.kind == sector_constraint) {
     if (!constraints_in_force()) error_exit("Constraint-based sectorial searches require constraints ON");
-    if (constraint_defs.tree.empty()) error_exit("Constraint-based sectorial searches require tree constraints");
+    if (constraint_defs.positive.empty()) error_exit("Constraint-based sectorial searches require tree constraints");
   }
   search_prepare();
   SearchRunning running;

@@ -143,7 +143,9 @@ struct Xmult {
     }
     sc = swap_tbr(t, 0, 0, 0);
     if (have_prev && x.autoconst == 3) ac.set(prev, t);
-    if (x.css && constraints_in_force() && !constraint_defs.tree.empty() && !ac.on && !shell_state.stop_search_flag)
+    // The groups of the autoconstraint (or the user's) make the sectors of css: the parts
+    // where this tree and the previous one disagree.
+    if (x.css && constraints_in_force() && !constraint_defs.positive.empty() && !shell_state.stop_search_flag)
       sc = sector_search_css(t);
     ac.clear();
     if (x.rss && !shell_state.stop_search_flag) sc = sector_search_rss(t);

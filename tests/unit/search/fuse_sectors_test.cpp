@@ -11,6 +11,7 @@
 #include "common/harness.h"
 #include "common/slow_length.h"
 #include "optim/packed.h"
+#include "search/constraints.h"
 #include "search/fusing.h"
 #include "search/search_internal.h"
 #include "search/sectors.h"
@@ -269,4 +270,28 @@ TEST_F(Fusing, RatchetAndDriftFuseTheirTreesAndRunAutoconstrained) {
   out = run("ratchet: nofusefreq noautoconst;");
   EXPECT_EQ(search::ratchet_settings.fusefreq, 0);
   EXPECT_EQ(search::ratchet_settings.autoconst, 0);
+}
+
+TEST_F(Fusing, ConstraintSectorsKeepTheGroupsAndTheScores) {
+  std::mt19937 rng(5);
+  run(evolved_matrix(40, 60, 4, 12, rng));
+  // A constraint tree with big polytomies: its groups hold, its polytomies are the sectors.
+  std::string out = run("hold 50; rseed 2; mult=replic 1 wagner; sectsch=css;");
+  EXPECT_TRUE(has(out, "Constraint-based sectorial searches require constraints ON")) << out;
+  out = run("force = (t0 (t1 t2 t3 t4 t5 t6 t7 t8 t9 t10 t11 t12 t13 t14 t15 t16 t17 t18 t19) "
+            "(t20 t21 t22 t23 t24 t25 t26 t27 t28 t29 t30 t31 t32 t33 t34 t35 t36 t37 t38 t39)); constrain =;");
+  out = run("mult=replic 1 hold 1; sectsch=css minfork 5 equals;");
+  EXPECT_TRUE(has(out, "Sectorial search (CSS), best score: ")) << out;
+  EXPECT_EQ(search::sector_mismatches, 0);
+  check_store_scores();
+  for (int k = 0; k < trees::tree_store.ntrees; ++k)
+    EXPECT_EQ(search::tree_violations(trees::tree_row(k), trees::tree_store.ntax), 0);
+  // xmult uses them as well, and its autoconstraints leave the user's constraints alone.
+  const std::size_t groups = search::constraint_defs.positive.size();
+  out = run("xmult=hits 1 replic 3;");
+  EXPECT_TRUE(has(out, "Completed search.")) << out;
+  EXPECT_EQ(search::constraint_defs.positive.size(), groups);
+  check_store_scores();
+  for (int k = 0; k < trees::tree_store.ntrees; ++k)
+    EXPECT_EQ(search::tree_violations(trees::tree_row(k), trees::tree_store.ntax), 0);
 }
