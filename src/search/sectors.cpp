@@ -275,33 +275,65 @@ struct SectorRun {
       double best = start;
       const int k = packed.nterm;
       if (packed.nwords == 0 || k < 5) return false;
-      if (size_class < ss.godrift) {
-        int builds = 0, same = 0;
+      // A combined analysis from gocomb on lowers the size at which drift takes over.
+      const int godrift = ss.gocomb > 0 && ss.gocomb < ss.godrift ? ss.gocomb : ss.godrift;
+      std::vector<std::vector<std::int32_t>> builds;
+      auto consider = [&](const std::vector<std::int32_t>& t, double sc) {
+        if (sc < best - 1e-8 || (ss.equals && std::fabs(sc - best) < 1e-8 && best_tree != t && !accepted)) {
+          accepted = sc < start - 1e-8 || ss.equals;
+          best = sc;
+          best_tree = t;
+        }
+      };
+      auto build_one = [&](bool drift_after) {
+        const std::uint32_t seed = static_cast<std::uint32_t>(random_next()) | 1u;
+        const std::uint32_t keep_state = random_state();
+        wagner_build(work, seed);
+        set_random_seed(keep_state);
+        double sc = swap_tbr(work, 0, 0, 0);
+        if (drift_after && ss.drift > 0) {
+          const std::uint32_t s2 = static_cast<std::uint32_t>(random_next()) | 1u;
+          const std::uint32_t k2 = random_state();
+          sc = drift_run(work, s2, -1, 0, ss.drift, nullptr);
+          set_random_seed(k2);
+        }
+        return sc;
+      };
+      // Fusing of the builds (with the sector as it was): inside a sector it follows the
+      // sector's own sequence of random numbers.
+      auto fuse_builds = [&](int rounds) {
+        if (builds.size() < 2) return;
+        builds.push_back(rtree);
+        std::vector<double> scores;
+        fuse_trees(builds, scores, rounds, 0, 0, true);
+        for (std::size_t b = 0; b < builds.size(); ++b) consider(builds[b], scores[b]);
+      };
+      if (size_class < godrift) {
+        int count = 0, same = 0;
         for (int round = 0; round < 2; ++round) {
           for (int b = 0; b < ss.starts; ++b) {
             if (shell_state.stop_search_flag) break;
-            const std::uint32_t seed = static_cast<std::uint32_t>(random_next()) | 1u;
-            const std::uint32_t keep_state = random_state();
-            wagner_build(work, seed);
-            set_random_seed(keep_state);
-            double sc = swap_tbr(work, 0, 0, 0);
-            ++builds;
+            const double sc = build_one(false);
+            ++count;
             if (std::fabs(sc - start) < 1e-8) ++same;
-            if (sc < best - 1e-8 || (ss.equals && std::fabs(sc - best) < 1e-8 && best_tree != work && !accepted)) {
-              accepted = sc < start - 1e-8 || ss.equals;
-              best = sc;
-              best_tree = work;
-            }
+            consider(work, sc);
+            if (ss.fuse > 0) builds.push_back(work);
           }
-          if (same == builds) break;   // every start found the sector's own score
+          if (same == count) break;   // every start found the sector's own score
         }
+        if (ss.fuse > 0) fuse_builds(ss.fuse);
+      } else if (ss.gocomb > 0 && size_class >= ss.gocomb) {
+        for (int b = 0; b < std::max(1, ss.combstarts) && !shell_state.stop_search_flag; ++b) {
+          const double sc = build_one(true);
+          consider(work, sc);
+          builds.push_back(work);
+        }
+        fuse_builds(ss.fuse > 0 ? ss.fuse : 3);
       } else {
         work = rtree;
         const std::uint32_t seed = static_cast<std::uint32_t>(random_next()) | 1u;
         const std::uint32_t keep_state = random_state();
-        const int saved_iter = drift_settings.iterations;
         const double sc = drift_run(work, seed, -1, 0, ss.drift, nullptr);
-        drift_settings.iterations = saved_iter;
         set_random_seed(keep_state);
         if (sc < best - 1e-8) {
           best = sc;
@@ -701,10 +733,10 @@ bool sector_option(const std::string& w, bool set_only) {
     s.godrift = number_or("godrift");
   } else if (is("drift", 2)) {
     s.drift = number_or("drift");
-  } else if (is("gocomb", 3) || is("combstarts", 3)) {
-    const int n = number_or(w.c_str());
-    if (n > 0) error_exit("Combined analyses of sectors are not available yet");
-    if (is("gocomb", 3)) s.gocomb = 0;
+  } else if (is("gocomb", 3)) {
+    s.gocomb = number_or("gocomb");
+  } else if (is("combstarts", 3)) {
+    s.combstarts = std::max(1, number_or("combstarts"));
   } else if (is("nogocomb", 4)) {
     s.gocomb = 0;
   } else if (is("starts", 3)) {

@@ -158,6 +158,10 @@ TEST_F(Fusing, SectorSubstitutionsAreExact) {
     out = run("sectsch=rss minsize 12 maxsize 12 godrift 10 drift 2 global 2;");
     EXPECT_EQ(search::sector_mismatches, 0);
     check_store_scores();
+    // Starts fused, and the combined analysis (starts with drift, fused).
+    out = run("sectsch=rss minsize 8 maxsize 16 godrift 75 fuse 2 gocomb 12 combstarts 2 drift 1;");
+    EXPECT_EQ(search::sector_mismatches, 0);
+    check_store_scores();
   }
 }
 
