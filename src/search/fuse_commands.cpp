@@ -66,10 +66,20 @@ bool fuse_option(const std::string& w) {
     if (n < 0) error_exit("Give number of random rootings");
     if (n > 0) error_exit("Random rootings in tree fusing are not available yet (use xroot 0)");
     f.xroot = 0;
-  } else if (is("hybrid", 2) || is("picktype", 2)) {
-    error_exitf("Option %s of tfuse is not available yet", w.c_str());
-  } else if (is("nohybrid", 4) || is("nopicktype", 4)) {
+  } else if (is("hybrid", 2)) {
+    // hybrid N*R/S
+    f.hybrid_times = 1000;
+    f.hybrid_rounds = 1;
+    f.hybrid_pass = 50;
+    if (std::isdigit(peek_char())) f.hybrid_times = std::max(1, read_int());
+    if (peek_char() == '*') { next_char(); f.hybrid_rounds = std::max(1, option_number(1)); }
+    if (peek_char() == '/') { next_char(); f.hybrid_pass = std::max(0, option_number(0)); }
+  } else if (is("nohybrid", 4)) {
     f.hybrid_times = 0;
+  } else if (is("picktype", 2)) {
+    f.picktype = 1.5;
+    if (std::isdigit(peek_char()) || peek_char() == '.') f.picktype = read_real();
+  } else if (is("nopicktype", 4)) {
     f.picktype = 0;
   } else {
     return false;
@@ -84,7 +94,7 @@ void run_tfuse() {
   qax::trees::require_data();
   const FuseSettings& f = fuse_settings;
   if (selected.size() < 2) error_exit("Fusing a tree with itself produces nothing!");
-  if (tree_store.ntrees + f.rounds > tree_store.maxtrees)
+  if (f.hybrid_times <= 0 && f.picktype <= 0 && tree_store.ntrees + f.rounds > tree_store.maxtrees)
     error_exitf("%i fusing rounds with %i trees in memory require max.trees %i or more", f.rounds, tree_store.ntrees,
                 tree_store.ntrees + f.rounds);
   search_prepare();
@@ -99,7 +109,44 @@ void run_tfuse() {
   std::vector<double> scores;
   set_random_seed(command_seed());
   const std::uint32_t seed = static_cast<std::uint32_t>(random_next()) | 1u;
-  const double best = fuse_trees(set, scores, f.rounds, 0, seed, false);
+  bool hybridize = f.hybrid_times > 0;
+  if (f.picktype > 0) {
+    const double fus = fusability_score(set);
+    hybridize = fus < f.picktype;
+    out_printf(hybridize ? "NOTE: picking hybridization algorithm" : "NOTE: Picking tree-fusing algorithm");
+    out_printf(" (score %.3f)\n", fus);
+  }
+  double best = 0;
+  int hybrid_rounds = 0;
+  if (hybridize) {
+    const int times = f.hybrid_times > 0 ? f.hybrid_times : 1000;
+    const int rounds = f.hybrid_times > 0 ? f.hybrid_rounds : 1;
+    const int need = tree_store.ntrees + 2;
+    if (tree_store.maxtrees < need) {
+      if (f.autostop)
+        warning({"hybridization may overflow tree-buffer"});
+      else
+        error_exitf("%i rounds of %i hybridizations with %i trees in memory requires max.trees %i or more", rounds, times,
+                    tree_store.ntrees, need);
+    }
+    set_random_seed(seed);
+    scores.clear();
+    for (const auto& t : set) {
+      if (!e.load(t)) error_exit("Tree cannot be swapped (not binary on the active taxa)");
+      scores.push_back(e.compute_all());
+    }
+    best = *std::min_element(scores.begin(), scores.end());
+    int idle = 0;
+    for (int r = 0; r < rounds && !shell_state.stop_search_flag; ++r) {
+      const double b = hybridize_trees(set, scores, times, f.hybrid_pass);
+      ++hybrid_rounds;
+      idle = b < best - 1e-8 ? 0 : idle + 1;
+      best = std::min(best, b);
+      if (f.autostop > 0 && idle >= f.autostop) break;
+    }
+  } else {
+    best = fuse_trees(set, scores, f.rounds, 0, seed, false);
+  }
   // The store: the trees of the set (only those of best score without keepall).
   tree_store.ntrees = 0;
   tree_store.trees_changed = 1;
@@ -109,10 +156,11 @@ void run_tfuse() {
     if (tree_store.ntrees >= tree_store.maxtrees) break;
     store_add(set[k], scores[k]);
   }
-  tag_search_trees("tree_fusing");
+  tag_search_trees(hybridize ? "hybrid" : "tree_fusing");
   last_best_score = best;
   (void)initial;
-  out_printf("%i rounds of fusing completed.\n", fuse_rounds_done);
+  if (hybridize) out_printf("%i rounds of hybridization completed.\n", hybrid_rounds);
+  else out_printf("%i rounds of fusing completed.\n", fuse_rounds_done);
   out_printf("Total rearrangements examined: %s.\n", number_text(static_cast<long long>(rearrangements_examined.total())).c_str());
   out_printf("%i trees retained, best score %s.\n", tree_store.ntrees, search_score_text(best).c_str());
   search_status_code = 0;

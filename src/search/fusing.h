@@ -24,6 +24,8 @@ struct FuseSettings {
   int replace = 1;      // a better child replaces its source (hybridization)
   int clog = 15;        // at this many times the initial set, keep the best part
   int hybrid_times = 0; // hybridizations per round (0: fusing)
+  int hybrid_rounds = 1;// rounds of hybridization
+  int hybrid_pass = 50; // best trees passed from a round to the next (0: as many as came in)
   double picktype = 0;  // threshold of the automatic choice (0: off)
 };
 extern FuseSettings fuse_settings;
@@ -49,7 +51,14 @@ extern int fuse_rounds_done;
 // Mean over random pairs of 100 * (groups exchangeable between them) / taxa.
 double fusability_score(const std::vector<std::vector<std::int32_t>>& trees);
 
+// Hybridization: `times` steps, each between two random trees of the set, whose two
+// completed and swapped children replace their parents when better (`replace`) or join the
+// set; a set grown to `clog` times its start keeps its best part; at the end at most
+// `keep` trees (the best) stay, all with 0. Returns the best score.
+double hybridize_trees(std::vector<std::vector<std::int32_t>>& trees, std::vector<double>& scores, int times, int keep);
+
 // Commands.
 void cmd_tfuse();
+void cmd_hybrid();
 
 }  // namespace qax::search

@@ -186,8 +186,23 @@ struct Xmult {
     }
   }
 
+  // Hybridization of the batch: rounds of as many steps as twice the trees.
+  double hybridize(int rounds, double target) {
+    const std::uint32_t k2 = random_state();
+    double b = best();
+    for (int r = 0; r < std::max(1, rounds) && !shell_state.stop_search_flag; ++r) {
+      b = hybridize_trees(batch, scores, 2 * static_cast<int>(batch.size()), 0);
+      if (target > 0 && b <= target + 1e-8) break;
+    }
+    set_random_seed(k2 ^ 0x5bd1e995u);
+    return b;
+  }
+
+  bool use_hybrid = false;   // this batch is hybridized
+
   double fuse(int rounds, double target) {
     if (batch.size() < 2) return best();
+    if (use_hybrid) return hybridize(rounds, target);
     FuseSettings& fs = fuse_settings;
     const FuseSettings keep = fs;
     fs.rounds = rounds;
@@ -305,8 +320,21 @@ bool xmult_option(std::string w) {
     const int n = off ? 0 : number_after("gfuse");
     if (n != 0 && (n < 2 || n > 100)) error_exit("Global fusing must be every 2-100 hits");
     x.gfuse = n;
-  } else if (is("hfuse", 2) || is("hybrid", 2) || is("picktype", 2)) {
-    if (!off) error_exitf("Option %s of xmult is not available yet", w.c_str());
+  } else if (is("hfuse", 2)) {
+    const int n = off ? 0 : number_after("hfuse");
+    if (n != 0 && (n < 5 || n > 100)) error_exit("Global hybridization must be every 5-100 hits");
+    x.hfuse = n;
+  } else if (is("hybrid", 2)) {
+    x.hybrid = !off;
+    if (!off && (peek_char() == 'x' || peek_char() == 'X')) {
+      next_char();
+      const double F = real_after("hybrid");
+      if (F < 1) error_exit("Factor for hybridization must be at least 1");
+      x.hybrid_factor = F;
+    }
+  } else if (is("picktype", 2)) {
+    x.picktype = off ? 0 : 1.5;
+    if (!off && (std::isdigit(peek_char()) || peek_char() == '.')) x.picktype = read_real();
   } else if (is("consense", 3)) {
     x.consense = off ? 0 : (std::isdigit(peek_char()) ? read_int() : 1);
   } else if (is("conbase", 4)) {
@@ -370,7 +398,8 @@ void run_xmult() {
   if (x.filter > 0 && x.keepall)
     error_exit("Options \"filter\" and \"keep\" are not valid together; use one or the other");
   if (x.filter > 0 && x.filter <= x.retouch) error_exit("Number for \"filter\" must be larger than for \"retouch\"");
-  if (x.targetscore > 0 && x.fuse <= 0) error_exit("To search for a target score, must use fusing or hybridization");
+  if (x.targetscore > 0 && x.fuse <= 0 && !x.hybrid)
+    error_exit("To search for a target score, must use fusing or hybridization");
   search_prepare();
   SettingsGuard guard;
   SearchRunning running;
@@ -402,7 +431,27 @@ void run_xmult() {
     run.have_prev = false;
     run.build(std::max(1, x.replications));
     if (shell_state.stop_search_flag) break;
-    double best = x.fuse > 0 ? run.fuse(x.fuse, target) : run.best();
+    run.use_hybrid = x.hybrid != 0;
+    if (x.picktype > 0 && run.batch.size() > 1) {
+      const double fus = fusability_score(run.batch);
+      run.use_hybrid = fus < x.picktype;
+      if (x.verbose) {
+        out_printf("  NOTE: Picking ");
+        out_printf(run.use_hybrid ? "tree hybridization " : "tree fusing ");
+        out_printf("to improve the trees found (score %.3f)\n", fus);
+      }
+    }
+    if (run.use_hybrid) {
+      // Hybridization works on a larger batch.
+      const int want = static_cast<int>(x.replications * x.hybrid_factor);
+      const int more = want - static_cast<int>(run.batch.size());
+      if (more > 0) {
+        if (x.verbose)
+          out_printf("  Will complete %i builds to input to hybridization (%i more needed) \n", want, more);
+        run.build(more);
+      }
+    }
+    double best = x.fuse > 0 || run.use_hybrid ? run.fuse(std::max(1, x.fuse), target) : run.best();
     int failures = 0, retouches = 0;
     bool gave_up = false;
     while (target > 0 && best > target + eps && !shell_state.stop_search_flag) {
@@ -485,6 +534,20 @@ void run_xmult() {
       const std::uint32_t k2 = random_state();
       const double b = fuse_trees(all, sc, std::max(1, x.fuse), 0, s2, true);
       set_random_seed(k2);
+      for (std::size_t k = 0; k < all.size(); ++k)
+        if (sc[k] <= b + eps && tree_store.ntrees < tree_store.maxtrees) store_add(all[k], sc[k]);
+      if (b < target - eps) target = b;
+    }
+    if (x.hfuse > 0 && hits % x.hfuse == 0 && tree_store.ntrees > 1) {
+      std::vector<Tree> all;
+      std::vector<double> sc;
+      for (int k = 0; k < tree_store.ntrees; ++k) {
+        all.emplace_back(trees::tree_row(k), trees::tree_row(k) + tree_store.row_size);
+        sc.push_back(tree_store.scores[k]);
+      }
+      const std::uint32_t k2 = random_state();
+      const double b = hybridize_trees(all, sc, 2 * static_cast<int>(all.size()), 0);
+      set_random_seed(k2 ^ 0x2545f491u);
       for (std::size_t k = 0; k < all.size(); ++k)
         if (sc[k] <= b + eps && tree_store.ntrees < tree_store.maxtrees) store_add(all[k], sc[k]);
       if (b < target - eps) target = b;

@@ -30,6 +30,9 @@ struct XmultSettings {
   int filter = 0;             // after this many failed fusings, drop suboptimal trees
   int gfuse = 0;              // fuse all hits every this many hits
   int hfuse = 0;              // hybridize all hits every this many hits
+  int hybrid = 0;             // hybridize batches instead of fusing them
+  double hybrid_factor = 5.0; // a batch to hybridize is this many times the replications
+  double picktype = 0;        // choose fusing or hybridization by fusability (0: off)
   int consense = 0;           // stabilise the consensus this many times
   int conbase = 10;           // hits to the first check
   int confactor = 75;         // percent of hits for the next check

@@ -299,3 +299,38 @@ TEST_F(Fusing, ConstraintSectorsKeepTheGroupsAndTheScores) {
   for (int k = 0; k < trees::tree_store.ntrees; ++k)
     EXPECT_EQ(search::tree_violations(trees::tree_row(k), trees::tree_store.ntax), 0);
 }
+
+TEST_F(Fusing, HybridizationCompletesAndScoresItsChildren) {
+  std::string out = run(std::string("proc ") + QAX_TEST_DATA + "/Conrad2008.xread; hold 300; rseed 4; mult=replic 5 hold 1 keepall;");
+  out = run("hybrid=hybrid 6;");
+  EXPECT_TRUE(has(out, "1 rounds of hybridization completed.")) << out;
+  check_store_scores();
+  for (int k = 0; k < trees::tree_store.ntrees; ++k)
+    EXPECT_EQ(trees::tree_terminal_count(trees::tree_row(k), trees::tree_store.ntax), trees::tree_store.ntax);
+  out = run("tfuse=hybrid 4*2/4;");
+  EXPECT_TRUE(has(out, "rounds of hybridization completed.")) << out;
+  check_store_scores();
+  out = run("tfuse=nohybrid picktype 1000;");
+  EXPECT_TRUE(has(out, "NOTE: picking hybridization algorithm (score ")) << out;
+  out = run("tfuse=picktype 0.001;");
+  EXPECT_TRUE(has(out, "NOTE: Picking tree-fusing algorithm (score ")) << out;
+  check_store_scores();
+  // By hand: an exchange without completing leaves taxa out; completing puts them back.
+  const int n = trees::tree_store.ntrees;
+  const int ntax = trees::tree_store.ntax;
+  bool exchanged = false;
+  for (int node = ntax + 2; node < trees::tree_row(0)[ntax] && !exchanged; ++node) {
+    out = run("hybrid -0 1/" + std::to_string(node) + ";");
+    exchanged = has(out, "Exchanged piece of ");
+  }
+  ASSERT_TRUE(exchanged) << out;
+  ASSERT_EQ(trees::tree_store.ntrees, n + 2);
+  out = run("hybrid *" + std::to_string(n) + ";");
+  EXPECT_TRUE(has(out, "Completed tree (score ") || has(out, "already complete (score ")) << out;
+  EXPECT_EQ(trees::tree_terminal_count(trees::tree_row(n), ntax), ntax);
+  EXPECT_EQ(slow_length(trees::tree_row(n)), trees::tree_store.scores[n]);
+  out = run("hybrid 0;");
+  EXPECT_TRUE(has(out, "You must specify TWO trees for hybridization")) << out;
+  out = run("hybrid 0 1 2;");
+  EXPECT_TRUE(has(out, "You can specify only TWO trees")) << out;
+}
