@@ -515,6 +515,62 @@ struct SectorRun {
     }
   }
 
+  // The sector of all inner nodes within `depth` branches of the node holding exactly the
+  // terminals flagged in `taxa` (data set numbering; either side of its branch). Returns the
+  // number of nodes of the chunk, 0 when the node is not in the tree.
+  int run_diameter(const std::vector<std::uint8_t>& taxa, int depth) {
+    const int nt = big.nt;
+    // The engine node of the group: a terminal, or the node whose terminals are the group
+    // or all but the group.
+    std::vector<int> count(big.nn, 0);
+    int members = 0, first = -1;
+    for (int p = 0; p < nt; ++p)
+      if (taxa[packed.from_packed[p]]) { ++members; if (first < 0) first = p; }
+    if (members == 0) return 0;
+    const bool complement = taxa[packed.from_packed[0]] != 0;
+    if (complement) {
+      members = nt - members;
+      first = -1;
+      for (int p = 0; p < nt && first < 0; ++p)
+        if (!taxa[packed.from_packed[p]]) first = p;
+    }
+    int v = first;
+    while (v != nt && tips[v] < members) v = big.anc[v];
+    if (v == nt || tips[v] != members) return 0;
+    // Inner nodes within depth, over the unrooted tree (the root node is passed through).
+    std::vector<int> dist(big.nn, -1);
+    std::vector<int> queue{v};
+    dist[v] = 0;
+    for (std::size_t i = 0; i < queue.size(); ++i) {
+      const int x = queue[i];
+      if (dist[x] >= depth) continue;
+      int nb[3] = {big.anc[x], x >= nt ? big.left[x] : -1, x >= nt ? big.right[x] : -1};
+      for (int y : nb) {
+        if (y < 0) continue;
+        if (y == nt) y = big.left[nt] == x ? big.right[nt] : big.left[nt];
+        if (y < 0 || dist[y] >= 0) continue;
+        dist[y] = dist[x] + 1;
+        if (y >= nt) queue.push_back(y);
+      }
+    }
+    // The chunk's top: its member nearest the root.
+    int top = -1, best_depth = 1 << 30;
+    for (int x : queue) {
+      if (x < nt) continue;
+      int d = 0;
+      for (int a = x; a != nt; a = big.anc[a]) ++d;
+      if (d < best_depth) { best_depth = d; top = x; }
+    }
+    if (top < 0) return 0;
+    ++mark_now;
+    for (int x = 0; x < big.nn; ++x)
+      if (x >= nt && (dist[x] < 0 || dist[x] > depth)) mark[x] = mark_now;
+    gather(big, top, mark, mark_now, sec);
+    const int nodes = static_cast<int>(sec.inner.size());
+    analyze(static_cast<int>(sec.terms.size()));
+    return nodes;
+  }
+
   // Sectors from the groups of the constraints: each group (and the whole tree) with its
   // immediate subgroups and loose terminals as the sector's terminals, when the number of
   // those is within minfork and maxfork. The groups stay groups: the sector's terminals are
@@ -696,7 +752,9 @@ bool sector_option(const std::string& w, bool set_only) {
       if (s.xss_rounds < 1 || s.xss_rounds > 10000) error_exit("Give number of rounds for XSS (1-10000)");
     }
   } else if (is("dss", 3)) {
-    error_exit("Diameter sectors (dss) are not available yet");
+    s.kind = sector_diameter;
+    s.dss_node = number_or("dss");
+    s.dss_depth = number_or("dss");
   } else if (is("minsize", 3)) {
     s.minsize = std::max(5, number_or("minsize"));
   } else if (is("maxsize", 3)) {
@@ -814,11 +872,41 @@ void cmd_sectsch() {
     if (!constraints_in_force()) error_exit("Constraint-based sectorial searches require constraints ON");
     if (constraint_defs.positive.empty()) error_exit("Constraint-based sectorial searches require tree constraints");
   }
+  if (s.kind == sector_diameter && one_tree < 0) error_exit("DSS requires specification of a single tree");
   search_prepare();
   SearchRunning running;
   sector_replacements = 0;
   set_random_seed(command_seed());
   Engine& e = engine();
+  if (s.kind == sector_diameter) {
+    // The node's terminals, read from the stored tree before it is resolved.
+    const int ntax = store.ntax;
+    const std::int32_t* t0 = trees::tree_row(one_tree);
+    if (s.dss_node < 0 || s.dss_node >= t0[ntax] || (s.dss_node < ntax && t0[s.dss_node] < ntax))
+      error_exitf("No node %i in tree %i", s.dss_node, one_tree);
+    std::vector<std::uint8_t> taxa(ntax, 0);
+    for (int x = 0; x < ntax; ++x) {
+      if (t0[x] < ntax) continue;
+      for (int a = x; a >= 0; a = a == ntax ? -1 : t0[a])
+        if (a == s.dss_node) { taxa[x] = 1; break; }
+    }
+    if (!load_for_swapping(e, one_tree)) error_exitf("Tree %i does not hold all active taxa: cannot swap it", one_tree);
+    std::vector<std::int32_t> t(trees::tree_row(one_tree), trees::tree_row(one_tree) + store.row_size);
+    int nodes = 0;
+    double sc = with_sector_run(t, [&](SectorRun& r) {
+      nodes = r.run_diameter(taxa, std::max(1, s.dss_depth));
+      r.pending = 0;   // a chunk chosen by hand is not followed by global swapping
+    });
+    out_printf("Analyzed a user-selected chunk of %i nodes\n", nodes);
+    out_printf("Sectorial search (DSS), best score: %s.\n", search_score_text(sc).c_str());
+    std::copy(t.begin(), t.end(), trees::tree_row(one_tree));
+    store.scores[one_tree] = sc;
+    store.trees_changed = 1;
+    store_begin();
+    last_best_score = sc;
+    search_status_code = 0;
+    return;
+  }
   std::vector<std::vector<std::int32_t>> results;
   std::vector<double> scores;
   const int from = one_tree >= 0 ? one_tree : 0, to = one_tree >= 0 ? one_tree + 1 : store.ntrees;

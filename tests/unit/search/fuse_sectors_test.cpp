@@ -158,6 +158,11 @@ TEST_F(Fusing, SectorSubstitutionsAreExact) {
     out = run("sectsch=rss minsize 12 maxsize 12 godrift 10 drift 2 global 2;");
     EXPECT_EQ(search::sector_mismatches, 0);
     check_store_scores();
+    // A chunk around a node, by hand.
+    out = run("sectsch=dss " + std::to_string(n + 3) + " 3 tree 0 equals;");
+    EXPECT_TRUE(has(out, "Analyzed a user-selected chunk of ")) << out;
+    EXPECT_EQ(search::sector_mismatches, 0);
+    check_store_scores();
     // Starts fused, and the combined analysis (starts with drift, fused).
     out = run("sectsch=rss minsize 8 maxsize 16 godrift 75 fuse 2 gocomb 12 combstarts 2 drift 1;");
     EXPECT_EQ(search::sector_mismatches, 0);
@@ -180,6 +185,8 @@ TEST_F(Fusing, SectorSettingsMessages) {
   EXPECT_TRUE(has(out, "Constraint-based sectorial searches require constraints ON")) << out;
   out = run("sectsch=track;");
   EXPECT_TRUE(has(out, "The \"track\" option requires user-instructions for each sector...")) << out;
+  out = run("sectsch=dss 25 2;");
+  EXPECT_TRUE(has(out, "DSS requires specification of a single tree")) << out;
   out = run("sectsch:slack 10 minsize 10;");
   EXPECT_EQ(search::sector_settings.slack, 10);
   EXPECT_EQ(search::sector_settings.minsize, 10);
