@@ -85,7 +85,7 @@ const CommandRecord command_records[] = {
     {"procedure", cmd_procedure, 0, topic_input},
     {"pause", cmd_pause, 0, topic_various},
     {"pcrprune", cmd_not_available, 1, topic_compare | topic_consensus | topic_trees},
-    {"pfijo", cmd_not_available, 1, topic_searching},
+    {"pfijo", qax::search::cmd_pfijo, 1, topic_searching},
     {"piwe", cmd_not_available, 0, topic_settings | topic_weights},
     {"pruncom", qax::support::cmd_pruncom, 1, topic_compare | topic_consensus | topic_trees},
     {"prunmajor", qax::support::cmd_prunmajor, 1, topic_compare | topic_consensus | topic_supports | topic_trees},

@@ -56,6 +56,7 @@ void reset_search_state() {
   drift_settings = DriftSettings{};
   fuse_settings = FuseSettings{};
   sector_settings = SectorSettings{};
+  pfijo_settings = PfijoSettings{};
   xmult_settings = XmultSettings{};
   rearrangements_examined = Rearrangements{};
   replacements_done = 0;

@@ -31,6 +31,7 @@ using qax::optim::packed;
 using namespace qax::shell;
 
 SectorSettings sector_settings;
+PfijoSettings pfijo_settings;
 std::uint64_t sector_replacements = 0;
 int in_sector = 0;
 int sector_mismatches = 0;
@@ -64,13 +65,13 @@ void gather(const Engine& big, int root, const std::vector<int>& term, int stamp
 // terminals in order. Under equal weights only columns that can cost differently on the
 // sector's trees are kept (a column where some state is in all terminals' sets but one
 // costs the same, 0 or 1, on every tree).
-void make_reduced(Engine& big, const Sector& s, optim::Packed& red) {
+void make_reduced(Engine& big, const Sector& s, optim::Packed& red, const std::vector<int>* alt = nullptr) {
   const optim::Packed& P = packed;
   const int k = static_cast<int>(s.terms.size()) + 1;
   const int W = P.nwords;
   std::vector<const std::uint32_t*> src(k);
   src[0] = big.U(s.root);
-  for (int j = 1; j < k; ++j) src[j] = big.D(s.terms[j - 1]);
+  for (int j = 1; j < k; ++j) src[j] = big.D(alt ? (*alt)[j - 1] : s.terms[j - 1]);
   red = optim::Packed{};
   red.valid = 1;
   red.nterm = k;
@@ -254,6 +255,29 @@ struct SectorRun {
     pending = 0;
   }
 
+  // The small engine's tree put in place of the sector in the big tree (links only; the
+  // previous links are kept for an undo). Small inner nodes take the sector's inner nodes,
+  // the root's other child the sector's root; small terminals are the sector's terminals.
+  void put_back(const Engine& e, int k) {
+    const int top = e.right[k] == 0 ? e.left[k] : e.right[k];
+    std::vector<int> map(e.nn, -1);
+    for (int j = 1; j < k; ++j) map[j] = sec.terms[j - 1];
+    map[top] = sec.root;
+    std::size_t next = 1;
+    for (int v = k + 1; v < e.nn; ++v)
+      if (v != top) map[v] = sec.inner[next++];
+    backup_anc = big.anc;
+    backup_left = big.left;
+    backup_right = big.right;
+    for (int v = k + 1; v < e.nn; ++v) {
+      const int bv = map[v];
+      big.left[bv] = map[e.left[v]];
+      big.right[bv] = map[e.right[v]];
+      big.anc[big.left[bv]] = bv;
+      big.anc[big.right[bv]] = bv;
+    }
+  }
+
   // Searches the sector `sec`; true when the big tree took a better (or equal, with
   // equals) resolution.
   bool analyze(int size_class) {
@@ -346,26 +370,7 @@ struct SectorRun {
       expect = best;
       // The new resolution as links of the small engine (rooted on the rest of the tree).
       if (!e.load(best_tree)) return false;
-      // Map: small inner nodes to the sector's big inner nodes, the root's other child to
-      // the sector's root; small terminals to the sector's terminals.
-      const int top = e.right[k] == 0 ? e.left[k] : e.right[k];
-      std::vector<int> map(e.nn, -1);
-      map[0] = -1;
-      for (int j = 1; j < k; ++j) map[j] = sec.terms[j - 1];
-      map[top] = sec.root;
-      std::size_t next = 1;
-      for (int v = k + 1; v < e.nn; ++v)
-        if (v != top) map[v] = sec.inner[next++];
-      backup_anc = big.anc;
-      backup_left = big.left;
-      backup_right = big.right;
-      for (int v = k + 1; v < e.nn; ++v) {
-        const int bv = map[v];
-        big.left[bv] = map[e.left[v]];
-        big.right[bv] = map[e.right[v]];
-        big.anc[big.left[bv]] = bv;
-        big.anc[big.right[bv]] = bv;
-      }
+      put_back(e, k);
     }
     // Back on the big data: the tree must score as the sector promised.
     const double real = big.compute_all();
@@ -569,6 +574,74 @@ struct SectorRun {
     const int nodes = static_cast<int>(sec.inner.size());
     analyze(static_cast<int>(sec.terms.size()));
     return nodes;
+  }
+
+  // One perturbation of pfijo on the sector `sec`: each HTU takes the states of a node on
+  // the way down to one of its terminals (the HTU itself most of the time), and the sector
+  // is swapped under those states; the result goes back unchecked, as a perturbation.
+  void perturb_chunk(int phtus) {
+    if (sec.terms.size() < 4) return;
+    std::vector<int> alt(sec.terms.size());
+    const int nt = big.nt;
+    std::vector<int> path;
+    for (std::size_t j = 0; j < sec.terms.size(); ++j) {
+      const int h = sec.terms[j];
+      alt[j] = h;
+      if (h < nt) continue;
+      // The nodes from the HTU down to a random terminal, listed upward.
+      path.clear();
+      for (int v = h; v >= nt; v = random_next() % 2 ? big.left[v] : big.right[v]) path.push_back(v);
+      std::reverse(path.begin(), path.end());
+      const int L = static_cast<int>(path.size());
+      const int R = random_next() % 100;
+      const int spread = 100 - std::clamp(phtus, 1, 100);
+      const int i = L - 1 - (spread > 0 ? L * spread / (spread + R) : 0);
+      alt[j] = path[std::clamp(i, 0, L - 1)];
+    }
+    make_reduced(big, sec, red, &alt);
+    reduced_tree(big, sec, rtree);
+    {
+      SectorScope scope;
+      scope.enter(red);
+      Engine& e = engine();
+      if (!e.load(rtree)) return;
+      swap_tbr(rtree, 0, 0, 0);
+      search_status_code = 3;
+      if (!e.load(rtree)) return;
+      put_back(e, packed.nterm);
+    }
+    score = big.compute_all();
+    count_tips();
+  }
+
+  void run_pfijo_cycle() {
+    const PfijoSettings& p = pfijo_settings;
+    const int nt = big.nt;
+    const int chunks = std::max(2, nt / std::max(10, p.chunksize));
+    const int each = std::max(5, nt / chunks);
+    ++mark_now;
+    std::vector<int> roots, left(big.nn, 0);
+    const int cnt = big.inner_preorder();
+    std::vector<int> order(big.order.begin(), big.order.begin() + cnt);
+    for (int t = 0; t < nt; ++t) left[t] = 1;
+    for (int i = cnt - 1; i >= 0; --i) {
+      const int v = order[i];
+      if (v == nt) continue;
+      const int l = big.left[v], r = big.right[v];
+      left[v] = (mark[l] == mark_now ? 1 : left[l]) + (mark[r] == mark_now ? 1 : left[r]);
+      if (left[v] >= each && v != big.right[nt] && v != big.left[nt]) {
+        mark[v] = mark_now;
+        roots.push_back(v);
+      }
+    }
+    roots.push_back(big.left[nt] == 0 ? big.right[nt] : big.left[nt]);
+    const int stamp = mark_now;
+    for (int root : roots) {
+      if (shell_state.stop_search_flag) return;
+      if (root < nt) continue;
+      gather(big, root, mark, stamp, sec);
+      perturb_chunk(p.phtus);
+    }
   }
 
   // Sectors from the groups of the constraints: each group (and the whole tree) with its
@@ -948,8 +1021,154 @@ void cmd_sectsch() {
   search_status_code = 0;
 }
 
+namespace {
+
+void print_pfijo_settings() {
+  const PfijoSettings& p = pfijo_settings;
+  out_printf("Settings for pinon fijo:\n");
+  out_printf("     * %i cycles, chunks of %i terminals, HTU constant %i\n", p.numsels, p.chunksize, p.phtus);
+  out_printf("     * drift after perturbing: %i cycles, fitdiff %g, rfitdiff %g\n", p.drift_cycles, p.drift_fitdiff,
+             p.drift_rfitdiff);
+  if (p.autofuse > 0) out_printf("     * fuse the trees every %i cycles, %i rounds\n", p.autofuse, p.autofuse_rounds);
+  out_printf("     * goback %s, keepall %s\n", p.goback ? "on" : "off", p.keepall ? "on" : "off");
+}
+
+bool pfijo_option(const std::string& w) {
+  PfijoSettings& p = pfijo_settings;
+  auto is = [&](const char* name, std::size_t least) { return w.size() >= least && is_prefix(w.c_str(), name) == 0; };
+  auto real = [](const char* what) {
+    const int c = peek_char();
+    if (!std::isdigit(c) && c != '.') error_exitf("Give number for %s", what);
+    return read_real();
+  };
+  if (is("numsels", 2)) {
+    const int n = number_or("numsels");
+    if (n < 1 || n > 99999) error_exit("Number of cycles for pinon fijo must be 1-99999");
+    p.numsels = n;
+  } else if (is("phtus", 2)) {
+    const int n = number_or("phtus");
+    if (n < 1 || n > 100) error_exit("Constant for HTU states must be above 0 and up to 100");
+    p.phtus = n;
+  } else if (is("chunksize", 2)) {
+    const int n = number_or("chunksize");
+    if (n < 10) error_exit("Chunk size must be 10 or more");
+    p.chunksize = n;
+  } else if (is("drift", 2)) {
+    p.drift_cycles = number_or("drift");
+    if (std::isdigit(peek_char()) || peek_char() == '.') p.drift_fitdiff = real("drift");
+    if (std::isdigit(peek_char()) || peek_char() == '.') p.drift_rfitdiff = real("drift");
+  } else if (is("autofuse", 2)) {
+    p.autofuse = number_or("autofuse");
+    if (p.autofuse != 0 && p.autofuse < 2) error_exit("Give frequency for auto-fusing (3-100, no fusing = 0 )");
+    if (std::isdigit(peek_char())) p.autofuse_rounds = std::max(1, read_int());
+  } else if (is("noautofuse", 4)) {
+    p.autofuse = 0;
+  } else if (is("goback", 2)) {
+    p.goback = 1;
+  } else if (is("nogoback", 4)) {
+    p.goback = 0;
+  } else if (is("keepall", 2)) {
+    p.keepall = 1;
+  } else if (is("nokeepall", 4)) {
+    p.keepall = 0;
+  } else if (is("slack", 2)) {
+    const int n = number_or("slack");
+    if (n > 100) error_exit("Slack must be 0-100");
+    p.slack = n;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 void cmd_pfijo() {
-  error_exit("pfijo is not available yet");
+  const PfijoSettings saved = pfijo_settings;
+  if (!read_settings_command("pfijo", "Unidentified string in pfijo options: %s",
+                             [](const std::string& w, bool) { return pfijo_option(w); }, print_pfijo_settings,
+                             [&] { pfijo_settings = saved; }))
+    return;
+  qax::trees::require_data();
+  auto& store = trees::tree_store;
+  if (store.ntrees == 0) error_exit("No trees to swap");
+  search_prepare();
+  SearchRunning running;
+  const PfijoSettings& p = pfijo_settings;
+  Engine& e = engine();
+  int start = 0;
+  double start_score = -1;
+  for (int k = 0; k < store.ntrees; ++k) {
+    if (!load_for_swapping(e, k)) error_exitf("Tree %i does not hold all active taxa: cannot swap it", k);
+    const double sc = e.compute_all();
+    if (start_score < 0 || sc < start_score) { start = k; start_score = sc; }
+  }
+  std::vector<std::int32_t> tree(trees::tree_row(start), trees::tree_row(start) + store.row_size);
+  set_random_seed(command_seed());
+  store.ntrees = 0;
+  store.trees_changed = 1;
+  store_begin();
+  store_add(tree, start_score);
+  double best = start_score;
+  std::vector<std::int32_t> best_tree = tree;
+  std::vector<std::vector<std::int32_t>> found;
+  std::vector<double> found_scores;
+  const DriftSettings drift_saved = drift_settings;
+  struct PutBackDrift { const DriftSettings& d; ~PutBackDrift() { drift_settings = d; } } put_back_drift{drift_saved};
+  for (int cycle = 0; cycle < p.numsels && !shell_state.stop_search_flag; ++cycle) {
+    const std::vector<std::int32_t> before = tree;
+    const double before_score = cycle == 0 ? start_score : best;
+    double sc = with_sector_run(tree, [&](SectorRun& r) {
+      r.run_pfijo_cycle();
+      r.global_swap();
+      r.pending = 0;
+    });
+    if (p.drift_cycles > 0 && !shell_state.stop_search_flag) {
+      drift_settings.fitdiff = p.drift_fitdiff;
+      drift_settings.rfitdiff = p.drift_rfitdiff;
+      const std::uint32_t s2 = static_cast<std::uint32_t>(random_next()) | 1u;
+      const std::uint32_t k2 = random_state();
+      sc = drift_run(tree, s2, -1, 0, p.drift_cycles, nullptr);
+      set_random_seed(k2);
+      drift_settings = drift_saved;
+    }
+    if (p.goback && sc > before_score + 1e-8) {
+      tree = before;
+      sc = before_score;
+    }
+    if (sc < best - 1e-8) {
+      best = sc;
+      best_tree = tree;
+    }
+    found.push_back(tree);
+    found_scores.push_back(sc);
+    if (p.keepall || sc <= best + 1e-8) {
+      if (store.ntrees >= store.maxtrees) {
+        out_printf("Stopping pinon fijo (increase max. trees to continue)\n");
+        break;
+      }
+      store_add(tree, sc);
+    }
+    if (p.autofuse > 0 && (cycle + 1) % p.autofuse == 0 && found.size() >= 3) {
+      const std::uint32_t k2 = random_state();
+      const std::uint32_t s2 = static_cast<std::uint32_t>(random_next()) | 1u;
+      const double fb = fuse_trees(found, found_scores, p.autofuse_rounds, 0, s2, true);
+      set_random_seed(k2);
+      if (fb < best - 1e-8) {
+        const auto at = std::min_element(found_scores.begin(), found_scores.end()) - found_scores.begin();
+        best = fb;
+        best_tree = found[static_cast<std::size_t>(at)];
+        tree = best_tree;
+        if (store.ntrees < store.maxtrees) store_add(tree, best);
+      }
+    }
+    show_progress(cycle + 1, p.numsels, "Pinon fijo");
+  }
+  if (!p.keepall) store_discard_above(0, best + search_settings.suboptimal, -1);
+  tag_search_trees("pinon_fijo");
+  last_best_score = best;
+  out_printf("Pinon Fijo, best score: %s.\n", search_score_text(best).c_str());
+  search_status_code = 0;
 }
 
 }  // namespace qax::search

@@ -46,6 +46,23 @@ struct SectorSettings {
 };
 extern SectorSettings sector_settings;
 
+// Settings of pfijo: perturbation of the tree by chunks whose HTUs take the states of
+// one of their descendants.
+struct PfijoSettings {
+  int numsels = 30;            // cycles
+  int phtus = 95;              // constant of the HTU states (the higher, the less perturbed)
+  int chunksize = 500;         // terminals of a chunk
+  int drift_cycles = 3;        // drift after perturbing: cycles, fitdiff, rfitdiff
+  double drift_fitdiff = 3;
+  double drift_rfitdiff = 0.1;
+  int autofuse = 0;            // fuse the trees every this many cycles (0: never)
+  int autofuse_rounds = 3;
+  int goback = 0;              // back to the previous tree when worse
+  int keepall = 1;             // save the trees as cycles proceed
+  int slack = 0;               // extra memory
+};
+extern PfijoSettings pfijo_settings;
+
 // Counters of the last sectorial search.
 extern std::uint64_t sector_replacements;
 extern int in_sector;   // above 0 while a reduced data set is searched

@@ -341,3 +341,23 @@ TEST_F(Fusing, HybridizationCompletesAndScoresItsChildren) {
   out = run("hybrid 0 1 2;");
   EXPECT_TRUE(has(out, "You can specify only TWO trees")) << out;
 }
+
+TEST_F(Fusing, PinonFijoPerturbsByChunksAndKeepsScoredTrees) {
+  std::string out = run(std::string("proc ") + QAX_TEST_DATA + "/Conrad2008.xread; hold 300; rseed 6; mult=replic 1 wagner;");
+  out = run("pfijo=numsels 6 chunksize 20 drift 1 autofuse 3 2;");
+  EXPECT_TRUE(has(out, "Pinon Fijo, best score: ")) << out;
+  EXPECT_EQ(search::sector_mismatches, 0);
+  check_store_scores();
+  EXPECT_GE(trees::tree_store.ntrees, 2);
+  const double best = search::last_best_score;
+  out = run("pfijo=numsels 3 chunksize 20 goback nokeepall;");
+  check_store_scores();
+  EXPECT_LE(search::last_best_score, best);
+  for (int k = 0; k < trees::tree_store.ntrees; ++k) EXPECT_EQ(trees::tree_store.scores[k], search::last_best_score);
+  out = run("pfijo=chunksize 5;");
+  EXPECT_TRUE(has(out, "Chunk size must be 10 or more")) << out;
+  EXPECT_EQ(search::pfijo_settings.chunksize, 20);
+  out = run("hold 2; pfijo=numsels 5 chunksize 20 keepall;");
+  EXPECT_TRUE(has(out, "Stopping pinon fijo (increase max. trees to continue)")) << out;
+  check_store_scores();
+}
