@@ -4,6 +4,7 @@
 // subtree cost and re-evaluating the path to the root, stopping where the sets stop
 // changing. Accepted exchanges are made at once, so that later ones are costed exactly.
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <unordered_map>
@@ -50,7 +51,7 @@ struct FuseTree {
   }
   std::uint32_t* Sm(int n) { return sets.data() + static_cast<std::size_t>(n - nt) * W; }
 
-  bool build(const std::vector<std::int32_t>& parent, Engine& e) {
+  bool build(const std::vector<std::int32_t>& parent, Engine& e, int root_terminal = 0) {
     optim::WorkTree w;
     if (!optim::load_tree(parent, w) || w.nterm != e.nt) return false;
     nt = e.nt;
@@ -62,6 +63,7 @@ struct FuseTree {
     right = std::move(w.right_child);
     for (int n = nt; n < nn; ++n)
       if (left[n] < 0 || right[n] < 0) return false;
+    if (root_terminal > 0 && root_terminal < nt) reroot(root_terminal);
     sets.assign(static_cast<std::size_t>(nn - nt) * W, 0);
     steps.assign(nn, 0);
     cost.assign(nn, 0);
@@ -70,6 +72,40 @@ struct FuseTree {
     for (int t = 0; t < nt; ++t) key[t] = tip_key(t);
     compute();
     return true;
+  }
+
+  // The same unrooted tree rooted on the branch of terminal r (inner node numbers kept).
+  void reroot(int r) {
+    std::vector<std::array<int, 3>> adj(nn, {-1, -1, -1});
+    auto link = [&](int a, int b) {
+      for (int& x : adj[a]) if (x < 0) { x = b; break; }
+      for (int& x : adj[b]) if (x < 0) { x = a; break; }
+    };
+    for (int n = 0; n < nn; ++n)
+      if (n != nt && anc[n] >= 0 && anc[n] != nt) link(n, anc[n]);
+    link(left[nt], right[nt]);
+    const int y = adj[r][0];
+    anc.assign(nn, -1);
+    left.assign(nn, -1);
+    right.assign(nn, -1);
+    anc[r] = nt;
+    left[nt] = r;
+    anc[y] = nt;
+    right[nt] = y;
+    std::vector<std::pair<int, int>> st{{y, r}};
+    while (!st.empty()) {
+      const auto [v, from] = st.back();
+      st.pop_back();
+      if (v < nt) continue;
+      int kids[2], c = 0;
+      for (int x : adj[v])
+        if (x >= 0 && x != from) kids[c++] = x;
+      left[v] = kids[0];
+      right[v] = kids[1];
+      anc[kids[0]] = anc[kids[1]] = v;
+      st.push_back({kids[0], v});
+      st.push_back({kids[1], v});
+    }
   }
 
   // Inner nodes in preorder into `order`.
@@ -262,13 +298,21 @@ int fuse_loaded(PairWork& w, int equals) {
 
 }  // namespace
 
-int fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_t>& donor, double* score, int equals) {
+int fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_t>& donor, double* score, int equals,
+              int root_terminal) {
   Engine& e = engine();
   PairWork& w = pw;
-  if (!w.rec.build(receiver, e) || !w.don.build(donor, e))
+  if (!w.rec.build(receiver, e, root_terminal) || !w.don.build(donor, e, root_terminal))
     shell::error_exit("Trees to fuse must be binary and hold all active taxa");
   const int n = fuse_loaded(w, equals < 0 ? fuse_settings.equals : equals);
-  if (n > 0) w.rec.export_tree(receiver);
+  if (n > 0) {
+    w.rec.export_tree(receiver);
+    // Back to the rooting of every stored tree.
+    if (root_terminal > 0) {
+      if (!e.load(receiver)) shell::error_exit("Trees to fuse must be binary and hold all active taxa");
+      e.export_tree(receiver);
+    }
+  }
   if (score) *score = w.rec.score();
   return n;
 }
@@ -319,6 +363,14 @@ double fuse_trees(std::vector<std::vector<std::int32_t>>& trees, std::vector<dou
       do {
         made = fuse_pair(scratch, trees[p], &sc);
         if (made) changed = true;
+        // Other rootings expose other groups, as long as something changes.
+        for (int x = 0; x < fs.xroot && packed.nterm > 3; ++x) {
+          const int r = 1 + static_cast<int>(random_next() % (packed.nterm - 1));
+          const int here = fuse_pair(scratch, trees[p], &sc, -1, r);
+          if (here == 0) break;
+          changed = true;
+          made += here;
+        }
       } while (fs.repeat && made > 0);
       if (sc < best - 1e-8) {
         best = sc;

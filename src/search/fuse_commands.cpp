@@ -64,8 +64,7 @@ bool fuse_option(const std::string& w) {
   } else if (is("xroot", 2)) {
     const int n = option_number(-1);
     if (n < 0) error_exit("Give number of random rootings");
-    if (n > 0) error_exit("Random rootings in tree fusing are not available yet (use xroot 0)");
-    f.xroot = 0;
+    f.xroot = n;
   } else if (is("hybrid", 2)) {
     // hybrid N*R/S
     f.hybrid_times = 1000;

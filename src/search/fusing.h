@@ -35,8 +35,9 @@ extern FuseSettings fuse_settings;
 // group are not exchanged again in the pass. Both trees are parent arrays in data set
 // numbering, binary on the active taxa. Returns the number of exchanges; `score` (if given)
 // receives the receiver's new score. `equals`/`minfork`/`choose` as in the settings.
+// `root_terminal` (packed number) roots both trees on another terminal for the groups.
 int fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_t>& donor, double* score = nullptr,
-              int equals = -1);
+              int equals = -1, int root_terminal = 0);
 
 // Rounds of fusing over `trees` (scores recomputed); trees found better than the set's
 // best, or new, are added to the set (and to `scores`). Returns the best score; stops as

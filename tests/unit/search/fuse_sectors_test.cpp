@@ -90,6 +90,16 @@ TEST_F(Fusing, EveryExchangeScoresAsAFullRescoring) {
           }
         }
       }
+    // Other rootings: the groups are those seen from another terminal.
+    for (int a = 0; a + 1 < nt; ++a) {
+      std::vector<std::int32_t> r = row(a);
+      const int before = slow_length(r.data());
+      double score = 0;
+      const int made = search::fuse_pair(r, row(a + 1), &score, 0, 1 + a % (n - 1));
+      exchanges += made;
+      EXPECT_EQ(slow_length(r.data()), score) << "rerooted, round " << round;
+      EXPECT_LE(score, before);
+    }
     // Random trees against searched ones: large differences, few shared groups.
     std::mt19937 trng(round);
     for (int k = 0; k < 4; ++k) {
@@ -111,7 +121,7 @@ TEST_F(Fusing, TfuseKeepsScoredTreesAndSaysWhatItDid) {
   EXPECT_TRUE(has(out, "trees retained, best score")) << out;
   check_store_scores();
   // Without keepall only the best trees stay.
-  out = run("tfuse=nokeepall rounds 3;");
+  out = run("tfuse=nokeepall rounds 3 xroot 2;");
   const double best = search::last_best_score;
   for (int k = 0; k < trees::tree_store.ntrees; ++k) EXPECT_EQ(trees::tree_store.scores[k], best);
   check_store_scores();
