@@ -22,6 +22,7 @@
 #include "shell/input.h"
 #include "shell/output.h"
 #include "shell/state.h"
+#include "support/command_helpers.h"
 #include "support/consensus.h"
 #include "trees/store.h"
 
@@ -216,11 +217,15 @@ struct Xmult {
 };
 
 // Strict consensus of the trees in the store: its number of groups, and the tree.
+// Taxa left out of the consensus checks ("/" and a list after the options).
+std::vector<std::uint8_t> consensus_excluded;
+
 int consensus_nodes(Tree& result) {
   std::vector<int> all(tree_store.ntrees);
   for (int k = 0; k < tree_store.ntrees; ++k) all[k] = k;
   result.assign(static_cast<std::size_t>(tree_store.row_size), 0);
-  std::vector<std::uint8_t> excluded(tree_store.ntax, 0);
+  std::vector<std::uint8_t> excluded = consensus_excluded;
+  excluded.resize(tree_store.ntax, 0);
   return support::strict_consensus(all, excluded, result.data(), false);
 }
 
@@ -634,12 +639,13 @@ void cmd_xmult() {
     next_char();
     error_exitf("Wrong search argument: %c", c);
   }
+  consensus_excluded.clear();
   try {
     while (peek_char() != ';' && peek_char() != '/') {
       std::string w = read_option_word();
       if (!xmult_option(w)) error_exitf("Unidentified string in xmult options: %s", w.c_str());
     }
-    if (peek_char() == '/') error_exit("Taxa excluded from the consensus of xmult are not available yet");
+    consensus_excluded = support::read_excluded_taxa();
   } catch (const CommandFailed&) {
     xmult_settings = saved;
     sector_settings = saved_sectors;
