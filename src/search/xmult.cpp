@@ -400,11 +400,6 @@ bool xmult_option(std::string w) {
 void run_xmult() {
   qax::trees::require_data();
   XmultSettings& x = xmult_settings;
-  if (x.filter > 0 && x.keepall)
-    error_exit("Options \"filter\" and \"keep\" are not valid together; use one or the other");
-  if (x.filter > 0 && x.filter <= x.retouch) error_exit("Number for \"filter\" must be larger than for \"retouch\"");
-  if (x.targetscore > 0 && x.fuse <= 0 && !x.hybrid)
-    error_exit("To search for a target score, must use fusing or hybridization");
   search_prepare();
   SettingsGuard guard;
   SearchRunning running;
@@ -646,6 +641,13 @@ void cmd_xmult() {
       if (!xmult_option(w)) error_exitf("Unidentified string in xmult options: %s", w.c_str());
     }
     consensus_excluded = support::read_excluded_taxa();
+    // Options that can't go together leave the settings as they were.
+    const XmultSettings& x = xmult_settings;
+    if (x.filter > 0 && x.keepall)
+      error_exit("Options \"filter\" and \"keep\" are not valid together; use one or the other");
+    if (x.filter > 0 && x.filter <= x.retouch) error_exit("Number for \"filter\" must be larger than for \"retouch\"");
+    if (x.targetscore > 0 && x.fuse <= 0 && !x.hybrid)
+      error_exit("To search for a target score, must use fusing or hybridization");
   } catch (const CommandFailed&) {
     xmult_settings = saved;
     sector_settings = saved_sectors;
