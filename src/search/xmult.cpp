@@ -178,13 +178,7 @@ struct Xmult {
   }
 
   void build(int count) {
-    for (int i = 0; i < count && !shell_state.stop_search_flag; ++i) {
-      replicate();
-      const double g = xmult_settings.giveupscore;
-      if (g > 0 && best() >= 0 && best() > g + 1e-8) {
-        // This batch can't reach the score worth going on with.
-      }
-    }
+    for (int i = 0; i < count && !shell_state.stop_search_flag; ++i) replicate();
   }
 
   // Hybridization of the batch: rounds of as many steps as twice the trees.

@@ -17,6 +17,8 @@
 #include "search/sectors.h"
 #include "search/settings.h"
 #include "search/xmult.h"
+#include "shell/output.h"
+#include "shell/state.h"
 #include "trees/store.h"
 
 using namespace qax;
@@ -370,4 +372,32 @@ TEST_F(Fusing, PinonFijoPerturbsByChunksAndKeepsScoredTrees) {
   out = run("hold 2; pfijo=numsels 5 chunksize 20 keepall;");
   EXPECT_TRUE(has(out, "Stopping pinon fijo (increase max. trees to continue)")) << out;
   check_store_scores();
+}
+
+TEST_F(Fusing, DriversPutSettingsBackAfterAnInterrupt) {
+  std::string out = run(std::string("proc ") + QAX_TEST_DATA +
+                        "/Conrad2008.xread; ccode /3 4 9; hold 400; rseed 8; subopt 2; mult=replic 2 hold 1;");
+  std::vector<int> weights;
+  for (const auto& c : dataset::dataset.chars) weights.push_back(c.weight);
+  const search::SearchSettings before = search::search_settings;
+  for (const char* cmd : {"xmult=level 10 hits 50 ratchet 20;", "sectsch=rss minsize 10 maxsize 30 selfactor 1;",
+                          "pfijo=numsels 500 chunksize 10;", "ratchet=iter 2000 fusefreq 5 autoconst 3;"}) {
+    shell::set_interrupt_deadline(shell::now_seconds() + 0.2);
+    out = run(cmd);
+    shell::set_interrupt_deadline(0);
+    std::vector<int> after;
+    for (const auto& c : dataset::dataset.chars) after.push_back(c.weight);
+    EXPECT_EQ(after, weights) << cmd;
+    EXPECT_EQ(search::search_settings.suboptimal, before.suboptimal) << cmd;
+    EXPECT_EQ(search::search_settings.seed, before.seed) << cmd;
+    EXPECT_EQ(trees::tree_store.maxtrees, 400) << cmd;
+    EXPECT_EQ(search::constraint_defs.active, 0) << cmd;
+    EXPECT_TRUE(search::constraint_defs.positive.empty()) << cmd;
+    EXPECT_EQ(search::in_sector, 0) << cmd;
+    EXPECT_EQ(search::engine_override, nullptr) << cmd;
+    // The trees kept are whole and scored as said, interrupted or not.
+    for (int k = 0; k < trees::tree_store.ntrees; ++k)
+      EXPECT_EQ(slow_length(trees::tree_row(k)), trees::tree_store.scores[k]) << cmd << " tree " << k;
+    shell::shell_state.stop_search_flag = 0;
+  }
 }
