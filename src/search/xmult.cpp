@@ -177,8 +177,13 @@ struct Xmult {
     return b;
   }
 
+  // Replications until `count`, or until one reaches giveupscore.
   void build(int count) {
-    for (int i = 0; i < count && !shell_state.stop_search_flag; ++i) replicate();
+    const double g = xmult_settings.giveupscore;
+    for (int i = 0; i < count && !shell_state.stop_search_flag; ++i) {
+      replicate();
+      if (g > 0 && !scores.empty() && scores.back() <= g + 1e-8) break;
+    }
   }
 
   // Hybridization of the batch: rounds of as many steps as twice the trees.
@@ -447,9 +452,9 @@ void run_xmult() {
     }
     double best = x.fuse > 0 || run.use_hybrid ? run.fuse(std::max(1, x.fuse), target) : run.best();
     int failures = 0, retouches = 0;
-    bool gave_up = false;
     while (target > 0 && best > target + eps && !shell_state.stop_search_flag) {
-      if (x.giveupscore > 0 && best > x.giveupscore + eps) { gave_up = true; break; }
+      // A score at giveupscore is as good as this hit gets.
+      if (x.giveupscore > 0 && best <= x.giveupscore + eps) break;
       if (retouches < x.retouch) {
         ++retouches;
         for (std::size_t k = 0; k < run.batch.size() && !shell_state.stop_search_flag; ++k) {
@@ -485,7 +490,6 @@ void run_xmult() {
       show_progress(hits, x.hits, "Hits");
     }
     if (shell_state.stop_search_flag) break;
-    if (gave_up) continue;
     // A hit.
     if (target < 0 || best < target - eps) {
       if (target < 0 || x.update || user_target) {
@@ -516,7 +520,7 @@ void run_xmult() {
       fs.equals = eq;
     }
     for (std::size_t k = 0; k < run.batch.size(); ++k) {
-      if (!x.keepall && run.scores[k] > target - 1e-9 + eps) continue;
+      if (!x.keepall && run.scores[k] > std::max(target, best) - 1e-9 + eps) continue;
       if (tree_store.ntrees >= tree_store.maxtrees) break;
       store_add(run.batch[k], run.scores[k]);
     }

@@ -252,6 +252,10 @@ TEST_F(Fusing, XmultReachesKnownBestAndRestoresSettings) {
   // A target score: the search goes on until it is hit.
   std::string out = run("xmult=targetscore 1704 hits 1 level 0;");
   EXPECT_TRUE(has(out, "Target score 1704 hit 1 times.")) << out;
+  // An unreachable target with a score to give up at: the hit ends there.
+  out = run("xmult=targetscore 1600 giveupscore 1750 level 0;");
+  EXPECT_TRUE(has(out, "Target score 1600 hit 1 times.")) << out;
+  check_store_scores();
   out = run("xmult=targetscore 1704 fuse 0;");
   EXPECT_TRUE(has(out, "To search for a target score, must use fusing or hybridization")) << out;
   out = run("xmult=filter 2 keepall;");
