@@ -616,29 +616,12 @@ struct SectorRun {
 
   void run_pfijo_cycle() {
     const PfijoSettings& p = pfijo_settings;
-    const int nt = big.nt;
-    const int chunks = std::max(2, nt / std::max(10, p.chunksize));
-    const int each = std::max(5, nt / chunks);
-    ++mark_now;
-    std::vector<int> roots, left(big.nn, 0);
-    const int cnt = big.inner_preorder();
-    std::vector<int> order(big.order.begin(), big.order.begin() + cnt);
-    for (int t = 0; t < nt; ++t) left[t] = 1;
-    for (int i = cnt - 1; i >= 0; --i) {
-      const int v = order[i];
-      if (v == nt) continue;
-      const int l = big.left[v], r = big.right[v];
-      left[v] = (mark[l] == mark_now ? 1 : left[l]) + (mark[r] == mark_now ? 1 : left[r]);
-      if (left[v] >= each && v != big.right[nt] && v != big.left[nt]) {
-        mark[v] = mark_now;
-        roots.push_back(v);
-      }
-    }
-    roots.push_back(big.left[nt] == 0 ? big.right[nt] : big.left[nt]);
-    const int stamp = mark_now;
+    const int chunks = std::max(2, big.nt / std::max(10, p.chunksize));
+    std::vector<int> roots;
+    const int stamp = partition(std::max(5, big.nt / chunks), roots);
     for (int root : roots) {
       if (shell_state.stop_search_flag) return;
-      if (root < nt) continue;
+      if (root < big.nt) continue;
       gather(big, root, mark, stamp, sec);
       perturb_chunk(p.phtus);
     }
@@ -702,14 +685,14 @@ struct SectorRun {
     }
   }
 
-  // Cuts the tree into about `chunks` parts of similar size; each part is a sector whose
-  // terminals include the roots of the parts cut below it.
-  void run_exclusive(int chunks) {
+  // Cuts the tree into parts of about `each` terminals, from the tips down: a node becomes
+  // the root of a part once it holds that many terminals not yet in a part. The roots are
+  // marked with the returned stamp, lower parts first, the rest of the tree last.
+  int partition(int each, std::vector<int>& roots) {
     const int nt = big.nt;
-    const int each = std::max(5, nt / std::max(2, chunks));
     ++mark_now;
-    std::vector<int> roots;
-    std::vector<int> left(big.nn, 0);   // terminals not yet in a cut part
+    roots.clear();
+    std::vector<int> left(big.nn, 0);   // terminals not yet in a part
     const int cnt = big.inner_preorder();
     std::vector<int> order(big.order.begin(), big.order.begin() + cnt);
     for (int t = 0; t < nt; ++t) left[t] = 1;
@@ -724,11 +707,17 @@ struct SectorRun {
       }
     }
     roots.push_back(big.left[nt] == 0 ? big.right[nt] : big.left[nt]);
-    const int mark_of_run = mark_now;
+    return mark_now;
+  }
+
+  // Exclusive sectors: about `chunks` parts, each searched with the parts below it as HTUs.
+  void run_exclusive(int chunks) {
+    std::vector<int> roots;
+    const int stamp = partition(std::max(5, big.nt / std::max(2, chunks)), roots);
     for (int root : roots) {
       if (shell_state.stop_search_flag || at_findscore()) return;
-      if (root < nt) continue;
-      gather(big, root, mark, mark_of_run, sec);
+      if (root < big.nt) continue;
+      gather(big, root, mark, stamp, sec);
       analyze(static_cast<int>(sec.terms.size()));
       show_progress(0, 1, "Sectors");
     }
@@ -782,393 +771,21 @@ double sector_search_css(std::vector<std::int32_t>& tree) {
     error_exit("Can't run constrained sectorial searches without tree constraints");
   return with_sector_run(tree, [](SectorRun& r) { r.run_constraint(); });
 }
-
-namespace {
-
-void print_sector_settings() {
-  const SectorSettings& s = sector_settings;
-  out_printf("Settings for sectorial searches:\n");
-  out_printf("     * selection: %sSS\n", kind_letter(s.kind));
-  out_printf("     * random sectors of sizes %i-%i, selection factor %i, increase %i%%\n", s.minsize, s.maxsize,
-             s.selfactor, s.increase);
-  out_printf("     * sectors below %i taxa: %i starts; from %i: %i drift cycles\n", s.godrift, s.starts, s.godrift,
-             s.drift);
-  if (s.noglobal) out_printf("     * no global TBR\n");
-  else out_printf("     * global TBR every %i (%i for large sectors) replacements\n", s.global, s.dglobal);
-  out_printf("     * exclusive sectors: %i to %i chunks in %i rounds, global TBR every %i rounds\n", s.xss_begin, s.xss_end,
-             s.xss_rounds, s.xss_global);
-  out_printf("     * equals %s, keepall %s\n", s.equals ? "on" : "off", s.keepall ? "on" : "off");
+double sector_search_dss(std::vector<std::int32_t>& tree, const std::vector<std::uint8_t>& taxa, int depth, int* nodes) {
+  return with_sector_run(tree, [&](SectorRun& r) {
+    *nodes = r.run_diameter(taxa, std::max(1, depth));
+    r.pending = 0;   // a chunk chosen by hand is not followed by global swapping
+  });
 }
 
-int number_or(const char* what) {
-  const int n = option_number(-1);
-  if (n < 0) error_exitf("Give number for %s", what);
-  return n;
+double pfijo_cycle(std::vector<std::int32_t>& tree) {
+  return with_sector_run(tree, [](SectorRun& r) {
+    r.run_pfijo_cycle();
+    r.global_swap();
+    r.pending = 0;
+  });
 }
 
-bool sector_option(const std::string& w, bool set_only) {
-  SectorSettings& s = sector_settings;
-  auto is = [&](const char* name, std::size_t least) { return w.size() >= least && is_prefix(w.c_str(), name) == 0; };
-  if (is("rss", 3)) {
-    s.kind = sector_random;
-  } else if (is("css", 3)) {
-    s.kind = sector_constraint;
-  } else if (is("xss", 3)) {
-    s.kind = sector_exclusive;
-    if (std::isdigit(peek_char())) {
-      const int b = read_int();
-      s.xss_begin = s.xss_end = b;
-      if (peek_char() == '-') { next_char(); s.xss_end = number_or("xss"); }
-      if (peek_char() == '+') { next_char(); s.xss_rounds = number_or("xss"); }
-      if (peek_char() == '-') { next_char(); s.xss_global = number_or("xss"); }
-      if (s.xss_begin < 2 || s.xss_end < 2) error_exit("Tree must be divided in at least 2 chunks");
-      if (s.xss_rounds < 1 || s.xss_rounds > 10000) error_exit("Give number of rounds for XSS (1-10000)");
-    }
-  } else if (is("dss", 3)) {
-    s.kind = sector_diameter;
-    s.dss_node = number_or("dss");
-    s.dss_depth = number_or("dss");
-  } else if (is("minsize", 3)) {
-    s.minsize = std::max(5, number_or("minsize"));
-  } else if (is("maxsize", 3)) {
-    s.maxsize = std::max(5, number_or("maxsize"));
-  } else if (is("selfactor", 3)) {
-    s.selections.clear();
-    if (peek_char() == '=') {
-      next_char();
-      while (std::isdigit(peek_char()) && s.selections.size() < 30) s.selections.push_back(read_int());
-    } else {
-      const int n = number_or("selfactor");
-      if (n > 99) error_exit("Selection factor must be 0-99");
-      s.selfactor = n;
-    }
-  } else if (is("increase", 3)) {
-    s.increase = number_or("increase");
-  } else if (is("moveon", 3)) {
-    s.moveon = number_or("moveon");
-  } else if (is("minfork", 4)) {
-    s.minfork = std::max(2, number_or("minfork"));
-  } else if (is("maxfork", 4)) {
-    s.maxfork = std::max(5, number_or("maxfork"));
-  } else if (is("rounds", 2)) {
-    s.rounds = number_or("rounds");
-  } else if (is("xeven", 3)) {
-    s.xeven = 1;
-  } else if (is("noxeven", 4)) {
-    s.xeven = 0;
-  } else if (is("chkroot", 3)) {
-    s.chkroot = 1;
-  } else if (is("nochkroot", 4)) {
-    s.chkroot = 0;
-  } else if (is("godrift", 3)) {
-    s.godrift = number_or("godrift");
-  } else if (is("drift", 2)) {
-    s.drift = number_or("drift");
-  } else if (is("gocomb", 3)) {
-    s.gocomb = number_or("gocomb");
-  } else if (is("combstarts", 3)) {
-    s.combstarts = std::max(1, number_or("combstarts"));
-  } else if (is("nogocomb", 4)) {
-    s.gocomb = 0;
-  } else if (is("starts", 3)) {
-    s.starts = std::max(1, number_or("starts"));
-  } else if (is("fuse", 2)) {
-    const int n = number_or("fuse");
-    if (n > 99) error_exit("Give number of fusing rounds for sectors (0-99)");
-    s.fuse = n;
-  } else if (is("nofuse", 4)) {
-    s.fuse = 0;
-  } else if (is("global", 2)) {
-    s.global = number_or("global");
-    s.noglobal = 0;
-  } else if (is("dglobal", 2)) {
-    s.dglobal = number_or("dglobal");
-    s.noglobal = 0;
-  } else if (is("noglobal", 4)) {
-    s.noglobal = 1;
-  } else if (is("equals", 2)) {
-    s.equals = 1;
-  } else if (is("noequals", 4)) {
-    s.equals = 0;
-  } else if (is("findscore", 3)) {
-    s.findscore = number_or("findscore");
-  } else if (is("keepall", 3)) {
-    s.keepall = 1;
-  } else if (is("nokeepall", 4)) {
-    s.keepall = 0;
-  } else if (is("slack", 3)) {
-    if (!set_only) error_exit("Memory slack for sectors can't be changed with '=' --use ':' instead");
-    const int n = number_or("slack");
-    if (n > 1000) error_exit("Slack must be 0-1000");
-    s.slack = n;
-  } else if (is("xbuffer", 3) || is("noxbuffer", 4)) {
-    if (!set_only) error_exit("Usage of private buffer for sectors can't be changed with '=' --use ':' instead");
-    s.xbuffer = w[0] != 'n';
-  } else if (is("safesank", 3)) {
-    s.safesank = 1;
-  } else if (is("nosafesank", 4)) {
-    s.safesank = 0;
-  } else if (is("recurse", 3)) {
-    if (!set_only) error_exit("Maximum recursion level can't be changed with '=' --use ':' instead");
-    s.recurse = number_or("recurse");
-  } else if (is("track", 3)) {
-    error_exit("The \"track\" option requires user-instructions for each sector...");
-  } else if (is("tree", 2)) {
-    s.tree = number_or("tree");
-  } else {
-    return false;
-  }
-  return true;
-}
-
-}  // namespace
-
-void cmd_sectsch() {
-  const SectorSettings saved = sector_settings;
-  const bool run = read_settings_command("sectsch", "Unidentified string in sectsch options: %s",
-                                         [](const std::string& w, bool set_only) { return sector_option(w, set_only); },
-                                         print_sector_settings, [&] { sector_settings = saved; });
-  SectorSettings& s = sector_settings;
-  if (s.minsize > s.maxsize) {
-    const int mn = s.minsize, mx = s.maxsize;
-    s = saved;
-    error_exitf("Min. size (set as %i) must be greater than or equal to max. size (set as %i)", mn, mx);
-  }
-  const int one_tree = s.tree;
-  s.tree = -1;
-  if (!run) return;
-  qax::trees::require_data();
-  auto& store = trees::tree_store;
-  if (store.ntrees == 0) error_exit("No trees to swap");
-  if (one_tree >= store.ntrees) error_exitf("No tree %i", one_tree);
-  if (s.kind == sector_constraint) {
-    if (!constraints_in_force()) error_exit("Constraint-based sectorial searches require constraints ON");
-    if (constraint_defs.positive.empty()) error_exit("Constraint-based sectorial searches require tree constraints");
-  }
-  if (s.kind == sector_diameter && one_tree < 0) error_exit("DSS requires specification of a single tree");
-  search_prepare();
-  SearchRunning running;
-  sector_replacements = 0;
-  set_random_seed(command_seed());
-  Engine& e = engine();
-  if (s.kind == sector_diameter) {
-    // The node's terminals, read from the stored tree before it is resolved.
-    const int ntax = store.ntax;
-    const std::int32_t* t0 = trees::tree_row(one_tree);
-    if (s.dss_node < 0 || s.dss_node >= t0[ntax] || (s.dss_node < ntax && t0[s.dss_node] < ntax))
-      error_exitf("No node %i in tree %i", s.dss_node, one_tree);
-    std::vector<std::uint8_t> taxa(ntax, 0);
-    for (int x = 0; x < ntax; ++x) {
-      if (t0[x] < ntax) continue;
-      for (int a = x; a >= 0; a = a == ntax ? -1 : t0[a])
-        if (a == s.dss_node) { taxa[x] = 1; break; }
-    }
-    if (!load_for_swapping(e, one_tree)) error_exitf("Tree %i does not hold all active taxa: cannot swap it", one_tree);
-    std::vector<std::int32_t> t(trees::tree_row(one_tree), trees::tree_row(one_tree) + store.row_size);
-    int nodes = 0;
-    double sc = with_sector_run(t, [&](SectorRun& r) {
-      nodes = r.run_diameter(taxa, std::max(1, s.dss_depth));
-      r.pending = 0;   // a chunk chosen by hand is not followed by global swapping
-    });
-    out_printf("Analyzed a user-selected chunk of %i nodes\n", nodes);
-    out_printf("Sectorial search (DSS), best score: %s.\n", search_score_text(sc).c_str());
-    std::copy(t.begin(), t.end(), trees::tree_row(one_tree));
-    store.scores[one_tree] = sc;
-    store.trees_changed = 1;
-    store_begin();
-    last_best_score = sc;
-    search_status_code = 0;
-    return;
-  }
-  std::vector<std::vector<std::int32_t>> results;
-  std::vector<double> scores;
-  const int from = one_tree >= 0 ? one_tree : 0, to = one_tree >= 0 ? one_tree + 1 : store.ntrees;
-  for (int k = from; k < to; ++k) {
-    if (!load_for_swapping(e, k)) error_exitf("Tree %i does not hold all active taxa: cannot swap it", k);
-    std::vector<std::int32_t> t(trees::tree_row(k), trees::tree_row(k) + store.row_size);
-    double sc = 0;
-    if (s.kind == sector_exclusive) sc = sector_search_xss(t);
-    else if (s.kind == sector_constraint) sc = sector_search_css(t);
-    else sc = sector_search_rss(t);
-    out_printf("Sectorial search (%sSS), best score: %s.\n", kind_letter(s.kind), search_score_text(sc).c_str());
-    results.push_back(std::move(t));
-    scores.push_back(sc);
-    if (shell_state.stop_search_flag) break;
-  }
-  // The trees searched are replaced by their results.
-  std::vector<std::vector<std::int32_t>> all;
-  std::vector<double> all_scores;
-  for (int k = 0; k < store.ntrees; ++k) {
-    if (k >= from && k - from < static_cast<int>(results.size())) {
-      all.push_back(results[k - from]);
-      all_scores.push_back(scores[k - from]);
-    } else {
-      all.emplace_back(trees::tree_row(k), trees::tree_row(k) + store.row_size);
-      all_scores.push_back(store.scores[k]);
-    }
-  }
-  double best = -1;
-  for (double v : scores) if (best < 0 || v < best) best = v;
-  store.ntrees = 0;
-  store.trees_changed = 1;
-  store_begin();
-  for (std::size_t k = 0; k < all.size(); ++k) {
-    if (!s.keepall && all_scores[k] > best + search_settings.suboptimal + 1e-8) continue;
-    store_add(all[k], all_scores[k]);
-  }
-  tag_search_trees("sect_sch");
-  last_best_score = best;
-  search_status_code = 0;
-}
-
-namespace {
-
-void print_pfijo_settings() {
-  const PfijoSettings& p = pfijo_settings;
-  out_printf("Settings for pinon fijo:\n");
-  out_printf("     * %i cycles, chunks of %i terminals, HTU constant %i\n", p.numsels, p.chunksize, p.phtus);
-  out_printf("     * drift after perturbing: %i cycles, fitdiff %g, rfitdiff %g\n", p.drift_cycles, p.drift_fitdiff,
-             p.drift_rfitdiff);
-  if (p.autofuse > 0) out_printf("     * fuse the trees every %i cycles, %i rounds\n", p.autofuse, p.autofuse_rounds);
-  out_printf("     * goback %s, keepall %s\n", p.goback ? "on" : "off", p.keepall ? "on" : "off");
-}
-
-bool pfijo_option(const std::string& w) {
-  PfijoSettings& p = pfijo_settings;
-  auto is = [&](const char* name, std::size_t least) { return w.size() >= least && is_prefix(w.c_str(), name) == 0; };
-  auto real = [](const char* what) {
-    const int c = peek_char();
-    if (!std::isdigit(c) && c != '.') error_exitf("Give number for %s", what);
-    return read_real();
-  };
-  if (is("numsels", 2)) {
-    const int n = number_or("numsels");
-    if (n < 1 || n > 99999) error_exit("Number of cycles for pinon fijo must be 1-99999");
-    p.numsels = n;
-  } else if (is("phtus", 2)) {
-    const int n = number_or("phtus");
-    if (n < 1 || n > 100) error_exit("Constant for HTU states must be above 0 and up to 100");
-    p.phtus = n;
-  } else if (is("chunksize", 2)) {
-    const int n = number_or("chunksize");
-    if (n < 10) error_exit("Chunk size must be 10 or more");
-    p.chunksize = n;
-  } else if (is("drift", 2)) {
-    p.drift_cycles = number_or("drift");
-    if (std::isdigit(peek_char()) || peek_char() == '.') p.drift_fitdiff = real("drift");
-    if (std::isdigit(peek_char()) || peek_char() == '.') p.drift_rfitdiff = real("drift");
-  } else if (is("autofuse", 2)) {
-    p.autofuse = number_or("autofuse");
-    if (p.autofuse != 0 && p.autofuse < 2) error_exit("Give frequency for auto-fusing (3-100, no fusing = 0 )");
-    if (std::isdigit(peek_char())) p.autofuse_rounds = std::max(1, read_int());
-  } else if (is("noautofuse", 4)) {
-    p.autofuse = 0;
-  } else if (is("goback", 2)) {
-    p.goback = 1;
-  } else if (is("nogoback", 4)) {
-    p.goback = 0;
-  } else if (is("keepall", 2)) {
-    p.keepall = 1;
-  } else if (is("nokeepall", 4)) {
-    p.keepall = 0;
-  } else if (is("slack", 2)) {
-    const int n = number_or("slack");
-    if (n > 100) error_exit("Slack must be 0-100");
-    p.slack = n;
-  } else {
-    return false;
-  }
-  return true;
-}
-
-}  // namespace
-
-void cmd_pfijo() {
-  const PfijoSettings saved = pfijo_settings;
-  if (!read_settings_command("pfijo", "Unidentified string in pfijo options: %s",
-                             [](const std::string& w, bool) { return pfijo_option(w); }, print_pfijo_settings,
-                             [&] { pfijo_settings = saved; }))
-    return;
-  qax::trees::require_data();
-  auto& store = trees::tree_store;
-  if (store.ntrees == 0) error_exit("No trees to swap");
-  search_prepare();
-  SearchRunning running;
-  const PfijoSettings& p = pfijo_settings;
-  Engine& e = engine();
-  int start = 0;
-  double start_score = -1;
-  for (int k = 0; k < store.ntrees; ++k) {
-    if (!load_for_swapping(e, k)) error_exitf("Tree %i does not hold all active taxa: cannot swap it", k);
-    const double sc = e.compute_all();
-    if (start_score < 0 || sc < start_score) { start = k; start_score = sc; }
-  }
-  std::vector<std::int32_t> tree(trees::tree_row(start), trees::tree_row(start) + store.row_size);
-  set_random_seed(command_seed());
-  store.ntrees = 0;
-  store.trees_changed = 1;
-  store_begin();
-  store_add(tree, start_score);
-  double best = start_score;
-  std::vector<std::int32_t> best_tree = tree;
-  std::vector<std::vector<std::int32_t>> found;
-  std::vector<double> found_scores;
-  const DriftSettings drift_saved = drift_settings;
-  struct PutBackDrift { const DriftSettings& d; ~PutBackDrift() { drift_settings = d; } } put_back_drift{drift_saved};
-  for (int cycle = 0; cycle < p.numsels && !shell_state.stop_search_flag; ++cycle) {
-    const std::vector<std::int32_t> before = tree;
-    const double before_score = cycle == 0 ? start_score : best;
-    double sc = with_sector_run(tree, [&](SectorRun& r) {
-      r.run_pfijo_cycle();
-      r.global_swap();
-      r.pending = 0;
-    });
-    if (p.drift_cycles > 0 && !shell_state.stop_search_flag) {
-      drift_settings.fitdiff = p.drift_fitdiff;
-      drift_settings.rfitdiff = p.drift_rfitdiff;
-      const std::uint32_t s2 = static_cast<std::uint32_t>(random_next()) | 1u;
-      const std::uint32_t k2 = random_state();
-      sc = drift_run(tree, s2, -1, 0, p.drift_cycles, nullptr);
-      set_random_seed(k2);
-      drift_settings = drift_saved;
-    }
-    if (p.goback && sc > before_score + 1e-8) {
-      tree = before;
-      sc = before_score;
-    }
-    if (sc < best - 1e-8) {
-      best = sc;
-      best_tree = tree;
-    }
-    found.push_back(tree);
-    found_scores.push_back(sc);
-    if (p.keepall || sc <= best + 1e-8) {
-      if (store.ntrees >= store.maxtrees) {
-        out_printf("Stopping pinon fijo (increase max. trees to continue)\n");
-        break;
-      }
-      store_add(tree, sc);
-    }
-    if (p.autofuse > 0 && (cycle + 1) % p.autofuse == 0 && found.size() >= 3) {
-      const std::uint32_t k2 = random_state();
-      const std::uint32_t s2 = static_cast<std::uint32_t>(random_next()) | 1u;
-      const double fb = fuse_trees(found, found_scores, p.autofuse_rounds, 0, s2, true);
-      set_random_seed(k2);
-      if (fb < best - 1e-8) {
-        const auto at = std::min_element(found_scores.begin(), found_scores.end()) - found_scores.begin();
-        best = fb;
-        best_tree = found[static_cast<std::size_t>(at)];
-        tree = best_tree;
-        if (store.ntrees < store.maxtrees) store_add(tree, best);
-      }
-    }
-    show_progress(cycle + 1, p.numsels, "Pinon fijo");
-  }
-  if (!p.keepall) store_discard_above(0, best + search_settings.suboptimal, -1);
-  tag_search_trees("pinon_fijo");
-  last_best_score = best;
-  out_printf("Pinon Fijo, best score: %s.\n", search_score_text(best).c_str());
-  search_status_code = 0;
-}
+const char* sector_kind_letter(int kind) { return kind_letter(kind); }
 
 }  // namespace qax::search

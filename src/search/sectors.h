@@ -75,6 +75,14 @@ double sector_search_xss(std::vector<std::int32_t>& tree);
 // Constraint sectors: nodes of the constraint tree with their immediate groups.
 double sector_search_css(std::vector<std::int32_t>& tree);
 
+// The chunk of inner nodes within `depth` branches of the node holding the flagged taxa
+// (data set numbering), searched once; *nodes gets the nodes of the chunk (0: no such node).
+double sector_search_dss(std::vector<std::int32_t>& tree, const std::vector<std::uint8_t>& taxa, int depth, int* nodes);
+// One cycle of pfijo: every chunk perturbed, then global TBR.
+double pfijo_cycle(std::vector<std::int32_t>& tree);
+// "R", "C", "X" or "D".
+const char* sector_kind_letter(int kind);
+
 // Substitutions whose big-tree score differed from the sector's promise (undone); a
 // correct reduction never makes one.
 extern int sector_mismatches;
