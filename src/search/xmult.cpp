@@ -468,16 +468,21 @@ void run_xmult() {
         }
       } else {
         if (x.xmix) {
-          // Builds constrained by the best tree of the batch.
-          const auto it = std::min_element(run.scores.begin(), run.scores.end());
-          run.prev = run.batch[static_cast<std::size_t>(it - run.scores.begin())];
+          // Builds constrained by the best tree of the batch (or the last tree in memory).
+          if (x.prvmix && tree_store.ntrees > 0) {
+            const int last = tree_store.ntrees - 1;
+            run.prev.assign(trees::tree_row(last), trees::tree_row(last) + tree_store.row_size);
+          } else {
+            const auto it = std::min_element(run.scores.begin(), run.scores.end());
+            run.prev = run.batch[static_cast<std::size_t>(it - run.scores.begin())];
+          }
           run.have_prev = x.autoconst > 0;
         }
         run.build(std::max(1, x.replications / 2));
       }
       best = run.fuse(std::max(1, x.fuse), target);
       ++failures;
-      if (x.filter > 0 && failures >= x.filter) {
+      if ((x.filter > 0 && failures >= x.filter) || x.dumpfuse) {
         // Drop the suboptimal trees of the batch.
         std::vector<Tree> kept;
         std::vector<double> ks;
