@@ -10,6 +10,7 @@
 #include <string>
 #include <unordered_set>
 
+#include "dataset/dataset.h"
 #include "optim/collapse.h"
 #include "optim/packed.h"
 #include "search/constraints.h"
@@ -362,10 +363,8 @@ bool xmult_option(std::string w) {
     int taxa = -1;
     if (std::isdigit(peek_char())) taxa = read_int();
     if (taxa < 0) {
-      if (!qax::trees::tree_store.ntax || !optim::packed.valid) {
-        // Counted from the data set when there is one.
-        qax::trees::require_data();
-      }
+      // Counted from the active taxa of the data set.
+      if (!dataset::dataset.loaded) error_exit("setting level without specifying taxon number");
       optim::ensure_packed();
       taxa = optim::packed.nterm;
       if (taxa <= 0) error_exit("setting level without specifying taxon number");

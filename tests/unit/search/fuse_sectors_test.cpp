@@ -405,3 +405,11 @@ TEST_F(Fusing, DriversPutSettingsBackAfterAnInterrupt) {
     shell::shell_state.stop_search_flag = 0;
   }
 }
+
+TEST_F(Fusing, LevelWithoutDataNeedsTheTaxa) {
+  std::string out = run("xmult:level 3;");
+  EXPECT_TRUE(has(out, "setting level without specifying taxon number")) << out;
+  out = run("xmult:level 10 100;");
+  EXPECT_EQ(search::xmult_settings.replications, 14);
+  EXPECT_EQ(search::sector_settings.maxsize, 50);
+}
