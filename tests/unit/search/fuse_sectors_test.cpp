@@ -3,6 +3,8 @@
 // known best lengths, and put the settings they change back.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -412,4 +414,91 @@ TEST_F(Fusing, LevelWithoutDataNeedsTheTaxa) {
   out = run("xmult:level 10 100;");
   EXPECT_EQ(search::xmult_settings.replications, 14);
   EXPECT_EQ(search::sector_settings.maxsize, 50);
+}
+
+namespace {
+
+// Every binary tree of the first n taxa (taxon 0 at the root's side), by stepwise addition
+// on the branches of the trees of n - 1 taxa; each is passed as a parent array.
+void all_trees(int ntax, const std::function<void(const std::vector<std::int32_t>&)>& visit) {
+  // Edges of an unrooted tree; vertex ids: taxa 0..ntax-1, inner ntax.. .
+  using Edges = std::vector<std::pair<int, int>>;
+  std::function<void(Edges&, int)> grow = [&](Edges& e, int t) {
+    if (t == ntax) {
+      // Root on taxon 0: parent array from a traversal.
+      std::vector<std::vector<int>> adj(2 * ntax);
+      for (auto [a, b] : e) { adj[a].push_back(b); adj[b].push_back(a); }
+      std::vector<std::int32_t> parent(2 * ntax - 1, 0);
+      int next = ntax + 1;
+      const int root = ntax;
+      parent[0] = root;
+      std::vector<std::pair<int, int>> st{{adj[0][0], 0}};
+      std::vector<int> id(2 * ntax, -1);
+      std::vector<int> up{root};
+      while (!st.empty()) {
+        auto [v, from] = st.back();
+        st.pop_back();
+        const int par = up.back();
+        up.pop_back();
+        const int me = v < ntax ? v : next++;
+        parent[me] = par;
+        for (int w : adj[v])
+          if (w != from) { st.push_back({w, v}); up.push_back(me); }
+      }
+      parent[root] = next;
+      trees::reset_node_numbers(parent.data(), ntax);
+      visit(parent);
+      return;
+    }
+    const std::size_t n = e.size();
+    for (std::size_t k = 0; k < n; ++k) {
+      const auto [a, b] = e[k];
+      const int inner = ntax + t;   // a new inner vertex
+      e[k] = {a, inner};
+      e.push_back({inner, b});
+      e.push_back({inner, t});
+      grow(e, t + 1);
+      e.pop_back();
+      e.pop_back();
+      e[k] = {a, b};
+    }
+  };
+  Edges start{{0, ntax + 2}, {1, ntax + 2}, {2, ntax + 2}};
+  grow(start, 3);
+}
+
+}  // namespace
+
+TEST_F(Fusing, XmultFindsTheOptimumOfSmallDataByBruteForce) {
+  std::mt19937 rng(11);
+  for (int round = 0; round < 4; ++round) {
+    const int n = 8;
+    run(evolved_matrix(n, 12 + round * 3, 3 + round % 2, 25, rng));
+    int best = 1 << 30;
+    all_trees(n, [&](const std::vector<std::int32_t>& t) { best = std::min(best, slow_length(t.data())); });
+    std::string out = run("hold 100; rseed " + std::to_string(round + 1) + "; xmult=hits 2 level 1;");
+    EXPECT_TRUE(has(out, "Best score: " + std::to_string(best) + ".")) << "brute force " << best << "\n" << out;
+    check_store_scores();
+  }
+}
+
+TEST_F(Fusing, FusingASetNeverLosesItsBestAndScoresWhatItAdds) {
+  std::mt19937 rng(3);
+  run(evolved_matrix(40, 50, 4, 15, rng));
+  run("hold 100; rseed 9; mult=replic 5 wagner keepall;");
+  search::search_prepare();
+  std::vector<std::vector<std::int32_t>> set;
+  for (int k = 0; k < trees::tree_store.ntrees; ++k) set.push_back(row(k));
+  int before = 1 << 30;
+  for (const auto& t : set) before = std::min(before, slow_length(t.data()));
+  std::vector<double> scores;
+  const double best = search::fuse_trees(set, scores, 4, 0, 77, true);
+  EXPECT_LE(best, before);
+  ASSERT_EQ(set.size(), scores.size());
+  for (std::size_t k = 0; k < set.size(); ++k) EXPECT_EQ(slow_length(set[k].data()), scores[k]) << k;
+  EXPECT_EQ(*std::min_element(scores.begin(), scores.end()), best);
+  // Fusability: a set of one tree repeated has nothing to exchange; different trees do.
+  std::vector<std::vector<std::int32_t>> same(3, set[0]);
+  EXPECT_EQ(search::fusability_score(same), 0.0);
+  EXPECT_GT(search::fusability_score(set), 0.0);
 }
