@@ -94,6 +94,14 @@ TEST_F(Fusing, EveryExchangeScoresAsAFullRescoring) {
           }
         }
       }
+    // A tree fused with itself: every group is shared with a fork of 2, nothing to exchange.
+    {
+      std::vector<std::int32_t> r = row(0);
+      search::fuse_settings.minfork = 2;
+      EXPECT_EQ(search::fuse_pair(r, row(0), nullptr, 1), 0);
+      EXPECT_EQ(r, row(0));
+      search::fuse_settings.minfork = 3;
+    }
     // Other rootings: the groups are those seen from another terminal.
     for (int a = 0; a + 1 < nt; ++a) {
       std::vector<std::int32_t> r = row(a);
