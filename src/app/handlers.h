@@ -20,3 +20,6 @@
 #include "search/constraints.h"
 #include "script/commands.h"
 #include "search/ienum.h"
+#include "search/fusing.h"
+#include "search/sectors.h"
+#include "search/xmult.h"

@@ -148,7 +148,8 @@ const HelpEntry help_entries[] = {
      "hold /N;  tree vault of N trees;  hold;  report"},
     {"hybrid",
      "hybrid [ options ];  hybridize pairs of trees in memory\n"
-     "Options: rounds N, hybrid N, replace, noreplace"},
+     "Options: rounds N, hybrid N, replace, noreplace\n"
+     "hybrid X Y/Z;  exchange node Z of tree X with tree Y (-X Y/Z: without completing);  hybrid +N (*N);  complete tree N (and swap)"},
     {"ienum",
      "ienum [ =N ] [ ! - & ];  implicit enumeration: exact search for the best trees"},
     {"incltax",
@@ -232,7 +233,8 @@ const HelpEntry help_entries[] = {
     {"pcrprune",
      "pcrprune [ list ];  positional congruence: find taxa that reduce resolution"},
     {"pfijo",
-     "pfijo [ options ];  search with fixed parts of the tree"},
+     "pfijo [ options ];  search with fixed parts of the tree\n"
+     "Options: numsels N, phtus K, chunksize N, drift N F R, autofuse N R, goback, keepall, slack N"},
     {"piwe",
      "piwe =N;  implied weighting with concavity N;  piwe -;  equal weights\n"
      "piwe :N;  set concavity only;  piwe;  report"},
@@ -306,7 +308,8 @@ const HelpEntry help_entries[] = {
      "scores [ list ];  scores of the given trees"},
     {"sectsch",
      "sectsch [ = options ];  sectorial searches\n"
-     "Options: rss, css, xss, drift, fuse, minsize N, maxsize N"},
+     "Options: rss, css, xss B-E+R-G, dss N D, drift N, fuse N, minsize N, maxsize N, selfactor N,\n"
+     "increase N, godrift N, gocomb N, starts N, global N, dglobal N, equals, tree N"},
     {"shortread",
      "shortread file;  read a compact binary data file"},
     {"shpcomp",
@@ -354,8 +357,9 @@ const HelpEntry help_entries[] = {
     {"tequal",
      "tequal [ list ];  find trees equal to others"},
     {"tfuse",
-     "tfuse [ = options ];  tree fusing of the trees in memory\n"
-     "Options: rounds N, keepall, multiply, dumpfuse"},
+     "tfuse [ trees ] [ = options ];  tree fusing of the trees in memory\n"
+     "Options: rounds N, equals, beststart, choose, repeat, swap, minfork N, keepall, xroot N,\n"
+     "autostop N, hybrid N*R/S, replace, clog N, picktype N;  tfuse / N D R;  fuse node N of tree D into tree R"},
     {"tgroup",
      "tgroup =N (name) list;  define tree group N;  tgroup;  list groups"},
     {"thanks",

@@ -10,6 +10,9 @@
 #include "optim/kernels.h"
 #include "search/constraints.h"
 #include "search/engine.h"
+#include "search/fusing.h"
+#include "search/sectors.h"
+#include "search/xmult.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
 #include "shell/failure.h"
@@ -51,6 +54,10 @@ void reset_search_state() {
   search_settings = SearchSettings{};
   ratchet_settings = RatchetSettings{};
   drift_settings = DriftSettings{};
+  fuse_settings = FuseSettings{};
+  sector_settings = SectorSettings{};
+  pfijo_settings = PfijoSettings{};
+  xmult_settings = XmultSettings{};
   rearrangements_examined = Rearrangements{};
   replacements_done = 0;
   search_status_code = 0;
@@ -59,7 +66,10 @@ void reset_search_state() {
   rng_state = 1;
 }
 
+Engine* engine_override = nullptr;
+
 Engine& engine() {
+  if (engine_override) return *engine_override;
   static Engine e;
   if (e.nt != packed.nterm || e.W != packed.nwords || e.nn == 0) e.init();
   return e;

@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "optim/packed.h"
 #include "search/search_internal.h"
+#include "search/sectors.h"
 #include "search/settings.h"
 #include "shell/commands.h"
 #include "shell/failure.h"
@@ -28,8 +30,10 @@ double drift_run(std::vector<std::int32_t>& tree, std::uint32_t seed, int first,
   set_random_seed(seed);
   bool single_tree_island = false;
   auto perturb = [&](int cycle, std::vector<std::int32_t>& t) {
-    const bool flat = cycle < d.flat;
-    const int moves = flat ? d.flatnumsubs : d.numsubs;
+    const bool flat = cycle < d.flat && in_sector == 0;
+    int moves = flat ? d.flatnumsubs : d.numsubs;
+    // A reduced data set (a sector) takes fewer moves: half its terminals, at least 25.
+    if (in_sector > 0) moves = std::min(moves, std::max(25, optim::packed.nterm / 2));
     if (!d.pert || (d.equals && cycle % 2 == 0)) {
       bool all_failed = false;
       swap_perturb(t, 0, moves, d.giveup, PerturbLimits{}, &all_failed);
@@ -43,7 +47,8 @@ double drift_run(std::vector<std::int32_t>& tree, std::uint32_t seed, int first,
     swap_perturb(t, 1, moves, d.giveup, limits);
     return true;
   };
-  const double best = perturb_search(tree, first, limit, iterations, iterations_done, d.findscore, 4, "Drift", perturb);
+  const double best = perturb_search(tree, first, limit, iterations, iterations_done, d.findscore, 4, "Drift", perturb,
+                                     PerturbExtras{d.fusefreq, d.fuserounds, d.dumpfuse, d.autoconst});
   if (single_tree_island) out_printf("NOTE: Island has a single tree (no need to continue unperturbated drift)\n");
   return best;
 }
@@ -62,7 +67,12 @@ void print_drift_settings() {
     out_printf("     * first %i cycles: %i substitutions, relative fit difference up to %g\n", d.flat, d.flatnumsubs,
                d.rflat);
   if (d.findscore > 0) out_printf("     * stop when score %i is found\n", d.findscore);
-  out_printf("     * no fusing of the trees found\n");
+  if (d.fusefreq > 0)
+    out_printf("     * fuse the trees found every %i cycles, %i rounds%s\n", d.fusefreq, d.fuserounds,
+               d.dumpfuse ? ", dropping suboptimal trees after a failed fusing" : "");
+  else
+    out_printf("     * no fusing of the trees found\n");
+  if (d.autoconst > 0) out_printf("     * autoconstrained every %i cycles\n", d.autoconst);
 }
 
 double read_real_option(const char* what) {
@@ -93,9 +103,8 @@ bool drift_option(const std::string& w) {
   } else if (is("rflat", 2)) {
     d.rflat = read_real_option("rflat");
   } else {
-    int dumpfuse = 1;
     return shared_perturb_option(w, PerturbOptions{&d.iterations, &d.numsubs, &d.equals, &d.giveup, &d.findscore,
-                                                   &dumpfuse, "drift cycles", "drift substitutions", "drift"});
+                                                   &d.dumpfuse, &d.fusefreq, &d.fuserounds, &d.autoconst, "drift cycles", "drift substitutions", "drift"});
   }
   return true;
 }

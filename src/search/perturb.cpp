@@ -9,6 +9,8 @@
 
 #include "optim/packed.h"
 #include "search/constraints.h"
+#include "search/fusing.h"
+#include "shell/input.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
 #include "shell/commands.h"
@@ -160,30 +162,73 @@ double swap_perturb(std::vector<std::int32_t>& parent, int mode, int moves, int 
 
 double perturb_search(std::vector<std::int32_t>& tree, int first, int limit, int iterations, int* iterations_done,
                       int findscore, int status, const char* label,
-                      const std::function<bool(int, std::vector<std::int32_t>&)>& perturb) {
+                      const std::function<bool(int, std::vector<std::int32_t>&)>& perturb, const PerturbExtras& extras) {
   Engine& e0 = engine();
   if (!e0.load(tree)) error_exit("Tree cannot be swapped (not binary on the active taxa)");
   double current = e0.compute_all();
   double best = current;
-  std::vector<std::int32_t> best_tree = tree;
+  std::vector<std::int32_t> best_tree = tree, last_tree;
   const double subopt = search_settings.suboptimal;
   int done = 0;
+  // Trees of the iterations since the last fusing.
+  std::vector<std::vector<std::int32_t>> pool;
+  std::vector<double> pool_scores;
+  int since_fuse = 0;
+  auto keep_best = [&](const std::vector<std::int32_t>& t, double score) {
+    if (first >= 0 && score < best - 1e-8) store_discard_above(first, score + subopt, -1);
+    current = score;
+    if (score < best) best = score;
+    best_tree = t;
+  };
   for (int it = 0; it < iterations; ++it) {
     if (shell_state.stop_search_flag) break;
     search_status_code = status;
+    AutoConstraint constrained;
+    if (extras.autoconst > 0 && !last_tree.empty() && (it % extras.autoconst == 0 || it == iterations - 1))
+      constrained.set(best_tree, last_tree);
     const bool go_on = perturb(it, tree);
     if (shell_state.stop_search_flag) break;
     const double score = swap_tbr(tree, 0, 0, 0);
+    constrained.clear();
     ++done;
+    last_tree = tree;
     const bool accepted = score <= current + 1e-8;
-    if (accepted) {
-      if (first >= 0 && score < best - 1e-8) store_discard_above(first, score + subopt, -1);
-      current = score;
-      if (score < best) best = score;
-      best_tree = tree;
-    }
+    if (accepted) keep_best(tree, score);
     // Every tree within the suboptimal of the best is kept, while there is room.
     if (first >= 0 && tree_store.ntrees < limit && score <= best + subopt + 1e-8) store_add(tree, score);
+    if (extras.fusefreq > 0) {
+      if (std::find(pool.begin(), pool.end(), tree) == pool.end()) {
+        pool.push_back(tree);
+        pool_scores.push_back(score);
+        ++since_fuse;
+      }
+      if ((done % extras.fusefreq == 0 || it == iterations - 1) && since_fuse >= 3) {
+        since_fuse = 0;
+        const std::uint32_t keep_state = random_state();
+        const std::uint32_t seed = static_cast<std::uint32_t>(random_next()) | 1u;
+        const double fused = fuse_trees(pool, pool_scores, extras.fuserounds, findscore, seed, true);
+        set_random_seed(keep_state);
+        search_status_code = status;
+        const bool better = fused < best - 1e-8;
+        if (better) {
+          const auto at = std::min_element(pool_scores.begin(), pool_scores.end()) - pool_scores.begin();
+          keep_best(pool[static_cast<std::size_t>(at)], fused);
+          tree = best_tree;
+        }
+        if (first >= 0)
+          for (std::size_t k = 0; k < pool.size(); ++k)
+            if (tree_store.ntrees < limit && pool_scores[k] <= best + subopt + 1e-8) store_add(pool[k], pool_scores[k]);
+        if (better || extras.dumpfuse) {
+          // Only the trees of the best score stay for the next fusing.
+          std::vector<std::vector<std::int32_t>> kept;
+          std::vector<double> kept_scores;
+          for (std::size_t k = 0; k < pool.size(); ++k)
+            if (pool_scores[k] <= best + 1e-8) { kept.push_back(std::move(pool[k])); kept_scores.push_back(pool_scores[k]); }
+          pool = std::move(kept);
+          pool_scores = std::move(kept_scores);
+        }
+      }
+    }
     if (!accepted && first >= 0) tree = best_tree;   // go on from the best tree so far
     show_progress(it + 1, iterations, label);
     if (findscore > 0 && best <= findscore + 1e-8) break;
@@ -231,17 +276,29 @@ bool shared_perturb_option(const std::string& w, const PerturbOptions& o) {
   } else if (is("nofindscore", 3)) {
     *o.findscore = 0;
   } else if (is("fusefreq", 2)) {
-    if (option_number(-1) != 0)
-      error_exitf("Fusing of %s trees is not available in this version (use fusefreq 0)", o.subject);
+    const int n = option_number(-1);
+    if (n < 0 || n == 1 || n == 2 || n > 100) error_exit("Give frequency for auto-fusing (3-100, no fusing = 0 )");
+    *o.fusefreq = n;
+    if (peek_char() == 'x' || peek_char() == 'X') {
+      next_char();
+      const int r = option_number(-1);
+      if (r < 1 || r > 100) error_exit("Give number of rounds for auto-fusing (1-100)");
+      *o.fuserounds = r;
+    }
+  } else if (is("nofusefreq", 3)) {
+    *o.fusefreq = 0;
   } else if (is("autoconst", 2)) {
-    if (option_number(-1) != 0)
-      error_exitf("Autoconstrained %s is not available in this version (use autoconst 0)", o.subject);
+    const int n = option_number(-1);
+    if (n < 0) error_exitf("Give number of autoconstrained %s", o.cycles);
+    *o.autoconst = n;
+  } else if (is("noautoconst", 3)) {
+    *o.autoconst = 0;
   } else if (is("dumpfuse", 2)) {
     *o.dumpfuse = 1;
   } else if (is("nodumpfuse", 3)) {
     *o.dumpfuse = 0;
-  } else if (!is("nofusefreq", 3) && !is("noautoconst", 3)) {
-    return false;   // fusing and autoconstraints are off anyway
+  } else {
+    return false;
   }
   return true;
 }

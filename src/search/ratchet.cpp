@@ -96,7 +96,8 @@ double ratchet_run(std::vector<std::int32_t>& tree, std::uint32_t seed, int firs
     weights.restore();
     return true;
   };
-  return perturb_search(tree, first, limit, iterations, iterations_done, r.findscore, 5, "Ratchet", perturb);
+  return perturb_search(tree, first, limit, iterations, iterations_done, r.findscore, 5, "Ratchet", perturb,
+                        PerturbExtras{r.fusefreq, r.fuserounds, r.dumpfuse, r.autoconst});
 }
 
 namespace {
@@ -110,7 +111,12 @@ void print_ratchet_settings() {
   out_printf("     * give up perturbation at %i%% of the clips\n", r.giveup);
   out_printf("     * perturbation by %s\n", r.tradrat ? "complete TBR (traditional ratchet)" : "a limited number of moves");
   if (r.findscore > 0) out_printf("     * stop when score %i is found\n", r.findscore);
-  out_printf("     * no fusing of the trees found\n");
+  if (r.fusefreq > 0)
+    out_printf("     * fuse the trees found every %i iterations, %i rounds%s\n", r.fusefreq, r.fuserounds,
+               r.dumpfuse ? ", dropping suboptimal trees after a failed fusing" : "");
+  else
+    out_printf("     * no fusing of the trees found\n");
+  if (r.autoconst > 0) out_printf("     * autoconstrained every %i iterations\n", r.autoconst);
 }
 
 bool ratchet_option(const std::string& w) {
@@ -126,7 +132,7 @@ bool ratchet_option(const std::string& w) {
     r.tradrat = 0;
   } else {
     return shared_perturb_option(w, PerturbOptions{&r.iterations, &r.numsubs, &r.equals, &r.giveup, &r.findscore,
-                                                   &r.dumpfuse, "ratchet iterations", "ratchet substitutions", "ratchet"});
+                                                   &r.dumpfuse, &r.fusefreq, &r.fuserounds, &r.autoconst, "ratchet iterations", "ratchet substitutions", "ratchet"});
   }
   return true;
 }
@@ -145,7 +151,7 @@ void cmd_ratchet() {
     error_exit("Ratchet must do at least one of equals, up, or down --all three are off!");
   }
   if (!run) return;
-  run_from_best_tree("ratchet", "%i ratchet iterations completed\n", [](std::vector<std::int32_t>& tree, std::uint32_t seed, int* done) {
+  run_from_best_tree("ratchet", r.autoconst > 0 ? "%i ratchet iterations completed (autoconstrained)\n" : "%i ratchet iterations completed\n", [](std::vector<std::int32_t>& tree, std::uint32_t seed, int* done) {
     return ratchet_run(tree, seed, 0, tree_store.maxtrees, ratchet_settings.iterations, done);
   });
 }

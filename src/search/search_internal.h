@@ -11,8 +11,10 @@
 
 namespace qax::search {
 
-// The engine sized for the current pack (re-sized when the pack changed).
+// The engine sized for the current pack (re-sized when the pack changed), or, while a
+// sector's reduced data are searched, the sector's own engine.
 Engine& engine();
+extern Engine* engine_override;
 // Re-reads the terminal sets (after packing).
 void engine_refresh();
 
@@ -90,9 +92,21 @@ double move_rfd(const std::uint32_t* clip_now, const std::uint32_t* target_now, 
 // `limit`) and each iteration starts from the best tree so far, with first < 0 from the tree
 // of the last one. Stops at `findscore` (when above 0), on interrupt, or when perturb
 // returns false. Returns the best score and leaves the best tree in `tree`.
+// Fusing of the trees of the iterations every `fusefreq` iterations (and at the last one),
+// `fuserounds` rounds when 3 or more trees came in since the last fusing; a failed fusing
+// drops the suboptimal trees with `dumpfuse`. Every `autoconst` iterations (and at the
+// last one) the iteration runs constrained by the groups shared by the best tree and the
+// tree of the iteration before.
+struct PerturbExtras {
+  int fusefreq = 0;
+  int fuserounds = 3;
+  int dumpfuse = 1;
+  int autoconst = 0;
+};
 double perturb_search(std::vector<std::int32_t>& tree, int first, int limit, int iterations, int* iterations_done,
                       int findscore, int status, const char* label,
-                      const std::function<bool(int, std::vector<std::int32_t>&)>& perturb);
+                      const std::function<bool(int, std::vector<std::int32_t>&)>& perturb,
+                      const PerturbExtras& extras = PerturbExtras{});
 // The ratchet and drift commands: TBR on the best tree in memory, then `run` from it
 // (tree, seed, iterations done); the store ends with the trees of best score, under the
 // group tag `tag`, and the end report.
@@ -106,6 +120,9 @@ struct PerturbOptions {
   int* giveup;
   int* findscore;
   int* dumpfuse;
+  int* fusefreq;
+  int* fuserounds;
+  int* autoconst;
   const char* cycles;          // "ratchet iterations"
   const char* substitutions;   // "ratchet substitutions"
   const char* subject;         // "ratchet"
@@ -116,4 +133,21 @@ int read_percent();
 int read_count(int max, const char* too_many, const char* what);
 // Score as printed: whole numbers without decimals.
 std::string search_score_text(double s);
+}  // namespace qax::search
+
+#include "search/constraints.h"
+
+namespace qax::search {
+// Autoconstraints: the groups two trees share (data set parent arrays) become positive
+// constraints, with the user's constraints, until clear() or the end of the scope.
+struct AutoConstraint {
+  ConstraintDefs saved;
+  bool on = false;
+  void set(const std::vector<std::int32_t>& a, const std::vector<std::int32_t>& b);
+  void clear();
+  AutoConstraint() = default;
+  AutoConstraint(const AutoConstraint&) = delete;
+  AutoConstraint& operator=(const AutoConstraint&) = delete;
+  ~AutoConstraint() { clear(); }
+};
 }  // namespace qax::search

@@ -58,7 +58,10 @@ struct RatchetSettings {
   int giveup = 99;              // percent of a pass of clips after which a perturbation stops
   int tradrat = 0;              // perturb by a whole TBR search under the perturbed weights
   int findscore = 0;            // stop at this score or better (0: never)
-  int dumpfuse = 1;             // kept for the settings report
+  int dumpfuse = 1;             // after a failed fusing, drop the suboptimal trees
+  int fusefreq = 0;             // fuse the trees found every this many iterations (0: never)
+  int fuserounds = 3;           // rounds of that fusing
+  int autoconst = 0;            // autoconstrained iterations every this many (0: none)
 };
 extern RatchetSettings ratchet_settings;
 
@@ -115,6 +118,10 @@ struct DriftSettings {
   double rflat = 0.0;           // relative fit difference of those cycles
   int flatnumsubs = 60;         // moves of those cycles
   int findscore = 0;            // stop at this score or better (0: never)
+  int dumpfuse = 1;             // as in the ratchet
+  int fusefreq = 0;
+  int fuserounds = 3;
+  int autoconst = 0;
 };
 extern DriftSettings drift_settings;
 
