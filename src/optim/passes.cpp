@@ -128,6 +128,12 @@ double tree_score(WorkTree& t, int mode) {
     score = static_cast<double>(p.constant_steps) +
             kernels.down_pass(p.layout, p.node_sets.data(), t.preorder.data(), count, t.left_child.data(),
                               t.right_child.data());
+  if (mode != 4 && p.wide.any()) {
+    static WideState wide_sets;
+    wide_sets.init();
+    wide_sets.compute(t.left_child.data(), t.right_child.data(), t.preorder.data(), count, false);
+    score += wide_sets.score();
+  }
   if (mode >= 2)
     kernels.up_pass(p.layout, p.node_sets.data(), t.preorder.data(), count, t.ancestor.data(), t.nterm, mode >= 3);
   return score;

@@ -1,0 +1,239 @@
+// Packing and passes of the wide columns (Sankoff and continuous).
+#include "optim/wide.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "dataset/costs.h"
+#include "dataset/dataset.h"
+#include "optim/packed.h"
+
+namespace qax::optim {
+
+using qax::dataset::dataset;
+
+namespace {
+
+inline std::int32_t sat(std::int64_t v) { return v >= wide_infinity ? wide_infinity : static_cast<std::int32_t>(v); }
+
+// The range of two ranges: their intersection, or the gap between them; returns the gap.
+inline std::int32_t combine(const std::int32_t* a, const std::int32_t* b, std::int32_t* out) {
+  if (a[0] > b[1]) {
+    const std::int32_t g = a[0] - b[1];
+    out[0] = b[1];
+    out[1] = a[0];
+    return g;
+  }
+  if (b[0] > a[1]) {
+    const std::int32_t g = b[0] - a[1];
+    out[0] = a[1];
+    out[1] = b[0];
+    return g;
+  }
+  out[0] = std::max(a[0], b[0]);
+  out[1] = std::min(a[1], b[1]);
+  return 0;
+}
+
+}  // namespace
+
+void pack_wide_columns(WideColumns& w, const std::vector<int>& from_packed, const std::vector<std::uint8_t>& sankoff_chars) {
+  w = WideColumns{};
+  const int nterm = static_cast<int>(from_packed.size());
+  const std::uint32_t missing = dataset.missing_value();
+  w.sankoff_of.assign(dataset.nchar, -1);
+  w.cont_of.assign(dataset.nchar, -1);
+  for (int c = 0; c < dataset.nchar; ++c) {
+    const auto& r = dataset.chars[c];
+    if (c < static_cast<int>(sankoff_chars.size()) && sankoff_chars[c]) {
+      SankoffColumn col;
+      col.character = c;
+      col.weight = r.weight;
+      std::uint32_t seen = 0;
+      for (int t : from_packed) {
+        const std::uint32_t v = dataset.cell(t, c);
+        if (v != missing) seen |= v;
+      }
+      int dense[32];
+      std::fill(std::begin(dense), std::end(dense), -1);
+      for (std::uint32_t b = seen; b; b &= b - 1) {
+        const int s = std::countr_zero(b);
+        dense[s] = col.k;
+        col.state_of[col.k++] = static_cast<std::int8_t>(s);
+      }
+      col.cost.assign(static_cast<std::size_t>(col.k) * col.k, 0);
+      for (int i = 0; i < col.k; ++i)
+        for (int j = 0; j < col.k; ++j)
+          col.cost[i * col.k + j] = qax::dataset::cost_of(c, col.state_of[i], col.state_of[j]);
+      for (int i = 0; i < col.k; ++i)
+        for (int j = 0; j < col.k; ++j)
+          if (col.cost[i * col.k + j] != col.cost[j * col.k + i]) col.asymmetric = true;
+      col.root_mask = col.k >= 32 ? ~0u : (1u << col.k) - 1;
+      if (r.ancestral && nterm > 0) {
+        const std::uint32_t v = dataset.cell(from_packed[0], c);
+        if (v != missing) {
+          std::uint32_t m = 0;
+          for (std::uint32_t b = v & seen; b; b &= b - 1) m |= 1u << dense[std::countr_zero(b)];
+          if (m) col.root_mask = m;
+        }
+      }
+      col.offset = w.vector_length;
+      w.sankoff_of[c] = static_cast<int>(w.sankoff.size());
+      w.vector_length += col.k;
+      w.sankoff.push_back(std::move(col));
+    } else if (r.is_continuous && r.format == qax::dataset::format_continuous && r.active && r.weight != 0) {
+      w.cont_of[c] = static_cast<int>(w.cont.size());
+      w.cont.push_back(ContinuousColumn{c, r.weight});
+    }
+  }
+  w.unit = w.cont.empty() ? 1 : 1000;
+  w.term.assign(static_cast<std::size_t>(nterm) * w.vector_length, 0);
+  for (int k = 0; k < nterm; ++k) {
+    std::int32_t* v = w.term.data() + static_cast<std::size_t>(k) * w.vector_length;
+    for (const SankoffColumn& col : w.sankoff) {
+      const std::uint32_t cell = dataset.cell(from_packed[k], col.character);
+      for (int s = 0; s < col.k; ++s)
+        v[col.offset + s] = (cell == missing || (cell >> col.state_of[s] & 1)) ? 0 : wide_infinity;
+    }
+  }
+  const int C = static_cast<int>(w.cont.size());
+  w.term_range.assign(static_cast<std::size_t>(nterm) * 2 * C, 0);
+  for (int k = 0; k < nterm; ++k)
+    for (int j = 0; j < C; ++j) {
+      std::uint32_t cell = dataset.cell(from_packed[k], w.cont[j].character);
+      if (cell == qax::dataset::continuous_inapplicable) cell = qax::dataset::continuous_missing;
+      w.term_range[(static_cast<std::size_t>(k) * C + j) * 2] = static_cast<std::int32_t>(cell & 0xFFFF);
+      w.term_range[(static_cast<std::size_t>(k) * C + j) * 2 + 1] = static_cast<std::int32_t>(cell >> 16);
+    }
+}
+
+void sankoff_from_child(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept {
+  const int k = col.k;
+  const std::int32_t* c = col.cost.data();
+  for (int t = 0; t < k; ++t) {
+    std::int32_t best = v[t];   // cost[t][t] is 0
+    const std::int32_t* row = c + t * k;
+    for (int a = 0; a < k; ++a) best = std::min(best, row[a] + v[a]);
+    out[t] = best >= wide_infinity ? wide_infinity : best;
+  }
+}
+
+void sankoff_from_parent(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept {
+  const int k = col.k;
+  const std::int32_t* c = col.cost.data();
+  for (int t = 0; t < k; ++t) {
+    std::int32_t best = v[t];
+    for (int a = 0; a < k; ++a) best = std::min(best, c[a * k + t] + v[a]);
+    out[t] = best >= wide_infinity ? wide_infinity : best;
+  }
+}
+
+void WideState::init() {
+  const WideColumns& w = packed.wide;
+  nt = packed.nterm;
+  nn = nt > 0 ? 2 * nt - 1 : 0;
+  V = w.vector_length;
+  C = static_cast<int>(w.cont.size());
+  down.assign(static_cast<std::size_t>(nn) * V, 0);
+  up.assign(static_cast<std::size_t>(nn) * V, 0);
+  edge.assign(static_cast<std::size_t>(nn) * V, 0);
+  cdown.assign(static_cast<std::size_t>(nn) * 2 * C, 0);
+  cup.assign(static_cast<std::size_t>(nn) * 2 * C, 0);
+  cedge.assign(static_cast<std::size_t>(nn) * 2 * C, 0);
+  scratch.assign(2 * static_cast<std::size_t>(V) + 64, 0);
+  column_steps.assign(w.sankoff.size() + C, 0);
+  if (V) std::copy(w.term.begin(), w.term.end(), down.begin());
+  if (C) std::copy(w.term_range.begin(), w.term_range.end(), cdown.begin());
+}
+
+void WideState::down_node(int n, int l, int r) {
+  const WideColumns& w = packed.wide;
+  std::int32_t* a = scratch.data();
+  std::int32_t* b = a + V;
+  std::int32_t* out = D(n);
+  for (const SankoffColumn& col : w.sankoff) {
+    sankoff_from_child(col, D(l) + col.offset, a + col.offset);
+    sankoff_from_child(col, D(r) + col.offset, b + col.offset);
+    for (int s = 0; s < col.k; ++s) out[col.offset + s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
+  }
+  for (int j = 0; j < C; ++j) combine(CD(l) + 2 * j, CD(r) + 2 * j, CD(n) + 2 * j);
+}
+
+std::int64_t WideState::compute(const int* left, const int* right, const int* order, int count, bool second,
+                                bool per_column) {
+  const WideColumns& w = packed.wide;
+  sankoff_units = cont_units = 0;
+  if (per_column) std::fill(column_steps.begin(), column_steps.end(), 0);
+  if (count <= 0) return 0;
+  const int ns = static_cast<int>(w.sankoff.size());
+  for (int i = count - 1; i >= 0; --i) {
+    const int n = order[i], l = left[n], r = right[n];
+    down_node(n, l, r);
+    for (int j = 0; j < C; ++j) {
+      const std::int32_t* x = CD(l) + 2 * j;
+      const std::int32_t* y = CD(r) + 2 * j;
+      const std::int32_t g = x[0] > y[1] ? x[0] - y[1] : y[0] > x[1] ? y[0] - x[1] : 0;
+      cont_units += static_cast<std::int64_t>(g) * w.cont[j].weight;
+      if (per_column) column_steps[ns + j] += g;
+    }
+  }
+  // The root: only the allowed states, and the cheapest gives the column's cost.
+  std::int32_t* root = D(nt);
+  for (int j = 0; j < ns; ++j) {
+    const SankoffColumn& col = w.sankoff[j];
+    std::int32_t best = wide_infinity;
+    for (int s = 0; s < col.k; ++s) {
+      if (!(col.root_mask >> s & 1)) root[col.offset + s] = wide_infinity;
+      best = std::min(best, root[col.offset + s]);
+    }
+    sankoff_units += static_cast<std::int64_t>(best) * col.weight * w.unit;
+    if (per_column) column_steps[j] = best;
+  }
+  if (second) {
+    std::int32_t* a = scratch.data();
+    std::int32_t* b = a + V;
+    const int l0 = left[nt], x = right[nt];
+    for (int side = 0; side < 2; ++side) {
+      const int c = side ? l0 : x, o = side ? x : l0;
+      for (const SankoffColumn& col : w.sankoff) {
+        sankoff_from_child(col, D(o) + col.offset, U(c) + col.offset);
+        for (int s = 0; s < col.k; ++s)
+          if (!(col.root_mask >> s & 1)) U(c)[col.offset + s] = wide_infinity;
+      }
+      std::copy(CD(o), CD(o) + 2 * C, CU(c));
+    }
+    for (int i = 1; i < count; ++i) {
+      const int v = order[i];
+      for (int side = 0; side < 2; ++side) {
+        const int c = side ? right[v] : left[v], sib = side ? left[v] : right[v];
+        for (const SankoffColumn& col : w.sankoff) {
+          sankoff_from_child(col, D(sib) + col.offset, a + col.offset);
+          sankoff_from_parent(col, U(v) + col.offset, b + col.offset);
+          for (int s = 0; s < col.k; ++s) U(c)[col.offset + s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
+        }
+        for (int j = 0; j < C; ++j) combine(CU(v) + 2 * j, CD(sib) + 2 * j, CU(c) + 2 * j);
+      }
+    }
+    // Branch sets of every node but the root.
+    auto branch = [&](int n) {
+      for (const SankoffColumn& col : w.sankoff) {
+        sankoff_from_child(col, D(n) + col.offset, a + col.offset);
+        sankoff_from_parent(col, U(n) + col.offset, b + col.offset);
+        for (int s = 0; s < col.k; ++s) E(n)[col.offset + s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
+      }
+      for (int j = 0; j < C; ++j) combine(CD(n) + 2 * j, CU(n) + 2 * j, CE(n) + 2 * j);
+    };
+    for (int i = 0; i < count; ++i) {
+      const int v = order[i];
+      for (int c : {left[v], right[v]}) branch(c);
+    }
+  }
+  return sankoff_units + cont_units;
+}
+
+double WideState::score() const noexcept {
+  const int unit = packed.wide.unit;
+  return static_cast<double>(sankoff_units / unit) + static_cast<double>(cont_units) / 1000.0;
+}
+
+}  // namespace qax::optim
