@@ -35,6 +35,16 @@ inline std::int32_t combine(const std::int32_t* a, const std::int32_t* b, std::i
   return 0;
 }
 
+// Subtracts the least finite cost of the column from its vector; returns it.
+inline std::int32_t normalise_column(std::int32_t* x, int k) {
+  std::int32_t m = wide_infinity;
+  for (int s = 0; s < k; ++s) m = std::min(m, x[s]);
+  if (m == 0 || m >= wide_infinity) return m >= wide_infinity ? 0 : 0;
+  for (int s = 0; s < k; ++s)
+    if (x[s] < wide_infinity) x[s] -= m;
+  return m;
+}
+
 }  // namespace
 
 void pack_wide_columns(WideColumns& w, const std::vector<int>& from_packed, const std::vector<std::uint8_t>& sankoff_chars) {
@@ -147,16 +157,58 @@ void WideState::init() {
 }
 
 void WideState::down_node(int n, int l, int r) {
+  down_node_into(D(l), D(r), CD(l), CD(r), D(n), CD(n), nullptr);
+}
+
+void WideState::down_node_into(const std::int32_t* dl, const std::int32_t* dr, const std::int32_t* cl,
+                               const std::int32_t* cr, std::int32_t* out, std::int32_t* cout,
+                               std::int32_t* minima) {
   const WideColumns& w = packed.wide;
   std::int32_t* a = scratch.data();
   std::int32_t* b = a + V;
-  std::int32_t* out = D(n);
-  for (const SankoffColumn& col : w.sankoff) {
-    sankoff_from_child(col, D(l) + col.offset, a + col.offset);
-    sankoff_from_child(col, D(r) + col.offset, b + col.offset);
+  for (std::size_t j = 0; j < w.sankoff.size(); ++j) {
+    const SankoffColumn& col = w.sankoff[j];
+    sankoff_from_child(col, dl + col.offset, a + col.offset);
+    sankoff_from_child(col, dr + col.offset, b + col.offset);
     for (int s = 0; s < col.k; ++s) out[col.offset + s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
+    const std::int32_t m = normalise_column(out + col.offset, col.k);
+    if (minima) minima[j] = m;
   }
-  for (int j = 0; j < C; ++j) combine(CD(l) + 2 * j, CD(r) + 2 * j, CD(n) + 2 * j);
+  for (int j = 0; j < C; ++j) combine(cl + 2 * j, cr + 2 * j, cout + 2 * j);
+}
+
+void WideState::up_node_into(const std::int32_t* dsib, const std::int32_t* uparent, const std::int32_t* csib,
+                             const std::int32_t* cuparent, std::int32_t* out, std::int32_t* cout) {
+  const WideColumns& w = packed.wide;
+  std::int32_t* a = scratch.data();
+  std::int32_t* b = a + V;
+  for (const SankoffColumn& col : w.sankoff) {
+    sankoff_from_child(col, dsib + col.offset, a + col.offset);
+    sankoff_from_parent(col, uparent + col.offset, b + col.offset);
+    for (int s = 0; s < col.k; ++s) out[col.offset + s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
+    normalise_column(out + col.offset, col.k);
+  }
+  for (int j = 0; j < C; ++j) combine(cuparent + 2 * j, csib + 2 * j, cout + 2 * j);
+}
+
+void WideState::edge_into(const std::int32_t* d, const std::int32_t* u, const std::int32_t* cd, const std::int32_t* cu,
+                          std::int32_t* out, std::int32_t* cout, std::uint32_t* masks) {
+  const WideColumns& w = packed.wide;
+  std::int32_t* a = scratch.data();
+  std::int32_t* b = a + V;
+  for (std::size_t j = 0; j < w.sankoff.size(); ++j) {
+    const SankoffColumn& col = w.sankoff[j];
+    sankoff_from_child(col, d + col.offset, a + col.offset);
+    sankoff_from_parent(col, u + col.offset, b + col.offset);
+    std::int32_t* x = out + col.offset;
+    for (int s = 0; s < col.k; ++s) x[s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
+    normalise_column(x, col.k);
+    std::uint32_t mask = 0;
+    for (int s = 0; s < col.k; ++s)
+      if (x[s] == 0) mask |= 1u << s;
+    if (masks) masks[j] = mask;
+  }
+  for (int j = 0; j < C; ++j) combine(cd + 2 * j, cu + 2 * j, cout + 2 * j);
 }
 
 std::int64_t WideState::compute(const int* left, const int* right, const int* order, int count, bool second,
@@ -166,9 +218,20 @@ std::int64_t WideState::compute(const int* left, const int* right, const int* or
   if (per_column) std::fill(column_steps.begin(), column_steps.end(), 0);
   if (count <= 0) return 0;
   const int ns = static_cast<int>(w.sankoff.size());
+  minima.resize(ns + 1);
+  offsets.resize(static_cast<std::size_t>(nn) * ns + 1);
   for (int i = count - 1; i >= 0; --i) {
     const int n = order[i], l = left[n], r = right[n];
-    down_node(n, l, r);
+    down_node_into(D(l), D(r), CD(l), CD(r), D(n), CD(n), minima.data());
+    std::int32_t* kn = offsets.data() + static_cast<std::size_t>(n) * ns;
+    const std::int32_t* kl = l < nt ? nullptr : offsets.data() + static_cast<std::size_t>(l) * ns;
+    const std::int32_t* kr = r < nt ? nullptr : offsets.data() + static_cast<std::size_t>(r) * ns;
+    for (int j = 0; j < ns; ++j) kn[j] = sat(std::int64_t{minima[j]} + (kl ? kl[j] : 0) + (kr ? kr[j] : 0));
+    if (n != nt)
+      for (int j = 0; j < ns; ++j) {
+        sankoff_units += static_cast<std::int64_t>(minima[j]) * w.sankoff[j].weight * w.unit;
+        if (per_column) column_steps[j] += minima[j];
+      }
     for (int j = 0; j < C; ++j) {
       const std::int32_t* x = CD(l) + 2 * j;
       const std::int32_t* y = CD(r) + 2 * j;
@@ -177,7 +240,8 @@ std::int64_t WideState::compute(const int* left, const int* right, const int* or
       if (per_column) column_steps[ns + j] += g;
     }
   }
-  // The root: only the allowed states, and the cheapest gives the column's cost.
+  // The root: only the allowed states, and the cheapest gives the rest of the column's cost
+  // (the root's vector was normalised before the states were restricted).
   std::int32_t* root = D(nt);
   for (int j = 0; j < ns; ++j) {
     const SankoffColumn& col = w.sankoff[j];
@@ -186,49 +250,43 @@ std::int64_t WideState::compute(const int* left, const int* right, const int* or
       if (!(col.root_mask >> s & 1)) root[col.offset + s] = wide_infinity;
       best = std::min(best, root[col.offset + s]);
     }
-    sankoff_units += static_cast<std::int64_t>(best) * col.weight * w.unit;
-    if (per_column) column_steps[j] = best;
+    const std::int64_t total = static_cast<std::int64_t>(minima[j]) + best;
+    sankoff_units += total * col.weight * w.unit;
+    if (per_column) column_steps[j] += total;
   }
   if (second) {
-    std::int32_t* a = scratch.data();
-    std::int32_t* b = a + V;
     const int l0 = left[nt], x = right[nt];
     for (int side = 0; side < 2; ++side) {
       const int c = side ? l0 : x, o = side ? x : l0;
-      for (const SankoffColumn& col : w.sankoff) {
-        sankoff_from_child(col, D(o) + col.offset, U(c) + col.offset);
-        for (int s = 0; s < col.k; ++s)
-          if (!(col.root_mask >> s & 1)) U(c)[col.offset + s] = wide_infinity;
-      }
-      std::copy(CD(o), CD(o) + 2 * C, CU(c));
+      root_outside(D(o), CD(o), U(c), CU(c));
     }
     for (int i = 1; i < count; ++i) {
       const int v = order[i];
       for (int side = 0; side < 2; ++side) {
         const int c = side ? right[v] : left[v], sib = side ? left[v] : right[v];
-        for (const SankoffColumn& col : w.sankoff) {
-          sankoff_from_child(col, D(sib) + col.offset, a + col.offset);
-          sankoff_from_parent(col, U(v) + col.offset, b + col.offset);
-          for (int s = 0; s < col.k; ++s) U(c)[col.offset + s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
-        }
-        for (int j = 0; j < C; ++j) combine(CU(v) + 2 * j, CD(sib) + 2 * j, CU(c) + 2 * j);
+        up_node_into(D(sib), U(v), CD(sib), CU(v), U(c), CU(c));
       }
     }
     // Branch sets of every node but the root.
-    auto branch = [&](int n) {
-      for (const SankoffColumn& col : w.sankoff) {
-        sankoff_from_child(col, D(n) + col.offset, a + col.offset);
-        sankoff_from_parent(col, U(n) + col.offset, b + col.offset);
-        for (int s = 0; s < col.k; ++s) E(n)[col.offset + s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
-      }
-      for (int j = 0; j < C; ++j) combine(CD(n) + 2 * j, CU(n) + 2 * j, CE(n) + 2 * j);
-    };
+    masks.resize(static_cast<std::size_t>(nn) * ns + 1);
     for (int i = 0; i < count; ++i) {
       const int v = order[i];
-      for (int c : {left[v], right[v]}) branch(c);
+      for (int c : {left[v], right[v]}) edge_into(D(c), U(c), CD(c), CU(c), E(c), CE(c), masks.data() + c * ns);
     }
   }
   return sankoff_units + cont_units;
+}
+
+void WideState::root_outside(const std::int32_t* d_other, const std::int32_t* c_other, std::int32_t* out,
+                             std::int32_t* cout) {
+  const WideColumns& w = packed.wide;
+  for (const SankoffColumn& col : w.sankoff) {
+    sankoff_from_child(col, d_other + col.offset, out + col.offset);
+    for (int s = 0; s < col.k; ++s)
+      if (!(col.root_mask >> s & 1)) out[col.offset + s] = wide_infinity;
+    normalise_column(out + col.offset, col.k);
+  }
+  std::copy(c_other, c_other + 2 * C, cout);
 }
 
 double WideState::score() const noexcept {

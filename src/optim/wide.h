@@ -57,7 +57,9 @@ void sankoff_from_child(const SankoffColumn& col, const std::int32_t* v, std::in
 // whose cost is v.
 void sankoff_from_parent(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept;
 
-// Per-node wide sets of one binary tree (packed numbering, root nterm) and its score.
+// Per-node wide sets of one binary tree (packed numbering, root nterm) and its score. Every
+// Sankoff vector is kept normalised (least cost 0 in each column); the normalisers add up
+// to the score.
 struct WideState {
   int nt = 0, nn = 0, V = 0, C = 0;
   std::vector<std::int32_t> down, up, edge;        // nn * V
@@ -79,8 +81,23 @@ struct WideState {
   // column_steps. Returns the weighted cost in units.
   std::int64_t compute(const int* left, const int* right, const int* order, int count, bool second,
                        bool per_column = false);
+  std::vector<std::uint32_t> masks;                // after a second pass: per node and column, states of cost 0 in E
+  std::vector<std::int32_t> minima;                // scratch: normalisers of one node
+  std::vector<std::int32_t> offsets;               // per inner node and column: what normalising took off below it
   // Down set of inner node n from its children (vector and range), for one node.
   void down_node(int n, int l, int r);
+  // The passes on given vectors (all normalised: the least cost of each column is 0):
+  // first-pass set from two children (minima: the normalisers, may be null); the set
+  // outside a child from its sister's first-pass set and its parent's outside set; the
+  // outside set of a child of the root from the root's other child; the branch set from a
+  // node's first-pass and outside sets, with the states of cost 0 of each column in masks.
+  void down_node_into(const std::int32_t* dl, const std::int32_t* dr, const std::int32_t* cl, const std::int32_t* cr,
+                      std::int32_t* out, std::int32_t* cout, std::int32_t* minima);
+  void up_node_into(const std::int32_t* dsib, const std::int32_t* uparent, const std::int32_t* csib,
+                    const std::int32_t* cuparent, std::int32_t* out, std::int32_t* cout);
+  void root_outside(const std::int32_t* d_other, const std::int32_t* c_other, std::int32_t* out, std::int32_t* cout);
+  void edge_into(const std::int32_t* d, const std::int32_t* u, const std::int32_t* cd, const std::int32_t* cu,
+                 std::int32_t* out, std::int32_t* cout, std::uint32_t* masks);
   // Steps as a score: Sankoff steps plus continuous thousandths / 1000, weighted.
   double score() const noexcept;
 };

@@ -86,7 +86,12 @@ struct Engine {
   int unit = 1;
   double wide_score = 0;                          // wide part of `score`
   optim::WideState wide, wide2;                   // tree, tree without the clip
-  std::vector<std::uint32_t> wmask, wmask2;       // per node and Sankoff column: states of least branch cost
+  std::vector<std::uint32_t> wmask2;              // per node and Sankoff column: states of least branch cost (without the clip)
+  std::vector<const std::int32_t*> e2p, ce2p;     // branch sets of the tree without the clip (the tree's where equal)
+  std::vector<const std::uint32_t*> m2p;          // their states of least cost
+  std::vector<int> overlay;                       // nodes whose pointers lead to sets without the clip
+  std::vector<std::int32_t> wout_off;             // clip: what normalising took off beyond each node
+  std::vector<int> wcols, wcount, path_cols;      // columns whose sets differ without the clip, per node
   std::vector<std::int32_t> wclip;                // per rerooting: normalised costs seen from the clip's new parent
   std::vector<std::int32_t> wclip_range;          // per rerooting: continuous ranges of the clip
   std::vector<std::uint32_t> wclip_mask;          // per rerooting and Sankoff column: states of least cost

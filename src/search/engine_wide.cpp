@@ -1,5 +1,6 @@
-// The wide columns in the engine: sets of the tree and of the tree without a clip, the
-// rerootings of the clip, and the exact cost of joining them.
+// The wide columns in the engine: sets of the tree, the sets of the tree without a clip
+// (recomputed only where they differ from those of the tree), the rerootings of the clip,
+// and the exact cost of joining them.
 #include <algorithm>
 #include <climits>
 #include <cstring>
@@ -27,87 +28,246 @@ inline std::int32_t distance(const std::int32_t* a, const std::int32_t* b) {
   return a[0] > b[1] ? a[0] - b[1] : b[0] > a[1] ? b[0] - a[1] : 0;
 }
 
-// Subtracts the least cost of each column of v and returns the states of cost 0 in masks.
-void normalise(const std::vector<SankoffColumn>& cols, std::int32_t* v, std::uint32_t* masks) {
-  for (std::size_t j = 0; j < cols.size(); ++j) {
-    const SankoffColumn& col = cols[j];
-    std::int32_t* x = v + col.offset;
-    std::int32_t m = wide_infinity;
-    for (int s = 0; s < col.k; ++s) m = std::min(m, x[s]);
-    std::uint32_t mask = 0;
-    for (int s = 0; s < col.k; ++s) {
-      x[s] = x[s] >= wide_infinity ? wide_infinity : x[s] - m;
-      if (x[s] == 0) mask |= 1u << s;
-    }
-    masks[j] = mask;
-  }
+inline std::int32_t normalise(std::int32_t* x, int k) {
+  std::int32_t m = wide_infinity;
+  for (int s = 0; s < k; ++s) m = std::min(m, x[s]);
+  if (m == 0 || m >= wide_infinity) return 0;
+  for (int s = 0; s < k; ++s)
+    if (x[s] < wide_infinity) x[s] -= m;
+  return m;
+}
+
+inline std::uint32_t zero_states(const std::int32_t* x, int k) {
+  std::uint32_t mask = 0;
+  for (int s = 0; s < k; ++s)
+    if (x[s] == 0) mask |= 1u << s;
+  return mask;
 }
 
 }  // namespace
 
 void Engine::wide_compute() {
-  const auto& cols = packed.wide.sankoff;
   const int cnt = inner_preorder();
   wide.compute(left.data(), right.data(), order.data(), cnt, true);
-  const std::size_t ns = cols.size();
-  wmask.resize(static_cast<std::size_t>(nn) * ns);
-  for (int k = 0; k < cnt; ++k)
-    for (int c : {left[order[k]], right[order[k]]}) normalise(cols, wide.E(c), wmask.data() + c * ns);
   wide_score = wide.score();
+  const std::size_t ns = packed.wide.sankoff.size();
+  e2p.resize(nn);
+  m2p.resize(nn);
+  ce2p.resize(nn);
+  for (int n = 0; n < nn; ++n) {
+    e2p[n] = wide.E(n);
+    ce2p[n] = wide.CE(n);
+    m2p[n] = wide.masks.data() + static_cast<std::size_t>(n) * ns;
+  }
+  overlay.clear();
 }
 
 void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
-  const optim::WideColumns& W2 = packed.wide;
-  const auto& cols = W2.sankoff;
+  const optim::WideColumns& WC = packed.wide;
+  const auto& cols = WC.sankoff;
   const std::size_t ns = cols.size();
   const int V = wide.V, C = wide.C;
+  // Back to the sets of the tree, then the sets that differ without the clip.
+  for (int v : overlay) {
+    e2p[v] = wide.E(v);
+    ce2p[v] = wide.CE(v);
+    m2p[v] = wide.masks.data() + static_cast<std::size_t>(v) * ns;
+  }
+  overlay.clear();
+  wmask2.resize(static_cast<std::size_t>(nn) * ns + 1);
+  const int ncols = static_cast<int>(ns) + C;
+  wcols.resize(static_cast<std::size_t>(nn) * ncols + 1);
+  wcount.resize(nn);
+  std::int32_t* ta0 = wide2.scratch.data();
+  std::int32_t* tb0 = ta0 + V;
+  // Column q of a node: Sankoff columns first, then continuous ones.
+  auto up_col = [&](int q, const std::int32_t* dsib, const std::int32_t* uparent, const std::int32_t* csib,
+                    const std::int32_t* cuparent, std::int32_t* out, std::int32_t* cout) {
+    if (q < static_cast<int>(ns)) {
+      const SankoffColumn& col = cols[q];
+      optim::sankoff_from_child(col, dsib + col.offset, ta0 + col.offset);
+      optim::sankoff_from_parent(col, uparent + col.offset, tb0 + col.offset);
+      std::int32_t* x = out + col.offset;
+      for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{ta0[col.offset + st]} + tb0[col.offset + st]);
+      normalise(x, col.k);
+      return std::memcmp(x, cout == nullptr ? x : x, 0) == 0;
+    }
+    const int j = q - static_cast<int>(ns);
+    combine(cuparent + 2 * j, csib + 2 * j, cout + 2 * j);
+    return true;
+  };
+  auto same_col = [&](int q, const std::int32_t* a, const std::int32_t* b, const std::int32_t* ca, const std::int32_t* cb) {
+    if (q < static_cast<int>(ns)) {
+      const SankoffColumn& col = cols[q];
+      return std::memcmp(a + col.offset, b + col.offset, sizeof(std::int32_t) * col.k) == 0;
+    }
+    const int j = q - static_cast<int>(ns);
+    return ca[2 * j] == cb[2 * j] && ca[2 * j + 1] == cb[2 * j + 1];
+  };
+  // Branch set of v without the clip: the tree's, with the listed columns made again from
+  // first-pass set d and outside set u.
+  auto set_edge = [&](int v, const int* list, int count, const std::int32_t* d, const std::int32_t* u,
+                      const std::int32_t* cd, const std::int32_t* cu) {
+    std::uint32_t* m = wmask2.data() + static_cast<std::size_t>(v) * ns;
+    std::int32_t* e = wide2.E(v);
+    std::int32_t* ce = wide2.CE(v);
+    std::memcpy(e, wide.E(v), sizeof(std::int32_t) * V);
+    std::memcpy(ce, wide.CE(v), sizeof(std::int32_t) * 2 * C);
+    std::memcpy(m, wide.masks.data() + static_cast<std::size_t>(v) * ns, sizeof(std::uint32_t) * ns);
+    for (int i = 0; i < count; ++i) {
+      const int q = list[i];
+      if (q < static_cast<int>(ns)) {
+        const SankoffColumn& col = cols[q];
+        optim::sankoff_from_child(col, d + col.offset, ta0 + col.offset);
+        optim::sankoff_from_parent(col, u + col.offset, tb0 + col.offset);
+        std::int32_t* x = e + col.offset;
+        for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{ta0[col.offset + st]} + tb0[col.offset + st]);
+        normalise(x, col.k);
+        m[q] = zero_states(x, col.k);
+      } else {
+        const int j = q - static_cast<int>(ns);
+        combine(cd + 2 * j, cu + 2 * j, ce + 2 * j);
+      }
+    }
+    e2p[v] = e;
+    ce2p[v] = ce;
+    m2p[v] = m;
+    overlay.push_back(v);
+  };
+  auto list_of = [&](int v) { return wcols.data() + static_cast<std::size_t>(v) * ncols; };
+  // Outside sets below v0, whose outside set differs in the columns listed for it (its
+  // outside set without the clip is complete in wide2.U), while they keep differing.
+  auto follow = [&](int v0) {
+    int top = 0;
+    stack[top++] = v0;
+    while (top) {
+      const int v = stack[--top];
+      set_edge(v, list_of(v), wcount[v], wide.D(v), wide2.U(v), wide.CD(v), wide2.CU(v));
+      if (v < nt) continue;
+      for (int side = 0; side < 2; ++side) {
+        const int c = side ? right[v] : left[v], sib = side ? left[v] : right[v];
+        std::memcpy(wide2.U(c), wide.U(c), sizeof(std::int32_t) * V);
+        std::memcpy(wide2.CU(c), wide.CU(c), sizeof(std::int32_t) * 2 * C);
+        int* lc = list_of(c);
+        int cc = 0;
+        const int* lv = list_of(v);
+        for (int i = 0; i < wcount[v]; ++i) {
+          const int q = lv[i];
+          up_col(q, wide.D(sib), wide2.U(v), wide.CD(sib), wide2.CU(v), wide2.U(c), wide2.CU(c));
+          if (!same_col(q, wide2.U(c), wide.U(c), wide2.CU(c), wide.CU(c))) lc[cc++] = q;
+        }
+        wcount[c] = cc;
+        if (cc) stack[top++] = c;
+      }
+    }
+  };
+  if (whole) {
+    const int z = left[nt];
+    wide2.root_outside(wide.D(z), wide.CD(z), wide2.U(z), wide2.CU(z));
+    std::memcpy(wide2.E(z), wide2.U(z), sizeof(std::int32_t) * V);
+    std::memcpy(wide2.CE(z), wide.CD(z), sizeof(std::int32_t) * 2 * C);
+    std::uint32_t* m = wmask2.data() + static_cast<std::size_t>(z) * ns;
+    for (std::size_t q = 0; q < ns; ++q) m[q] = zero_states(wide2.E(z) + cols[q].offset, cols[q].k);
+    e2p[z] = wide2.E(z);
+    ce2p[z] = wide2.CE(z);
+    m2p[z] = m;
+    overlay.push_back(z);
+  } else {
+    // s takes p's place: its outside set is p's, different from its own in any column.
+    std::memcpy(wide2.U(s), wide.U(p), sizeof(std::int32_t) * V);
+    std::memcpy(wide2.CU(s), wide.CU(p), sizeof(std::int32_t) * 2 * C);
+    {
+      int* ls = list_of(s);
+      int cc = 0;
+      for (int q = 0; q < ncols; ++q)
+        if (!same_col(q, wide2.U(s), wide.U(s), wide2.CU(s), wide.CU(s))) ls[cc++] = q;
+      wcount[s] = cc;
+      if (cc) follow(s);
+    }
+    // First-pass sets up the path from g while they differ; the sister of each changed
+    // one gets a new outside set in the columns that changed. Outside sets of the path
+    // itself do not change.
+    const std::int32_t* dc = wide.D(s);
+    const std::int32_t* cdc = wide.CD(s);
+    const std::int32_t* dorig = wide.D(p);
+    const std::int32_t* cdorig = wide.CD(p);
+    int prev = p, v = g;
+    path_cols.resize(ncols + 1);
+    for (;;) {
+      if (v == nt) break;   // the other child is terminal 0, never a target
+      const int o = left[v] == prev ? right[v] : left[v];
+      // Columns where the child on the path changed its first-pass set.
+      int pc = 0;
+      for (int q = 0; q < ncols; ++q)
+        if (!same_col(q, dc, dorig, cdc, cdorig)) path_cols[pc++] = q;
+      if (!pc) break;
+      std::memcpy(wide2.U(o), wide.U(o), sizeof(std::int32_t) * V);
+      std::memcpy(wide2.CU(o), wide.CU(o), sizeof(std::int32_t) * 2 * C);
+      int* lo = list_of(o);
+      int cc = 0;
+      for (int i = 0; i < pc; ++i) {
+        const int q = path_cols[i];
+        up_col(q, dc, wide.U(v), cdc, wide.CU(v), wide2.U(o), wide2.CU(o));
+        if (!same_col(q, wide2.U(o), wide.U(o), wide2.CU(o), wide.CU(o))) lo[cc++] = q;
+      }
+      wcount[o] = cc;
+      if (cc) follow(o);
+      // The path node itself: first-pass set again in the changed columns.
+      std::memcpy(wide2.D(v), wide.D(v), sizeof(std::int32_t) * V);
+      std::memcpy(wide2.CD(v), wide.CD(v), sizeof(std::int32_t) * 2 * C);
+      int* lv = list_of(v);
+      int cv = 0;
+      for (int i = 0; i < pc; ++i) {
+        const int q = path_cols[i];
+        if (q < static_cast<int>(ns)) {
+          const SankoffColumn& col = cols[q];
+          optim::sankoff_from_child(col, dc + col.offset, ta0 + col.offset);
+          optim::sankoff_from_child(col, wide.D(o) + col.offset, tb0 + col.offset);
+          std::int32_t* x = wide2.D(v) + col.offset;
+          for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{ta0[col.offset + st]} + tb0[col.offset + st]);
+          normalise(x, col.k);
+        } else {
+          const int j = q - static_cast<int>(ns);
+          combine(cdc + 2 * j, wide.CD(o) + 2 * j, wide2.CD(v) + 2 * j);
+        }
+        if (!same_col(q, wide2.D(v), wide.D(v), wide2.CD(v), wide.CD(v))) lv[cv++] = q;
+      }
+      if (!cv) break;
+      set_edge(v, lv, cv, wide2.D(v), wide.U(v), wide2.CD(v), wide.CU(v));
+      dc = wide2.D(v);
+      cdc = wide2.CD(v);
+      dorig = wide.D(v);
+      cdorig = wide.CD(v);
+      prev = v;
+      v = anc[v];
+    }
+  }
+  // Rerootings of the clip: the clip beyond each node (normalised, with what normalising
+  // took off for asymmetric tables), then the clip rooted on the branch above each listed
+  // node, seen from the new parent.
   wtmp.resize(4 * static_cast<std::size_t>(V) + 8);
   std::int32_t* ta = wtmp.data();
   std::int32_t* tb = ta + V;
   std::int32_t* tc = tb + V;
-  wmask2.resize(static_cast<std::size_t>(nn) * ns);
-  // The tree without the clip.
-  if (whole) {
-    // Only terminal 0 is left: the clip joins it at the root.
-    const int z = left[nt];
-    for (const SankoffColumn& col : cols) {
-      optim::sankoff_from_child(col, wide.D(z) + col.offset, wide2.E(z) + col.offset);
-      for (int st = 0; st < col.k; ++st)
-        if (!(col.root_mask >> st & 1)) wide2.E(z)[col.offset + st] = wide_infinity;
-    }
-    normalise(cols, wide2.E(z), wmask2.data() + z * ns);
-    std::memcpy(wide2.CE(z), wide.CD(z), sizeof(std::int32_t) * 2 * C);
-  } else {
-    anc2 = anc;
-    left2 = left;
-    right2 = right;
-    if (left2[g] == p) left2[g] = s; else right2[g] = s;
-    anc2[s] = g;
-    order2.resize(nn + 2);
-    int cnt = 0, top = 0;
-    stack[top++] = nt;
-    while (top) {
-      const int v = stack[--top];
-      order2[cnt++] = v;
-      if (right2[v] >= nt) stack[top++] = right2[v];
-      if (left2[v] >= nt) stack[top++] = left2[v];
-    }
-    wide2.compute(left2.data(), right2.data(), order2.data(), cnt, true);
-    for (int k = 0; k < cnt; ++k)
-      for (int c : {left2[order2[k]], right2[order2[k]]}) normalise(cols, wide2.E(c), wmask2.data() + c * ns);
-  }
-  // Rerootings of the clip: the clip beyond each node, then the clip rooted on the branch
-  // above each listed node, seen from the new parent.
+  bool asymmetric = false;
+  for (const SankoffColumn& col : cols) asymmetric |= col.asymmetric;
   wout.resize(static_cast<std::size_t>(nn) * V);
   wout_range.resize(static_cast<std::size_t>(nn) * 2 * C);
+  wout_off.resize(static_cast<std::size_t>(nn) * ns + 1);
   auto O = [&](int v) { return wout.data() + static_cast<std::size_t>(v) * V; };
   auto OR = [&](int v) { return wout_range.data() + static_cast<std::size_t>(v) * 2 * C; };
+  auto OK = [&](int v) { return wout_off.data() + static_cast<std::size_t>(v) * ns; };
+  auto KD = [&](int v, std::size_t q) -> std::int32_t { return v < nt ? 0 : wide.offsets[static_cast<std::size_t>(v) * ns + q]; };
   if (nc > 1 && n >= nt) {
     const int a = left[n], b = right[n];
     std::memcpy(O(a), wide.D(b), sizeof(std::int32_t) * V);
     std::memcpy(O(b), wide.D(a), sizeof(std::int32_t) * V);
     std::memcpy(OR(a), wide.CD(b), sizeof(std::int32_t) * 2 * C);
     std::memcpy(OR(b), wide.CD(a), sizeof(std::int32_t) * 2 * C);
+    for (std::size_t q = 0; q < ns; ++q) {
+      OK(a)[q] = KD(b, q);
+      OK(b)[q] = KD(a, q);
+    }
     int top = 0;
     stack[top++] = a;
     stack[top++] = b;
@@ -116,10 +276,14 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       if (v < nt) continue;
       for (int side = 0; side < 2; ++side) {
         const int c = side ? right[v] : left[v], sib = side ? left[v] : right[v];
-        for (const SankoffColumn& col : cols) {
+        for (std::size_t q = 0; q < ns; ++q) {
+          const SankoffColumn& col = cols[q];
           optim::sankoff_from_child(col, wide.D(sib) + col.offset, ta + col.offset);
           optim::sankoff_from_child(col, O(v) + col.offset, tb + col.offset);
-          for (int st = 0; st < col.k; ++st) O(c)[col.offset + st] = sat(std::int64_t{ta[col.offset + st]} + tb[col.offset + st]);
+          std::int32_t* x = O(c) + col.offset;
+          for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{ta[col.offset + st]} + tb[col.offset + st]);
+          const std::int32_t m = normalise(x, col.k);
+          OK(c)[q] = sat(std::int64_t{m} + KD(sib, q) + OK(v)[q]);
         }
         for (int j = 0; j < C; ++j) combine(wide.CD(sib) + 2 * j, OR(v) + 2 * j, OR(c) + 2 * j);
         stack[top++] = c;
@@ -128,7 +292,7 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
   }
   wclip.resize(static_cast<std::size_t>(nc) * V);
   wclip_range.resize(static_cast<std::size_t>(nc) * 2 * C);
-  wclip_mask.resize(static_cast<std::size_t>(nc) * ns);
+  wclip_mask.resize(static_cast<std::size_t>(nc) * ns + 1);
   wclip_delta.assign(nc, 0);
   wclip_min_delta = 0;
   const std::int32_t* dn = wide.D(n);
@@ -139,24 +303,24 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
     std::int64_t delta = 0;
     for (std::size_t q = 0; q < ns; ++q) {
       const SankoffColumn& col = cols[q];
-      const std::int32_t* root;
-      if (identity) {
-        root = dn + col.offset;
-      } else {
+      const std::int32_t* root = dn + col.offset;
+      std::int32_t m_root = 0;
+      if (!identity) {
         optim::sankoff_from_child(col, wide.D(v) + col.offset, ta + col.offset);
         optim::sankoff_from_child(col, O(v) + col.offset, tb + col.offset);
         for (int st = 0; st < col.k; ++st) tc[col.offset + st] = sat(std::int64_t{ta[col.offset + st]} + tb[col.offset + st]);
+        m_root = normalise(tc + col.offset, col.k);
         root = tc + col.offset;
       }
       optim::sankoff_from_child(col, root, F + col.offset);
-      std::int32_t own = wide_infinity, seen = wide_infinity;
-      for (int st = 0; st < col.k; ++st) {
-        own = std::min(own, dn[col.offset + st]);
-        seen = std::min(seen, F[col.offset + st]);
+      const std::int32_t m_f = normalise(F + col.offset, col.k);
+      wclip_mask[static_cast<std::size_t>(j) * ns + q] = zero_states(F + col.offset, col.k);
+      if (asymmetric && col.asymmetric && !identity) {
+        // What the clip costs rooted here, against what it costs where it is.
+        const std::int64_t here = std::int64_t{m_f} + m_root + KD(v, q) + OK(v)[q];
+        delta += (here - KD(n, q)) * col.weight * unit;
       }
-      delta += static_cast<std::int64_t>(seen - own) * col.weight * unit;
     }
-    normalise(cols, F, wclip_mask.data() + static_cast<std::size_t>(j) * ns);
     std::int32_t* R = wclip_range.data() + static_cast<std::size_t>(j) * 2 * C;
     if (identity) std::memcpy(R, wide.CD(n), sizeof(std::int32_t) * 2 * C);
     else
@@ -167,8 +331,8 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
 }
 
 std::int32_t Engine::wide_join(int j, int target, std::int32_t narrow, std::int32_t bound, std::int32_t* ok) {
-  const optim::WideColumns& W2 = packed.wide;
-  const auto& cols = W2.sankoff;
+  const optim::WideColumns& WC = packed.wide;
+  const auto& cols = WC.sankoff;
   const std::size_t ns = cols.size();
   const int V = wide.V, C = wide.C;
   std::int64_t total = static_cast<std::int64_t>(narrow) * unit + wclip_delta[j];
@@ -176,8 +340,8 @@ std::int32_t Engine::wide_join(int j, int target, std::int32_t narrow, std::int3
   if (total > bound) return 0;
   const std::int32_t* F = wclip.data() + static_cast<std::size_t>(j) * V;
   const std::uint32_t* fm = wclip_mask.data() + static_cast<std::size_t>(j) * ns;
-  const std::int32_t* E = wide2.E(target);
-  const std::uint32_t* em = wmask2.data() + static_cast<std::size_t>(target) * ns;
+  const std::int32_t* E = e2p[target];
+  const std::uint32_t* em = m2p[target];
   for (std::size_t q = 0; q < ns; ++q) {
     if (fm[q] & em[q]) continue;
     const SankoffColumn& col = cols[q];
@@ -187,9 +351,9 @@ std::int32_t Engine::wide_join(int j, int target, std::int32_t narrow, std::int3
     if (total > bound) return 0;
   }
   const std::int32_t* R = wclip_range.data() + static_cast<std::size_t>(j) * 2 * C;
-  const std::int32_t* T = wide2.CE(target);
+  const std::int32_t* T = ce2p[target];
   for (int q = 0; q < C; ++q) {
-    total += static_cast<std::int64_t>(distance(R + 2 * q, T + 2 * q)) * W2.cont[q].weight;
+    total += static_cast<std::int64_t>(distance(R + 2 * q, T + 2 * q)) * WC.cont[q].weight;
     if (total > bound) return 0;
   }
   *ok = 1;
@@ -201,35 +365,32 @@ std::int32_t Engine::leaf_join(int t, int b, std::int32_t bound, std::int32_t* o
   const std::int32_t nb = bound < 0 ? -1 : bound / unit;
   const std::int32_t narrow = join_count(D(t), E(b), nb, ok);
   if (!*ok) return 0;
-  const optim::WideColumns& W2 = packed.wide;
-  const auto& cols = W2.sankoff;
+  const optim::WideColumns& WC = packed.wide;
+  const auto& cols = WC.sankoff;
   const std::size_t ns = cols.size();
   const int C = wide.C;
   std::int64_t total = static_cast<std::int64_t>(narrow) * unit;
   *ok = 0;
   const std::int32_t* E2 = wide.E(b);
-  const std::uint32_t* em = wmask.data() + static_cast<std::size_t>(b) * ns;
+  const std::uint32_t* em = wide.masks.data() + static_cast<std::size_t>(b) * ns;
   const std::int32_t* T = wide.D(t);
   for (std::size_t q = 0; q < ns; ++q) {
     const SankoffColumn& col = cols[q];
-    std::uint32_t tm = 0;
-    for (int st = 0; st < col.k; ++st)
-      if (T[col.offset + st] == 0) tm |= 1u << st;
+    const std::uint32_t tm = zero_states(T + col.offset, col.k);
     if (tm & em[q]) continue;
     // Cost from the new node in state u to the terminal: least cost to one of its states.
     std::int32_t m = wide_infinity;
     for (int u = 0; u < col.k; ++u) {
       if (E2[col.offset + u] >= m) continue;
       std::int32_t to = wide_infinity;
-      for (int st = 0; st < col.k; ++st)
-        if (T[col.offset + st] == 0) to = std::min(to, col.cost[u * col.k + st]);
+      for (std::uint32_t x = tm; x; x &= x - 1) to = std::min(to, col.cost[u * col.k + __builtin_ctz(x)]);
       m = std::min(m, E2[col.offset + u] + to);
     }
     total += static_cast<std::int64_t>(m) * col.weight * unit;
     if (total > bound) return 0;
   }
   for (int q = 0; q < C; ++q) {
-    total += static_cast<std::int64_t>(distance(wide.CD(t) + 2 * q, wide.CE(b) + 2 * q)) * W2.cont[q].weight;
+    total += static_cast<std::int64_t>(distance(wide.CD(t) + 2 * q, wide.CE(b) + 2 * q)) * WC.cont[q].weight;
     if (total > bound) return 0;
   }
   *ok = 1;
