@@ -38,7 +38,7 @@ const CommandRecord command_records[] = {
     {"constrain", qax::search::cmd_constrain, 0, topic_searching | topic_various},
     {"costs", qax::dataset::cmd_costs, 1, topic_input | topic_searching | topic_settings | topic_memory | topic_characters | topic_weights},
     {"cscores", qax::optim::cmd_cscores, 1, topic_diagnosis | topic_compare | topic_characters},
-    {"cstree", cmd_not_available, 0, topic_input | topic_settings | topic_characters},
+    {"cstree", qax::dataset::cmd_cstree, 0, topic_input | topic_settings | topic_characters},
     {"dcomp", cmd_not_available, 1, topic_input | topic_various},
     {"dmerge", cmd_not_available, 1, topic_input | topic_various},
     {"drift", qax::search::cmd_drift, 1, topic_searching},

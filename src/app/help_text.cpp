@@ -100,7 +100,9 @@ const HelpEntry help_entries[] = {
     {"cscores",
      "cscores [ list ];  score of each character on the given trees"},
     {"cstree",
-     "cstree N tree;  character-state tree for character N"},
+     "cstree N = (drawing on the next lines) ;  costs of characters N from a tree of states\n"
+     "cstree N <C ...  the same, costs above C made C;  cstree + / -  state trees as binary\n"
+     "variables or whole characters;  cstree;  list"},
     {"dcomp",
      "dcomp file;  compare the data set in memory with another matrix"},
     {"dmerge",

@@ -28,6 +28,7 @@ std::vector<std::vector<std::int32_t>> tables;   // per character; empty = defau
 // A new matrix forgets the tables; whether Sankoff is allowed is fixed for it now.
 void on_new_data() {
   tables.clear();
+  reset_state_trees();
   cost_settings.sankoff_disabled = cost_settings.allow_sankoff ? 0 : 1;
 }
 const bool hook_installed = [] {
@@ -553,6 +554,7 @@ void cmd_smatrix() {
 void reset_cost_state() {
   cost_settings = CostSettings();
   tables.clear();
+  reset_state_trees();
   step_matrices.assign(max_step_matrices, StepMatrix());
 }
 

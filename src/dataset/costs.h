@@ -50,6 +50,8 @@ void cmd_costs();
 void cmd_smatrix();
 void cmd_ancstates();
 void cmd_fillsank();
+void cmd_cstree();
+void reset_state_trees();
 
 // Reset of the settings and tables (tests, reset).
 void reset_cost_state();
