@@ -166,7 +166,7 @@ const CommandRecord command_records[] = {
     {"xwipe", qax::dataset::cmd_xwipe, 0, topic_various},
     {"unique", qax::trees::cmd_unique, 1, topic_diagnosis | topic_compare},
     {"unshared", qax::support::cmd_unshared, 0, topic_consensus | topic_settings},
-    {"usminmax", cmd_not_available, 0, topic_settings},
+    {"usminmax", qax::dataset::cmd_usminmax, 0, topic_settings},
     {"zzz", cmd_exit, 0, topic_various},
     {"\nMACROS:", cmd_macros_separator, 0, 0},
     {"bandb", cmd_macro_not_available, 0, topic_scripts},

@@ -428,7 +428,9 @@ const HelpEntry help_entries[] = {
     {"unshared",
      "unshared [ list ];  groups not shared among trees"},
     {"usminmax",
-     "usminmax list;  user-defined minimum and maximum steps"},
+     "usminmax min list = M ...;  user minimum steps of Sankoff characters\n"
+     "usminmax max list = S ...;  states 0-S open to ancestors;  usminmax = / - / /  maximum\n"
+     "states applied or not;  usminmax;  report"},
     {"zzz",
      "zzz;  end the program (as quit)"},
     {"bandb",

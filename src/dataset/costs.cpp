@@ -29,6 +29,7 @@ std::vector<std::vector<std::int32_t>> tables;   // per character; empty = defau
 void on_new_data() {
   tables.clear();
   reset_state_trees();
+  reset_user_min_max();
   cost_settings.sankoff_disabled = cost_settings.allow_sankoff ? 0 : 1;
 }
 const bool hook_installed = [] {
@@ -555,7 +556,114 @@ void reset_cost_state() {
   cost_settings = CostSettings();
   tables.clear();
   reset_state_trees();
+  reset_user_min_max();
   step_matrices.assign(max_step_matrices, StepMatrix());
 }
+
+}  // namespace qax::dataset
+
+// User minima and maxima of Sankoff characters.
+//   usminmax;                         report
+//   usminmax = / - / /;               the user maximum state applied or not (toggle)
+//   usminmax max list = S ...;        maximum state S (states 0..S open to ancestors)
+//   usminmax min list = M ...;        minimum steps M
+namespace qax::dataset {
+
+UserMinMax user_min_max;
+
+namespace {
+
+void report_user_min_max() {
+  shell::out_text({"User-defined maximum state for Sankoff characters",
+                   user_min_max.apply_max ? " applied, when defined\n" : " not in effect\n"});
+  std::string mins, maxs;
+  for (int c = 0; c < dataset.nchar; ++c) {
+    if (c < static_cast<int>(user_min_max.minimum.size()) && user_min_max.minimum[c] >= 0)
+      mins += " " + std::to_string(c) + "=" + std::to_string(user_min_max.minimum[c]);
+    if (c < static_cast<int>(user_min_max.maximum.size()) && user_min_max.maximum[c] >= 0)
+      maxs += " " + std::to_string(c) + "=" + std::to_string(user_min_max.maximum[c]);
+  }
+  if (!mins.empty()) shell::out_text({"Sankoff characters with user defined minimum:", mins, "\n"});
+  if (!maxs.empty()) shell::out_text({"Sankoff characters with user-defined maximum state:", maxs, "\n"});
+  else shell::out_text({"User-defined maximum state not in effect for any character\n"});
+}
+
+}  // namespace
+
+void cmd_usminmax() {
+  int c = shell::next_nonblank();
+  if (c == ';') {
+    shell::unread_char();
+    require_data();
+    report_user_min_max();
+    return;
+  }
+  if (c == '=' || c == '-' || c == '/') {
+    user_min_max.apply_max = c == '=' ? 1 : c == '-' ? 0 : !user_min_max.apply_max;
+    shell::out_text({"User-defined maximum state for Sankoff characters",
+                     user_min_max.apply_max ? " applied, when defined\n" : " not in effect\n"});
+    for (CharacterRecord& r : dataset.chars) r.dirty = 1;
+    return;
+  }
+  shell::unread_char();
+  require_data();
+  shell::read_list_word();
+  const std::string word(shell::token_buffer);
+  const bool max_form = shell::name_equal(word, "max") == 0 && !word.empty();
+  const bool min_form = shell::name_equal(word, "min") == 0 && !word.empty();
+  if (!max_form && !min_form) error_exit("Give maximum state for sankoff characters");
+  user_min_max.minimum.resize(dataset.nchar, -1);
+  user_min_max.maximum.resize(dataset.nchar, -1);
+  int changed = 0, last = 0;
+  for (;;) {
+    c = shell::next_nonblank();
+    shell::unread_char();
+    if (c == ';') break;
+    std::vector<std::int8_t> flags;
+    if (!read_character_list(flags, "=")) error_exit("Must specify character(s) (or end with semicolon)");
+    if (shell::next_nonblank() != '=') error_exit("Character list must be followed by \"=\"");
+    c = shell::next_nonblank();
+    shell::unread_char();
+    if (!std::isdigit(c)) {
+      if (min_form) error_exit("Must specify value of user minimum after \"=\"");
+      char buf[64];
+      std::snprintf(buf, sizeof buf, "Unexpected symbol reading maximum state: '%c'", c);
+      error_exit(buf);
+    }
+    const int value = shell::read_int();
+    last = value;
+    if (max_form) {
+      if (value > 31) error_exit({"Cannot define maximum as " + std::to_string(value) + " (maximum must be 0-31)"});
+      const int limit = std::min(cost_states, dataset.cell_width * 8);
+      if (value >= limit)
+        error_exit({"Cannot set maximum to " + std::to_string(value) + " (number of states is " + std::to_string(limit) + ")"});
+    }
+    for (int ch = 0; ch < dataset.nchar; ++ch) {
+      if (flags[ch] != 1 || dataset.chars[ch].is_continuous) continue;
+      if (max_form) {
+        user_min_max.maximum[ch] = value;
+      } else {
+        const CharacterRecord& r = dataset.chars[ch];
+        if (r.max_steps <= value) {
+          char buf[200];
+          std::snprintf(buf, sizeof buf,
+                        "Maximum possible steps for char. %i is %i; a user minimum of %i (or more) makes it \"uninformative\"",
+                        ch, r.max_steps, r.max_steps);
+          shell::warning({buf});
+        }
+        user_min_max.minimum[ch] = value;
+      }
+      dataset.chars[ch].dirty = 1;
+      ++changed;
+    }
+  }
+  char buf[96];
+  if (max_form) std::snprintf(buf, sizeof buf, "Setting user maximum state to %i for %i discrete chars.\n", last, changed);
+  else std::snprintf(buf, sizeof buf, "User-minimum defined for %i sankoff char(s)\n", changed);
+  shell::out_text({buf});
+  minmax_check();
+}
+
+void reset_user_min_max() { user_min_max = UserMinMax(); }
 
 }  // namespace qax::dataset

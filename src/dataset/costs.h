@@ -53,6 +53,20 @@ void cmd_fillsank();
 void cmd_cstree();
 void reset_state_trees();
 
+// User-defined minimum steps and maximum state of Sankoff characters (-1: none). The
+// maximum state S opens the states 0..S to the ancestors of a Sankoff character, beyond
+// those scored; the minimum replaces the minimum possible steps.
+struct UserMinMax {
+  int apply_max = 1;                 // maximum states in effect
+  std::vector<int> minimum;          // per character
+  std::vector<int> maximum;          // per character
+  int max_state(int c) const { return apply_max && c < static_cast<int>(maximum.size()) ? maximum[c] : -1; }
+  int min_steps(int c) const { return c < static_cast<int>(minimum.size()) ? minimum[c] : -1; }
+};
+extern UserMinMax user_min_max;
+void cmd_usminmax();
+void reset_user_min_max();
+
 // Reset of the settings and tables (tests, reset).
 void reset_cost_state();
 

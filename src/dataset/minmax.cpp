@@ -168,6 +168,7 @@ void minmax_check() {
     r.num_states = seen ? 32 - std::countl_zero(seen) : 0;
     if (r.sankoff) {  // cost tables give their own bounds
       sankoff_min_max(ch, r.min_steps, r.max_steps);
+      if (user_min_max.min_steps(ch) >= 0) r.min_steps = user_min_max.min_steps(ch);
       continue;
     }
     if (!seen) {

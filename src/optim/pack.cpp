@@ -97,6 +97,8 @@ void pack_data(bool reduced, bool keep_search_state) {
         const std::uint32_t v = d.cell(p.from_packed[k], c);
         if (v != missing) scored |= v;
       }
+      const int user_max = qax::dataset::user_min_max.max_state(c);
+      if (user_max >= 0) scored |= (user_max >= 31 ? ~0u : (2u << user_max) - 1);
       if (std::popcount(scored) <= 1) continue;
       int common = -1;
       bool equal = true;
@@ -108,7 +110,7 @@ void pack_data(bool reduced, bool keep_search_state) {
           if (common < 0) common = z;
           if (z != common) { equal = false; break; }
         }
-      if (!equal) {
+      if (!equal || user_max >= 0) {
         p.char_wide[c] = 1;
         p.char_packed[c] = 1;
         continue;

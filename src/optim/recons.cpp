@@ -206,6 +206,10 @@ Vec soft_nonadditive(const std::vector<const Vec*>& kids, std::uint32_t states) 
 std::uint32_t usable_states(int c) {
   std::uint32_t seen = 0;
   for (int x = 0; x < dataset.ntax; ++x) seen |= terminal_states(x, c);
+  if (dataset.chars[c].sankoff && seen) {
+    const int user_max = qax::dataset::user_min_max.max_state(c);
+    if (user_max >= 0) seen |= (user_max >= 31 ? ~0u : (2u << user_max) - 1);
+  }
   if (!seen || !dataset.chars[c].additive || dataset.chars[c].sankoff) return seen;
   const int lo = std::countr_zero(seen), hi = 31 - std::countl_zero(seen);
   return (~0u >> (31 - hi)) & (~0u << lo);

@@ -64,6 +64,8 @@ void pack_wide_columns(WideColumns& w, const std::vector<int>& from_packed, cons
         const std::uint32_t v = dataset.cell(t, c);
         if (v != missing) seen |= v;
       }
+      const int user_max = qax::dataset::user_min_max.max_state(c);
+      if (user_max >= 0) seen |= (user_max >= 31 ? ~0u : (2u << user_max) - 1);
       int dense[32];
       std::fill(std::begin(dense), std::end(dense), -1);
       for (std::uint32_t b = seen; b; b &= b - 1) {
