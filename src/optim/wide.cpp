@@ -222,6 +222,9 @@ std::int64_t WideState::compute(const int* left, const int* right, const int* or
   const int ns = static_cast<int>(w.sankoff.size());
   minima.resize(ns + 1);
   offsets.resize(static_cast<std::size_t>(nn) * ns + 1);
+  node_min.resize(static_cast<std::size_t>(nn) * ns + 1);
+  node_gap.resize(static_cast<std::size_t>(nn) * C + 1);
+  root_best.resize(ns + 1);
   for (int i = count - 1; i >= 0; --i) {
     const int n = order[i], l = left[n], r = right[n];
     down_node_into(D(l), D(r), CD(l), CD(r), D(n), CD(n), minima.data());
@@ -229,6 +232,7 @@ std::int64_t WideState::compute(const int* left, const int* right, const int* or
     const std::int32_t* kl = l < nt ? nullptr : offsets.data() + static_cast<std::size_t>(l) * ns;
     const std::int32_t* kr = r < nt ? nullptr : offsets.data() + static_cast<std::size_t>(r) * ns;
     for (int j = 0; j < ns; ++j) kn[j] = sat(std::int64_t{minima[j]} + (kl ? kl[j] : 0) + (kr ? kr[j] : 0));
+    std::copy(minima.begin(), minima.begin() + ns, node_min.begin() + static_cast<std::size_t>(n) * ns);
     if (n != nt)
       for (int j = 0; j < ns; ++j) {
         sankoff_units += static_cast<std::int64_t>(minima[j]) * w.sankoff[j].weight * w.unit;
@@ -238,6 +242,7 @@ std::int64_t WideState::compute(const int* left, const int* right, const int* or
       const std::int32_t* x = CD(l) + 2 * j;
       const std::int32_t* y = CD(r) + 2 * j;
       const std::int32_t g = x[0] > y[1] ? x[0] - y[1] : y[0] > x[1] ? y[0] - x[1] : 0;
+      node_gap[static_cast<std::size_t>(n) * C + j] = g;
       cont_units += static_cast<std::int64_t>(g) * w.cont[j].weight;
       if (per_column) column_steps[ns + j] += g;
     }
@@ -252,6 +257,7 @@ std::int64_t WideState::compute(const int* left, const int* right, const int* or
       if (!(col.root_mask >> s & 1)) root[col.offset + s] = wide_infinity;
       best = std::min(best, root[col.offset + s]);
     }
+    root_best[j] = best;
     const std::int64_t total = static_cast<std::int64_t>(minima[j]) + best;
     sankoff_units += total * col.weight * w.unit;
     if (per_column) column_steps[j] += total;

@@ -84,6 +84,9 @@ struct WideState {
   std::vector<std::uint32_t> masks;                // after a second pass: per node and column, states of cost 0 in E
   std::vector<std::int32_t> minima;                // scratch: normalisers of one node
   std::vector<std::int32_t> offsets;               // per inner node and column: what normalising took off below it
+  std::vector<std::int32_t> node_min;              // per inner node and column: what normalising took off there
+  std::vector<std::int32_t> root_best;             // per column: least cost of the allowed root states
+  std::vector<std::int32_t> node_gap;              // per inner node and continuous column: the gap paid there
   // Down set of inner node n from its children (vector and range), for one node.
   void down_node(int n, int l, int r);
   // The passes on given vectors (all normalised: the least cost of each column is 0):

@@ -539,7 +539,7 @@ double Engine::update_after_move() {
   score += static_cast<double>(delta);
   if (has_wide) {
     score -= wide_score;
-    wide_compute();
+    wide_update(oleft, oright);
     score += wide_score;
   }
   return score;
@@ -698,6 +698,10 @@ const std::uint32_t* Engine::lazy_target(int k) {
 
 void Engine::insert_leaf(int t, int branch, int q) {
   const optim::Layout& L = packed.layout;
+  if (has_wide) {
+    wold_left = left;
+    wold_right = right;
+  }
   const int a0 = anc[branch];
   if (left[a0] == branch) left[a0] = q; else right[a0] = q;
   anc[q] = a0;
@@ -742,7 +746,7 @@ void Engine::insert_leaf(int t, int branch, int q) {
   fitch_sets(L, D(t), U(t), E(t));
   if (edge_log) edge_log->push_back(t);
   if (fitch_cmp(L, U(q), D(t), U(branch), U(branch))) follow(branch);
-  if (has_wide) wide_compute();
+  if (has_wide) wide_update(wold_left, wold_right);
 }
 
 std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t save_slack, Move& best,

@@ -92,6 +92,10 @@ struct Engine {
   std::vector<int> overlay;                       // nodes whose pointers lead to sets without the clip
   std::vector<std::int32_t> wout_off;             // clip: what normalising took off beyond each node
   std::vector<int> wcols, wcount, path_cols;      // columns whose sets differ without the clip, per node
+  std::vector<std::uint64_t> dbits, ubits, need_bits;  // columns changed by the last change of topology
+  std::vector<int> wold_left, wold_right;         // children before an insertion
+  // Wide sets after a change of topology, recomputed where they change (equal to wide_compute).
+  void wide_update(const std::vector<int>& old_left, const std::vector<int>& old_right);
   std::vector<std::int32_t> wclip;                // per rerooting: normalised costs seen from the clip's new parent
   std::vector<std::int32_t> wclip_range;          // per rerooting: continuous ranges of the clip
   std::vector<std::uint32_t> wclip_mask;          // per rerooting and Sankoff column: states of least cost

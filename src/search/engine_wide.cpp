@@ -398,3 +398,202 @@ std::int32_t Engine::leaf_join(int t, int b, std::int32_t bound, std::int32_t* o
 }
 
 }  // namespace qax::search
+
+namespace qax::search {
+
+// After a change of topology (old children lists given): first-pass sets again where a
+// node's children changed or a child's set changed, column by column; outside and branch
+// sets where the sets they come from changed. The score follows the normalisers.
+void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int>& old_right) {
+  const optim::WideColumns& WC = packed.wide;
+  const auto& cols = WC.sankoff;
+  const int ns = static_cast<int>(cols.size());
+  const int C = wide.C;
+  const int ncols = ns + C;
+  const int B = (ncols + 63) / 64;
+  const int cnt = inner_preorder();
+  dbits.assign(static_cast<std::size_t>(nn) * B, 0);
+  ubits.assign(static_cast<std::size_t>(nn) * B, 0);
+  std::vector<std::uint64_t>& need = need_bits;
+  need.assign(B, 0);
+  auto moved = [&](int v) {
+    return !((left[v] == old_left[v] && right[v] == old_right[v]) || (left[v] == old_right[v] && right[v] == old_left[v]));
+  };
+  auto all = [&]() {
+    for (int i = 0; i < B; ++i) need[i] = ~0ull;
+    if (ncols % 64) need[B - 1] = (1ull << (ncols % 64)) - 1;
+  };
+  auto bits_of = [&](std::vector<std::uint64_t>& v, int n) { return v.data() + static_cast<std::size_t>(n) * B; };
+  std::int32_t* ta = wtmp.data();
+  wtmp.resize(4 * static_cast<std::size_t>(wide.V) + 8);
+  ta = wtmp.data();
+  std::int32_t* tb = ta + wide.V;
+  std::int32_t* tc = tb + wide.V;
+  std::int32_t range[2];
+  // First pass.
+  for (int k = cnt - 1; k >= 0; --k) {
+    const int v = order[k], a = left[v], b = right[v];
+    if (v != nt && old_left[v] < 0) {
+      // A node new to the tree (an insertion): nothing of it counted yet.
+      std::fill_n(wide.node_min.begin() + static_cast<std::ptrdiff_t>(v) * ns, ns, 0);
+      std::fill_n(wide.node_gap.begin() + static_cast<std::ptrdiff_t>(v) * C, C, 0);
+    }
+    if (v == nt || moved(v)) all();
+    else {
+      const std::uint64_t* da = bits_of(dbits, a);
+      const std::uint64_t* db = bits_of(dbits, b);
+      bool any = false;
+      for (int i = 0; i < B; ++i) { need[i] = da[i] | db[i]; any |= need[i] != 0; }
+      if (!any) continue;
+    }
+    std::uint64_t* dv = bits_of(dbits, v);
+    for (int i = 0; i < B; ++i)
+      for (std::uint64_t m = need[i]; m; m &= m - 1) {
+        const int q = i * 64 + __builtin_ctzll(m);
+        if (q < ns) {
+          const SankoffColumn& col = cols[q];
+          optim::sankoff_from_child(col, wide.D(a) + col.offset, ta);
+          optim::sankoff_from_child(col, wide.D(b) + col.offset, tb);
+          for (int st = 0; st < col.k; ++st) tc[st] = sat(std::int64_t{ta[st]} + tb[st]);
+          const std::int32_t mn = normalise(tc, col.k);
+          std::int32_t& old_min = wide.node_min[static_cast<std::size_t>(v) * ns + q];
+          if (v == nt) {
+            // The root: states restricted, then its least cost.
+            std::int32_t best = wide_infinity;
+            for (int st = 0; st < col.k; ++st) {
+              if (!(col.root_mask >> st & 1)) tc[st] = wide_infinity;
+              best = std::min(best, tc[st]);
+            }
+            wide.sankoff_units += (static_cast<std::int64_t>(mn) + best - old_min - wide.root_best[q]) * col.weight * unit;
+            wide.root_best[q] = best;
+          } else {
+            wide.sankoff_units += static_cast<std::int64_t>(mn - old_min) * col.weight * unit;
+          }
+          old_min = mn;
+          std::int32_t* x = wide.D(v) + col.offset;
+          if (std::memcmp(x, tc, sizeof(std::int32_t) * col.k) != 0) {
+            std::memcpy(x, tc, sizeof(std::int32_t) * col.k);
+            dv[i] |= 1ull << (q % 64);
+          }
+        } else {
+          const int j = q - ns;
+          const std::int32_t* x = wide.CD(a) + 2 * j;
+          const std::int32_t* y = wide.CD(b) + 2 * j;
+          combine(x, y, range);
+          const std::int32_t g = distance(x, y);
+          std::int32_t& old_gap = wide.node_gap[static_cast<std::size_t>(v) * C + j];
+          wide.cont_units += static_cast<std::int64_t>(g - old_gap) * WC.cont[j].weight;
+          old_gap = g;
+          std::int32_t* z = wide.CD(v) + 2 * j;
+          if (z[0] != range[0] || z[1] != range[1]) {
+            z[0] = range[0];
+            z[1] = range[1];
+            dv[i] |= 1ull << (q % 64);
+          }
+        }
+      }
+  }
+  // What normalising took off below each node (asymmetric rerootings use it).
+  for (int k = cnt - 1; k >= 0; --k) {
+    const int v = order[k], a = left[v], b = right[v];
+    std::int32_t* kv = wide.offsets.data() + static_cast<std::size_t>(v) * ns;
+    const std::int32_t* mv = wide.node_min.data() + static_cast<std::size_t>(v) * ns;
+    const std::int32_t* ka = a < nt ? nullptr : wide.offsets.data() + static_cast<std::size_t>(a) * ns;
+    const std::int32_t* kb = b < nt ? nullptr : wide.offsets.data() + static_cast<std::size_t>(b) * ns;
+    for (int q = 0; q < ns; ++q) kv[q] = sat(std::int64_t{mv[q]} + (ka ? ka[q] : 0) + (kb ? kb[q] : 0));
+  }
+  // Outside sets of column q of c: from its sister's first-pass set and its parent's
+  // outside set (the root: the other child's, restricted to the allowed root states).
+  auto outside_col = [&](int q, int c, int sib, int v) {
+    std::uint64_t* uc = bits_of(ubits, c);
+    if (q < ns) {
+      const SankoffColumn& col = cols[q];
+      optim::sankoff_from_child(col, wide.D(sib) + col.offset, ta);
+      if (v == nt) {
+        for (int st = 0; st < col.k; ++st) tc[st] = (col.root_mask >> st & 1) ? ta[st] : wide_infinity;
+      } else {
+        optim::sankoff_from_parent(col, wide.U(v) + col.offset, tb);
+        for (int st = 0; st < col.k; ++st) tc[st] = sat(std::int64_t{ta[st]} + tb[st]);
+      }
+      normalise(tc, col.k);
+      std::int32_t* x = wide.U(c) + col.offset;
+      if (std::memcmp(x, tc, sizeof(std::int32_t) * col.k) != 0) {
+        std::memcpy(x, tc, sizeof(std::int32_t) * col.k);
+        uc[q / 64] |= 1ull << (q % 64);
+      }
+    } else {
+      const int j = q - ns;
+      if (v == nt) {
+        range[0] = wide.CD(sib)[2 * j];
+        range[1] = wide.CD(sib)[2 * j + 1];
+      } else {
+        combine(wide.CU(v) + 2 * j, wide.CD(sib) + 2 * j, range);
+      }
+      std::int32_t* z = wide.CU(c) + 2 * j;
+      if (z[0] != range[0] || z[1] != range[1]) {
+        z[0] = range[0];
+        z[1] = range[1];
+        uc[q / 64] |= 1ull << (q % 64);
+      }
+    }
+  };
+  for (int k = 0; k < cnt; ++k) {
+    const int v = order[k];
+    const bool mv = moved(v);
+    for (int side = 0; side < 2; ++side) {
+      const int c = side ? right[v] : left[v], sib = side ? left[v] : right[v];
+      if (mv) all();
+      else {
+        const std::uint64_t* uv = v == nt ? nullptr : bits_of(ubits, v);
+        const std::uint64_t* ds = bits_of(dbits, sib);
+        bool any = false;
+        for (int i = 0; i < B; ++i) { need[i] = (uv ? uv[i] : 0) | ds[i]; any |= need[i] != 0; }
+        if (!any) continue;
+      }
+      for (int i = 0; i < B; ++i)
+        for (std::uint64_t m = need[i]; m; m &= m - 1) outside_col(i * 64 + __builtin_ctzll(m), c, sib, v);
+    }
+  }
+  // Branch sets where the first-pass or outside set changed (all of them below a node whose
+  // children changed).
+  for (int k = 0; k < cnt; ++k) {
+    const int v = order[k];
+    const bool mv = moved(v);
+    for (int c : {left[v], right[v]}) {
+      if (mv || (c >= nt && moved(c))) all();
+      else {
+        const std::uint64_t* dc = bits_of(dbits, c);
+        const std::uint64_t* uc = bits_of(ubits, c);
+        bool any = false;
+        for (int i = 0; i < B; ++i) { need[i] = dc[i] | uc[i]; any |= need[i] != 0; }
+        if (!any) continue;
+      }
+      std::uint32_t* masks = wide.masks.data() + static_cast<std::size_t>(c) * ns;
+      for (int i = 0; i < B; ++i)
+        for (std::uint64_t m = need[i]; m; m &= m - 1) {
+          const int q = i * 64 + __builtin_ctzll(m);
+          if (q < ns) {
+            const SankoffColumn& col = cols[q];
+            optim::sankoff_from_child(col, wide.D(c) + col.offset, ta);
+            optim::sankoff_from_parent(col, wide.U(c) + col.offset, tb);
+            std::int32_t* x = wide.E(c) + col.offset;
+            for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{ta[st]} + tb[st]);
+            normalise(x, col.k);
+            masks[q] = zero_states(x, col.k);
+          } else {
+            const int j = q - ns;
+            combine(wide.CD(c) + 2 * j, wide.CU(c) + 2 * j, wide.CE(c) + 2 * j);
+          }
+        }
+    }
+  }
+  wide_score = wide.score();
+  for (int v : overlay) {
+    e2p[v] = wide.E(v);
+    ce2p[v] = wide.CE(v);
+    m2p[v] = wide.masks.data() + static_cast<std::size_t>(v) * ns;
+  }
+  overlay.clear();
+}
+
+}  // namespace qax::search

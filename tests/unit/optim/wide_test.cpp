@@ -286,7 +286,10 @@ TEST_F(Wide, EveryMoveValueIsTheDifferenceOfFullScores) {
       if (base < 0) continue;
       for (const auto& mv : records) {
         e.apply_move(mv);
+        // The sets updated where they change, against all of them made again.
+        const double updated = e.update_after_move();
         const double after = e.compute_all();
+        EXPECT_NEAR(updated, after, 1e-6) << "round " << round << " clip " << clip;
         EXPECT_NEAR(after, score + e.cost_to_steps(static_cast<std::int64_t>(mv.cost) - base), 1e-6)
             << "round " << round << " clip " << clip;
         ++moves;
