@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "dataset/costs.h"
 #include "dataset/dataset.h"
 #include "optim/field_ops.h"
 #include "optim/packed.h"
@@ -144,15 +145,24 @@ void max_length_flags(const CollapseWork& w, std::vector<std::uint8_t>& changes)
   std::vector<long long> D(static_cast<std::size_t>(nodes) * 32), Out(static_cast<std::size_t>(nodes) * 32);
   for (int c = 0; c < dataset.nchar; ++c) {
     const auto& ch = dataset.chars[c];
-    if (!ch.active || ch.is_continuous || ch.sankoff) continue;
+    if (!ch.active || ch.is_continuous) continue;
     // States from 0 to the highest one observed on the tree's terminals.
     int ns = 1;
     for (int t = 0; t < w.nterm; ++t) {
       const std::uint32_t v = dataset.cell(packed.from_packed[t], c);
       if (v != dataset.missing_value() && v != 0) ns = std::max(ns, 32 - std::countl_zero(v));
     }
-    const bool add = ch.additive;
-    auto cost = [&](int s, int t) -> long long { return add ? std::abs(s - t) : (s != t); };
+    // Cost tables count from the parent's state s to the child's state t.
+    const bool table = ch.sankoff != 0;
+    const bool add = ch.additive && !table;
+    auto cost = [&](int s, int t) -> long long {
+      return table ? qax::dataset::cost_of(c, s, t) : add ? std::abs(s - t) : (s != t);
+    };
+    auto best_from = [&](const long long* x, int t) {
+      long long b = inf;
+      for (int s = 0; s < ns; ++s) if (x[s] < inf) b = std::min(b, x[s] + cost(s, t));
+      return b;
+    };
     auto d = [&](int n) { return D.data() + static_cast<std::size_t>(n) * 32; };
     auto o = [&](int n) { return Out.data() + static_cast<std::size_t>(n) * 32; };
     for (int t = 0; t < w.nterm; ++t) {
@@ -177,7 +187,7 @@ void max_length_flags(const CollapseWork& w, std::vector<std::uint8_t>& changes)
         const int sis = side ? w.left[n] : w.right[n];
         long long R[32];
         for (int s = 0; s < ns; ++s) R[s] = std::min(inf, o(n)[s] + best_to(d(sis), s));
-        for (int t = 0; t < ns; ++t) o(v)[t] = best_to(R, t);
+        for (int t = 0; t < ns; ++t) o(v)[t] = best_from(R, t);
         if (v < w.nterm || changes[v]) continue;
         for (int s = 0; s < ns && !changes[v]; ++s)
           for (int t = 0; t < ns; ++t)
@@ -214,7 +224,7 @@ void polytomy_facts(const std::int32_t* tree, int ntax, EdgeFacts& f) {
   std::vector<long long> R(32);
   for (int c = 0; c < dataset.nchar; ++c) {
     const auto& ch = dataset.chars[c];
-    if (!ch.active || ch.is_continuous || ch.sankoff) continue;
+    if (!ch.active || ch.is_continuous) continue;
     auto cell = [&](int t) -> std::uint32_t {
       const bool active = t < static_cast<int>(dataset.taxon_active.size()) ? dataset.taxon_active[t] != 0 : true;
       std::uint32_t v = dataset.cell(t, c);
@@ -225,8 +235,17 @@ void polytomy_facts(const std::int32_t* tree, int ntax, EdgeFacts& f) {
       const std::uint32_t v = cell(t);
       if (v != ~0u) ns = std::max(ns, 32 - std::countl_zero(v));
     }
-    const bool add = ch.additive;
-    auto cost = [&](int s, int t) -> long long { return add ? std::abs(s - t) : (s != t); };
+    // Cost tables count from the parent's state s to the child's state t.
+    const bool table = ch.sankoff != 0;
+    const bool add = ch.additive && !table;
+    auto cost = [&](int s, int t) -> long long {
+      return table ? qax::dataset::cost_of(c, s, t) : add ? std::abs(s - t) : (s != t);
+    };
+    auto best_from = [&](const long long* x, int t) {
+      long long b = inf;
+      for (int s = 0; s < ns; ++s) if (x[s] < inf) b = std::min(b, x[s] + cost(s, t));
+      return b;
+    };
     auto d = [&](int n) { return D.data() + static_cast<std::size_t>(n) * 32; };
     auto o = [&](int n) { return O.data() + static_cast<std::size_t>(n) * 32; };
     auto best_to = [&](const long long* x, int s) {
@@ -257,7 +276,7 @@ void polytomy_facts(const std::int32_t* tree, int ntax, EdgeFacts& f) {
           for (int k : kids[n]) if (k != v) r = std::min(inf, r + best_to(d(k), s));
           R[s] = r;
         }
-        for (int t = 0; t < ns; ++t) o(v)[t] = best_to(R.data(), t);
+        for (int t = 0; t < ns; ++t) o(v)[t] = best_from(R.data(), t);
         if (v < ntax) continue;
         bool zero = false, change = false;
         for (int s = 0; s < ns; ++s)
@@ -299,7 +318,9 @@ void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, co
       if (a == ntax) break;
     }
   }
-  if (w.polytomy) {
+  // Trees with polytomies, and any tree when cost tables are packed apart from the words:
+  // one character at a time.
+  if (w.polytomy || !packed.wide.sankoff.empty()) {
     EdgeFacts f;
     polytomy_facts(tree, ntax, f);
     for (int v = ntax + 1; v < end; ++v) {
