@@ -124,6 +124,10 @@ void sankoff_from_child(const SankoffColumn& col, const std::int32_t* v, std::in
   const std::int32_t* c = col.cost.data();
   for (int t = 0; t < k; ++t) {
     std::int32_t best = v[t];   // cost[t][t] is 0
+    if (best == 0) {            // a state of least cost (costs are never negative)
+      out[t] = 0;
+      continue;
+    }
     const std::int32_t* row = c + t * k;
     for (int a = 0; a < k; ++a) best = std::min(best, row[a] + v[a]);
     out[t] = best >= wide_infinity ? wide_infinity : best;
@@ -135,6 +139,10 @@ void sankoff_from_parent(const SankoffColumn& col, const std::int32_t* v, std::i
   const std::int32_t* c = col.cost.data();
   for (int t = 0; t < k; ++t) {
     std::int32_t best = v[t];
+    if (best == 0) {
+      out[t] = 0;
+      continue;
+    }
     for (int a = 0; a < k; ++a) best = std::min(best, c[a * k + t] + v[a]);
     out[t] = best >= wide_infinity ? wide_infinity : best;
   }

@@ -94,6 +94,7 @@ struct Engine {
   std::vector<int> wcols, wcount, path_cols;      // columns whose sets differ without the clip, per node
   std::vector<std::uint64_t> dbits, ubits, need_bits;  // columns changed by the last change of topology
   std::vector<int> wold_left, wold_right;         // children before an insertion
+  std::vector<int> join_list;                     // scratch of wide_join
   // Wide sets after a change of topology, recomputed where they change (equal to wide_compute).
   void wide_update(const std::vector<int>& old_left, const std::vector<int>& old_right);
   std::vector<std::int32_t> wclip;                // per rerooting: normalised costs seen from the clip's new parent

@@ -342,8 +342,17 @@ std::int32_t Engine::wide_join(int j, int target, std::int32_t narrow, std::int3
   const std::uint32_t* fm = wclip_mask.data() + static_cast<std::size_t>(j) * ns;
   const std::int32_t* E = e2p[target];
   const std::uint32_t* em = m2p[target];
+  // Columns whose sets of least cost meet cost nothing: find the others first, in one
+  // pass without branches, then cost them.
+  join_list.resize(ns + 1);
+  int* list = join_list.data();
+  int nl = 0;
   for (std::size_t q = 0; q < ns; ++q) {
-    if (fm[q] & em[q]) continue;
+    list[nl] = static_cast<int>(q);
+    nl += (fm[q] & em[q]) == 0;
+  }
+  for (int i = 0; i < nl; ++i) {
+    const int q = list[i];
     const SankoffColumn& col = cols[q];
     std::int32_t m = wide_infinity;
     for (int st = 0; st < col.k; ++st) m = std::min(m, E[col.offset + st] + F[col.offset + st]);
