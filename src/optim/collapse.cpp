@@ -207,6 +207,80 @@ struct EdgeFacts {
   std::vector<std::uint8_t> zero, change, differ;
 };
 
+// A continuous character in the same terms: the values of best reconstructions can be
+// taken among the ends of the observed ranges, so these values are its states, and a change
+// costs the difference of the values.
+void continuous_facts(const std::vector<std::vector<int>>& kids, const std::vector<int>& pre, int ntax, int c,
+                      EdgeFacts& f) {
+  constexpr long long inf = LLONG_MAX / 8;
+  auto known = [&](int t, long long& lo, long long& hi) {
+    const bool active = t < static_cast<int>(dataset.taxon_active.size()) ? dataset.taxon_active[t] != 0 : true;
+    const std::uint32_t v = dataset.cell(t, c);
+    if (!active || v == dataset::continuous_missing || v == dataset::continuous_inapplicable) return false;
+    lo = v & 0xFFFF;
+    hi = v >> 16;
+    return true;
+  };
+  std::vector<long long> values;
+  for (int t = 0; t < ntax; ++t) {
+    long long lo, hi;
+    if (known(t, lo, hi)) { values.push_back(lo); values.push_back(hi); }
+  }
+  std::sort(values.begin(), values.end());
+  values.erase(std::unique(values.begin(), values.end()), values.end());
+  const int m = static_cast<int>(values.size());
+  if (m < 2) return;
+  const std::size_t end = kids.size();
+  std::vector<long long> D(end * m, 0), O(end * m, 0), R(m);
+  auto d = [&](int n) { return D.data() + static_cast<std::size_t>(n) * m; };
+  auto o = [&](int n) { return O.data() + static_cast<std::size_t>(n) * m; };
+  auto cost = [&](int i, int j) { return std::llabs(values[i] - values[j]); };
+  auto best_to = [&](const long long* x, int i) {
+    long long b = inf;
+    for (int j = 0; j < m; ++j) if (x[j] < inf) b = std::min(b, x[j] + cost(i, j));
+    return b;
+  };
+  for (auto it = pre.rbegin(); it != pre.rend(); ++it) {
+    const int n = *it;
+    if (n < ntax) {
+      long long lo, hi;
+      const bool k = known(n, lo, hi);
+      for (int i = 0; i < m; ++i) d(n)[i] = !k ? 0 : values[i] < lo ? lo - values[i] : values[i] > hi ? values[i] - hi : 0;
+      continue;
+    }
+    for (int i = 0; i < m; ++i) {
+      long long sum = 0;
+      for (int k : kids[n]) sum = std::min(inf, sum + best_to(d(k), i));
+      d(n)[i] = sum;
+    }
+  }
+  long long length = inf;
+  for (int i = 0; i < m; ++i) { length = std::min(length, d(ntax)[i]); o(ntax)[i] = 0; }
+  for (int n : pre) {
+    if (n < ntax) continue;
+    for (int v : kids[n]) {
+      for (int i = 0; i < m; ++i) {
+        long long r = o(n)[i];
+        for (int k : kids[n]) if (k != v) r = std::min(inf, r + best_to(d(k), i));
+        R[i] = r;
+      }
+      for (int j = 0; j < m; ++j) o(v)[j] = best_to(R.data(), j);
+      if (v < ntax) continue;
+      bool zero = false, change = false;
+      for (int i = 0; i < m; ++i)
+        for (int j = 0; j < m; ++j)
+          if (R[i] < inf && d(v)[j] < inf && R[i] + cost(i, j) + d(v)[j] == length) (i == j ? zero : change) = true;
+      if (!zero) f.zero[v] = 0;
+      if (change) f.change[v] = 1;
+      for (int i = 0; i < m && !f.differ[v]; ++i) {
+        const bool at_v = o(v)[i] + d(v)[i] == length;
+        const bool at_n = o(n)[i] + d(n)[i] == length;
+        if (at_v != at_n) f.differ[v] = 1;
+      }
+    }
+  }
+}
+
 void polytomy_facts(const std::int32_t* tree, int ntax, EdgeFacts& f) {
   constexpr long long inf = LLONG_MAX / 8;
   const int end = std::max(tree[ntax], ntax + 1);
@@ -224,7 +298,11 @@ void polytomy_facts(const std::int32_t* tree, int ntax, EdgeFacts& f) {
   std::vector<long long> R(32);
   for (int c = 0; c < dataset.nchar; ++c) {
     const auto& ch = dataset.chars[c];
-    if (!ch.active || ch.is_continuous) continue;
+    if (!ch.active) continue;
+    if (ch.is_continuous) {
+      if (ch.format == dataset::format_continuous) continuous_facts(kids, pre, ntax, c, f);
+      continue;
+    }
     auto cell = [&](int t) -> std::uint32_t {
       const bool active = t < static_cast<int>(dataset.taxon_active.size()) ? dataset.taxon_active[t] != 0 : true;
       std::uint32_t v = dataset.cell(t, c);
@@ -320,7 +398,7 @@ void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, co
   }
   // Trees with polytomies, and any tree when cost tables are packed apart from the words:
   // one character at a time.
-  if (w.polytomy || !packed.wide.sankoff.empty()) {
+  if (w.polytomy || packed.wide.any()) {
     EdgeFacts f;
     polytomy_facts(tree, ntax, f);
     for (int v = ntax + 1; v < end; ++v) {
