@@ -44,7 +44,7 @@ void close_paths(std::vector<int>& t) {
       for (int j = 0; j < 4; ++j) t[i * 4 + j] = std::min(t[i * 4 + j], t[i * 4 + m] + t[m * 4 + j]);
 }
 
-Matrix random_matrix(std::mt19937& rng, int ntax, int nchar) {
+Matrix random_matrix(std::mt19937& rng, int ntax, int nchar, bool wide_only = false) {
   qax::test::install_matrix(ntax, nchar);
   ds::reset_cost_state();
   ds::Dataset& d = ds::dataset;
@@ -52,7 +52,8 @@ Matrix random_matrix(std::mt19937& rng, int ntax, int nchar) {
   m.cost.resize(nchar);
   for (int c = 0; c < nchar; ++c) {
     auto& r = d.chars[c];
-    const int kind = static_cast<int>(rng() % 6);   // 0 plain, 1 additive, 2 symmetric, 3-4 asymmetric, 5 continuous
+    const int kind = wide_only ? 2 + static_cast<int>(rng() % 4)
+                               : static_cast<int>(rng() % 6);   // 0 plain, 1 additive, 2 symmetric, 3-4 asymmetric, 5 continuous
     r.weight = 1 + static_cast<int>(rng() % 3);
     if (kind == 5) {
       r.is_continuous = 1;
@@ -301,6 +302,55 @@ TEST_F(Wide, EveryMoveValueIsTheDifferenceOfFullScores) {
     }
     EXPECT_GT(moves, 0);
   }
+}
+
+TEST_F(Wide, JoinCostOnTheWorkTreeIsTheChangeOfScore) {
+  std::mt19937 rng(31);
+  int checked = 0;
+  for (int round = 0; round < 20; ++round) {
+    const int ntax = 6 + round % 4;
+    random_matrix(rng, ntax, 8, true);
+    optim::pack_data();
+    const auto parent = random_tree(rng, ntax, 2);
+    optim::WorkTree w;
+    ASSERT_TRUE(optim::load_tree(parent, w));
+    optim::tree_score(w, 3);
+    const int nt = w.nterm;
+    for (int clip = 1; clip < w.nnodes; ++clip) {
+      if (clip == nt || w.ancestor[clip] < 0 || w.ancestor[clip] == nt) continue;
+      optim::WorkTree cut = w;
+      const int sister = optim::cut_node(cut, clip);
+      optim::prune_update(cut, sister, clip);
+      // Targets: the branches of the tree without the clip, but the root's and terminal 0's.
+      std::vector<int> targets;
+      std::vector<double> costs;
+      std::vector<int> stack{cut.right_child[nt]};
+      while (!stack.empty()) {
+        const int v = stack.back();
+        stack.pop_back();
+        targets.push_back(v);
+        // Tables of one cost are packed in the words: their part is the narrow join.
+        optim::clip_words = optim::packed.node_sets[clip].down_set;
+        optim::target_words = optim::packed.node_sets[v].branch_set;
+        optim::score_bound = 1e9;
+        optim::join_cost();
+        optim::join_cost_wide(clip, v, 0);
+        costs.push_back(optim::join_value);
+        if (v >= nt) { stack.push_back(cut.left_child[v]); stack.push_back(cut.right_child[v]); }
+      }
+      double base = 0;
+      for (std::size_t i = 0; i < targets.size(); ++i) {
+        optim::WorkTree joined = cut;
+        optim::join_node(joined, clip, targets[i]);
+        const double total = optim::tree_score(joined, 0);
+        if (i == 0) base = total - costs[i];
+        ++checked;
+        EXPECT_NEAR(total - costs[i], base, 1e-6) << "round " << round << " clip " << clip << " target " << targets[i];
+      }
+      optim::tree_score(w, 3);
+    }
+  }
+  EXPECT_GT(checked, 1000);
 }
 
 // Scores of every tree of the taxa (rooted on taxon 0) by the reference.
