@@ -895,6 +895,18 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
   examined += static_cast<std::uint64_t>(std::max(ntg - 1, 1)) * static_cast<std::uint64_t>(nc);
   if (bound < 0) return base;
   const int ntb = (npos + block_size - 1) / block_size;
+  // Wide columns: per block of targets, the union of their states of least cost in each
+  // column; a rerooting whose states meet none of them in a column pays at least one step
+  // of that column on every target of the block.
+  const std::size_t nsc = has_wide ? packed.wide.sankoff.size() : 0;
+  if (nsc) {
+    wblock.assign(static_cast<std::size_t>(ntb) * nsc, 0u);
+    for (int k = 0; k < npos; ++k) {
+      const std::uint32_t* m = m2p[tn[k]];
+      std::uint32_t* b = wblock.data() + static_cast<std::size_t>(k / block_size) * nsc;
+      for (std::size_t q = 0; q < nsc; ++q) b[q] |= m[q];
+    }
+  }
   for (int cb = 0; cb < ncb; ++cb) {
     const int c_end = std::min(nc, (cb + 1) * block_size);
     const std::uint32_t* cu = cunion.data() + cb * WS;
@@ -925,6 +937,7 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
           join_count(cj, tu[tb], narrow_bound(bound), &ok);
           if (!ok) continue;
         }
+        if (nsc && wide_block_bound(j, wblock.data() + static_cast<std::size_t>(tb) * nsc) > bound) continue;
         for (int i = 0; i < nlive; ++i) {
           const int k = live[i];
           if (j == 0 && k == ks) continue;

@@ -95,6 +95,10 @@ struct Engine {
   std::vector<std::uint64_t> dbits, ubits, need_bits;  // columns changed by the last change of topology
   std::vector<int> wold_left, wold_right;         // children before an insertion
   std::vector<int> join_list;                     // scratch of wide_join
+  std::vector<std::uint32_t> wblock;              // per block of targets and column: union of least-cost states
+  // Least cost in units of rerooting j on any target whose least-cost states are within
+  // the block's unions `masks` (the narrow part left out).
+  std::int64_t wide_block_bound(int j, const std::uint32_t* masks) const;
   // Wide sets after a change of topology, recomputed where they change (equal to wide_compute).
   void wide_update(const std::vector<int>& old_left, const std::vector<int>& old_right);
   std::vector<std::int32_t> wclip;                // per rerooting: normalised costs seen from the clip's new parent

@@ -369,6 +369,17 @@ std::int32_t Engine::wide_join(int j, int target, std::int32_t narrow, std::int3
   return static_cast<std::int32_t>(total);
 }
 
+std::int64_t Engine::wide_block_bound(int j, const std::uint32_t* masks) const {
+  const auto& cols = packed.wide.sankoff;
+  const std::size_t ns = cols.size();
+  const std::uint32_t* fm = wclip_mask.data() + static_cast<std::size_t>(j) * ns;
+  std::int64_t least = 0;
+  // Costs are whole numbers: a column whose sets of least cost do not meet costs at least 1.
+  for (std::size_t q = 0; q < ns; ++q)
+    least += (fm[q] & masks[q]) == 0 ? static_cast<std::int64_t>(cols[q].weight) : 0;
+  return wclip_delta[j] + least * unit;
+}
+
 std::int32_t Engine::leaf_join(int t, int b, std::int32_t bound, std::int32_t* ok) {
   if (!has_wide) return join_count(D(t), E(b), bound, ok);
   const std::int32_t nb = bound < 0 ? -1 : bound / unit;
