@@ -5,6 +5,7 @@
 #include "shell/commands.h"
 #include "shell/shell_commands.h"
 #include "dataset/dataset_commands.h"
+#include "dataset/costs.h"
 #include "shell/viewer.h"
 #include "trees/store.h"
 #include "trees/interchange.h"

@@ -94,12 +94,16 @@ const HelpEntry help_entries[] = {
      "constrain =;  enforce the constraints defined with force\n"
      "constrain -;  do not enforce them;  constrain /;  toggle;  constrain;  report"},
     {"costs",
-     "costs list = s>t cost ...;  step matrix (Sankoff costs) for the listed characters\n"
-     "costs [ / ]  check the triangle inequality;  costs;  report"},
+     "costs list = s>t cost s/t cost ...;  costs for the listed characters (/ both ways)\n"
+     "costs * / -  save all costs / those of active characters;  costs [ / ]  format saved\n"
+     "costs < / >  disallow / allow Sankoff (before xread);  costs & / |  exact / approximate\n"
+     "asymmetric costs during TBR;  costs;  report"},
     {"cscores",
      "cscores [ list ];  score of each character on the given trees"},
     {"cstree",
-     "cstree N tree;  character-state tree for character N"},
+     "cstree N = (drawing on the next lines) ;  costs of characters N from a tree of states\n"
+     "cstree N <C ...  the same, costs above C made C;  cstree + / -  state trees as binary\n"
+     "variables or whole characters;  cstree;  list"},
     {"dcomp",
      "dcomp file;  compare the data set in memory with another matrix"},
     {"dmerge",
@@ -131,7 +135,8 @@ const HelpEntry help_entries[] = {
     {"fit",
      "fit [ list ];  fit of characters under implied weights on the given trees"},
     {"fillsank",
-     "fillsank list;  fill missing costs of step matrices"},
+     "fillsank = / - / /;  polymorphic cells of Sankoff characters take the states between\n"
+     "their states (on, off, toggle)"},
     {"force",
      "force + [ taxa ];  force a group (or a taxon's position) in searches\n"
      "force -;  delete forced groups;  force;  report"},
@@ -323,7 +328,7 @@ const HelpEntry help_entries[] = {
      "Command-line only: started by a parent process as a worker."},
     {"smatrix",
      "smatrix =N ( name ) s>t cost ...;  define step matrix N\n"
-     "smatrix +N list;  apply it to characters;  smatrix;  report"},
+     "smatrix +name list;  apply it to characters (by number or name);  smatrix;  report"},
     {"sort",
      "sort = score | nodes | size | mono;  sort the trees in memory"},
     {"sprdiff",
@@ -431,7 +436,9 @@ const HelpEntry help_entries[] = {
     {"unshared",
      "unshared [ list ];  groups not shared among trees"},
     {"usminmax",
-     "usminmax list;  user-defined minimum and maximum steps"},
+     "usminmax min list = M ...;  user minimum steps of Sankoff characters\n"
+     "usminmax max list = S ...;  states 0-S open to ancestors;  usminmax = / - / /  maximum\n"
+     "states applied or not;  usminmax;  report"},
     {"zzz",
      "zzz;  end the program (as quit)"},
     {"bandb",

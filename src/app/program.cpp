@@ -1,5 +1,6 @@
 // Process entry, the one-time set-up and the command cycle.
 #include "app/program.h"
+#include "dataset/costs.h"
 
 #include <sys/sysinfo.h>
 #include <unistd.h>
@@ -101,6 +102,7 @@ void reset_run_state() {
   run_path.clear();
   qax::trees::tree_store_clear();
   qax::dataset::reset_dataset_state();
+  qax::dataset::reset_cost_state();
   reset_viewer_state();
   qax::dataset::clear_nexus_trees();
   qax::support::reset_consensus_settings();

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "dataset/costs.h"
 #include "dataset/dataset.h"
 #include "shell/output.h"
 
@@ -103,6 +104,20 @@ void minmax_check() {
   bool any = false;
   for (const CharacterRecord& r : d.chars) any |= r.dirty != 0;
   if (!any) return;
+  // Cost tables first: the num_states of each dirty character bound the triangles checked.
+  for (int ch = 0; ch < d.nchar; ++ch) {
+    CharacterRecord& r = d.chars[ch];
+    if (!r.dirty || r.is_continuous || !r.sankoff) continue;
+    std::uint32_t seen = 0;
+    for (int t = 0; t < d.ntax; ++t)
+      if ((d.taxon_active.empty() || d.taxon_active[t]) && d.cell(t, ch) != missing) seen |= d.cell(t, ch);
+    r.num_states = seen ? 32 - std::countl_zero(seen) : 0;
+  }
+  repair_triangles();
+  for (int ch = 0; ch < d.nchar; ++ch) {
+    CharacterRecord& r = d.chars[ch];
+    if (r.dirty && r.sankoff && !r.is_continuous && (cost_settings.fill_sankoff || r.tree_binary)) fill_polymorphic_cells(ch);
+  }
   for (int ch = 0; ch < d.nchar; ++ch) {
     CharacterRecord& r = d.chars[ch];
     if (!r.dirty) continue;
@@ -151,7 +166,11 @@ void minmax_check() {
       if (c != missing) seen |= c;
     r.states_seen = seen;
     r.num_states = seen ? 32 - std::countl_zero(seen) : 0;
-    if (r.sankoff) continue;  // cost tables give their own bounds
+    if (r.sankoff) {  // cost tables give their own bounds
+      sankoff_min_max(ch, r.min_steps, r.max_steps);
+      if (user_min_max.min_steps(ch) >= 0) r.min_steps = user_min_max.min_steps(ch);
+      continue;
+    }
     if (!seen) {
       r.min_steps = r.max_steps = 0;
       continue;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "dataset/costs.h"
 #include "dataset/dataset.h"
 #include "dataset/dataset_commands.h"
 #include "dataset/lists_bridge.h"
@@ -29,6 +30,7 @@ struct CcodeSpec {
   int sankoff = -1;
   int weight = -1;
   int steps = -1;
+  int semi_additive = 0;  // ~: costs 1 between neighbouring states, 2 farther
 };
 
 void apply_spec(const CcodeSpec& s, const std::vector<std::int8_t>& flags) {
@@ -49,6 +51,7 @@ void apply_spec(const CcodeSpec& s, const std::vector<std::int8_t>& flags) {
     }
     r.dirty = 1;
   }
+  if (s.semi_additive) make_semi_additive(flags);
 }
 
 void show_ccode() {
@@ -132,14 +135,18 @@ void cmd_ccode() {
         shell::unread_char();
         minmax_check();
         return;
-      case '+': change.additive = 1; change.sankoff = 0; break;
-      case '-': change.additive = 0; change.sankoff = 0; break;
+      case '+': change.additive = 1; change.sankoff = 0; change.semi_additive = 0; break;
+      case '-': change.additive = 0; change.sankoff = 0; change.semi_additive = 0; break;
       case '[': change.active = 1; break;
       case ']': change.active = 0; break;
       case '(':
       case '~':
-        error_exit("Sankoff characters have been disabled (use \"cost >;\" to enable)");
-      case ')': change.sankoff = 0; break;
+        if (cost_settings.sankoff_disabled) error_exit("Sankoff characters have been disabled (use \"cost >;\" to enable)");
+        change.additive = 0;
+        change.sankoff = 1;
+        change.semi_additive = c == '~' ? 1 : 0;
+        break;
+      case ')': change.sankoff = 0; change.semi_additive = 0; break;
       case '/': {
         int w = shell::read_int();
         if (w < 0) w = 1;

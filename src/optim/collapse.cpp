@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "dataset/costs.h"
 #include "dataset/dataset.h"
 #include "optim/field_ops.h"
 #include "optim/packed.h"
@@ -144,15 +145,24 @@ void max_length_flags(const CollapseWork& w, std::vector<std::uint8_t>& changes)
   std::vector<long long> D(static_cast<std::size_t>(nodes) * 32), Out(static_cast<std::size_t>(nodes) * 32);
   for (int c = 0; c < dataset.nchar; ++c) {
     const auto& ch = dataset.chars[c];
-    if (!ch.active || ch.is_continuous || ch.sankoff) continue;
+    if (!ch.active || ch.is_continuous) continue;
     // States from 0 to the highest one observed on the tree's terminals.
     int ns = 1;
     for (int t = 0; t < w.nterm; ++t) {
       const std::uint32_t v = dataset.cell(packed.from_packed[t], c);
       if (v != dataset.missing_value() && v != 0) ns = std::max(ns, 32 - std::countl_zero(v));
     }
-    const bool add = ch.additive;
-    auto cost = [&](int s, int t) -> long long { return add ? std::abs(s - t) : (s != t); };
+    // Cost tables count from the parent's state s to the child's state t.
+    const bool table = ch.sankoff != 0;
+    const bool add = ch.additive && !table;
+    auto cost = [&](int s, int t) -> long long {
+      return table ? qax::dataset::cost_of(c, s, t) : add ? std::abs(s - t) : (s != t);
+    };
+    auto best_from = [&](const long long* x, int t) {
+      long long b = inf;
+      for (int s = 0; s < ns; ++s) if (x[s] < inf) b = std::min(b, x[s] + cost(s, t));
+      return b;
+    };
     auto d = [&](int n) { return D.data() + static_cast<std::size_t>(n) * 32; };
     auto o = [&](int n) { return Out.data() + static_cast<std::size_t>(n) * 32; };
     for (int t = 0; t < w.nterm; ++t) {
@@ -177,7 +187,7 @@ void max_length_flags(const CollapseWork& w, std::vector<std::uint8_t>& changes)
         const int sis = side ? w.left[n] : w.right[n];
         long long R[32];
         for (int s = 0; s < ns; ++s) R[s] = std::min(inf, o(n)[s] + best_to(d(sis), s));
-        for (int t = 0; t < ns; ++t) o(v)[t] = best_to(R, t);
+        for (int t = 0; t < ns; ++t) o(v)[t] = best_from(R, t);
         if (v < w.nterm || changes[v]) continue;
         for (int s = 0; s < ns && !changes[v]; ++s)
           for (int t = 0; t < ns; ++t)
@@ -197,6 +207,80 @@ struct EdgeFacts {
   std::vector<std::uint8_t> zero, change, differ;
 };
 
+// A continuous character in the same terms: the values of best reconstructions can be
+// taken among the ends of the observed ranges, so these values are its states, and a change
+// costs the difference of the values.
+void continuous_facts(const std::vector<std::vector<int>>& kids, const std::vector<int>& pre, int ntax, int c,
+                      EdgeFacts& f) {
+  constexpr long long inf = LLONG_MAX / 8;
+  auto known = [&](int t, long long& lo, long long& hi) {
+    const bool active = t < static_cast<int>(dataset.taxon_active.size()) ? dataset.taxon_active[t] != 0 : true;
+    const std::uint32_t v = dataset.cell(t, c);
+    if (!active || v == dataset::continuous_missing || v == dataset::continuous_inapplicable) return false;
+    lo = v & 0xFFFF;
+    hi = v >> 16;
+    return true;
+  };
+  std::vector<long long> values;
+  for (int t = 0; t < ntax; ++t) {
+    long long lo, hi;
+    if (known(t, lo, hi)) { values.push_back(lo); values.push_back(hi); }
+  }
+  std::sort(values.begin(), values.end());
+  values.erase(std::unique(values.begin(), values.end()), values.end());
+  const int m = static_cast<int>(values.size());
+  if (m < 2) return;
+  const std::size_t end = kids.size();
+  std::vector<long long> D(end * m, 0), O(end * m, 0), R(m);
+  auto d = [&](int n) { return D.data() + static_cast<std::size_t>(n) * m; };
+  auto o = [&](int n) { return O.data() + static_cast<std::size_t>(n) * m; };
+  auto cost = [&](int i, int j) { return std::llabs(values[i] - values[j]); };
+  auto best_to = [&](const long long* x, int i) {
+    long long b = inf;
+    for (int j = 0; j < m; ++j) if (x[j] < inf) b = std::min(b, x[j] + cost(i, j));
+    return b;
+  };
+  for (auto it = pre.rbegin(); it != pre.rend(); ++it) {
+    const int n = *it;
+    if (n < ntax) {
+      long long lo, hi;
+      const bool k = known(n, lo, hi);
+      for (int i = 0; i < m; ++i) d(n)[i] = !k ? 0 : values[i] < lo ? lo - values[i] : values[i] > hi ? values[i] - hi : 0;
+      continue;
+    }
+    for (int i = 0; i < m; ++i) {
+      long long sum = 0;
+      for (int k : kids[n]) sum = std::min(inf, sum + best_to(d(k), i));
+      d(n)[i] = sum;
+    }
+  }
+  long long length = inf;
+  for (int i = 0; i < m; ++i) { length = std::min(length, d(ntax)[i]); o(ntax)[i] = 0; }
+  for (int n : pre) {
+    if (n < ntax) continue;
+    for (int v : kids[n]) {
+      for (int i = 0; i < m; ++i) {
+        long long r = o(n)[i];
+        for (int k : kids[n]) if (k != v) r = std::min(inf, r + best_to(d(k), i));
+        R[i] = r;
+      }
+      for (int j = 0; j < m; ++j) o(v)[j] = best_to(R.data(), j);
+      if (v < ntax) continue;
+      bool zero = false, change = false;
+      for (int i = 0; i < m; ++i)
+        for (int j = 0; j < m; ++j)
+          if (R[i] < inf && d(v)[j] < inf && R[i] + cost(i, j) + d(v)[j] == length) (i == j ? zero : change) = true;
+      if (!zero) f.zero[v] = 0;
+      if (change) f.change[v] = 1;
+      for (int i = 0; i < m && !f.differ[v]; ++i) {
+        const bool at_v = o(v)[i] + d(v)[i] == length;
+        const bool at_n = o(n)[i] + d(n)[i] == length;
+        if (at_v != at_n) f.differ[v] = 1;
+      }
+    }
+  }
+}
+
 void polytomy_facts(const std::int32_t* tree, int ntax, EdgeFacts& f) {
   constexpr long long inf = LLONG_MAX / 8;
   const int end = std::max(tree[ntax], ntax + 1);
@@ -214,7 +298,11 @@ void polytomy_facts(const std::int32_t* tree, int ntax, EdgeFacts& f) {
   std::vector<long long> R(32);
   for (int c = 0; c < dataset.nchar; ++c) {
     const auto& ch = dataset.chars[c];
-    if (!ch.active || ch.is_continuous || ch.sankoff) continue;
+    if (!ch.active) continue;
+    if (ch.is_continuous) {
+      if (ch.format == dataset::format_continuous) continuous_facts(kids, pre, ntax, c, f);
+      continue;
+    }
     auto cell = [&](int t) -> std::uint32_t {
       const bool active = t < static_cast<int>(dataset.taxon_active.size()) ? dataset.taxon_active[t] != 0 : true;
       std::uint32_t v = dataset.cell(t, c);
@@ -225,8 +313,17 @@ void polytomy_facts(const std::int32_t* tree, int ntax, EdgeFacts& f) {
       const std::uint32_t v = cell(t);
       if (v != ~0u) ns = std::max(ns, 32 - std::countl_zero(v));
     }
-    const bool add = ch.additive;
-    auto cost = [&](int s, int t) -> long long { return add ? std::abs(s - t) : (s != t); };
+    // Cost tables count from the parent's state s to the child's state t.
+    const bool table = ch.sankoff != 0;
+    const bool add = ch.additive && !table;
+    auto cost = [&](int s, int t) -> long long {
+      return table ? qax::dataset::cost_of(c, s, t) : add ? std::abs(s - t) : (s != t);
+    };
+    auto best_from = [&](const long long* x, int t) {
+      long long b = inf;
+      for (int s = 0; s < ns; ++s) if (x[s] < inf) b = std::min(b, x[s] + cost(s, t));
+      return b;
+    };
     auto d = [&](int n) { return D.data() + static_cast<std::size_t>(n) * 32; };
     auto o = [&](int n) { return O.data() + static_cast<std::size_t>(n) * 32; };
     auto best_to = [&](const long long* x, int s) {
@@ -257,7 +354,7 @@ void polytomy_facts(const std::int32_t* tree, int ntax, EdgeFacts& f) {
           for (int k : kids[n]) if (k != v) r = std::min(inf, r + best_to(d(k), s));
           R[s] = r;
         }
-        for (int t = 0; t < ns; ++t) o(v)[t] = best_to(R.data(), t);
+        for (int t = 0; t < ns; ++t) o(v)[t] = best_from(R.data(), t);
         if (v < ntax) continue;
         bool zero = false, change = false;
         for (int s = 0; s < ns; ++s)
@@ -299,7 +396,9 @@ void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, co
       if (a == ntax) break;
     }
   }
-  if (w.polytomy) {
+  // Trees with polytomies, and any tree when cost tables are packed apart from the words:
+  // one character at a time.
+  if (w.polytomy || packed.wide.any()) {
     EdgeFacts f;
     polytomy_facts(tree, ntax, f);
     for (int v = ntax + 1; v < end; ++v) {

@@ -80,8 +80,11 @@ double tree_score(WorkTree& tree, int mode);
 
 void join_cost() noexcept;
 void join_cost_between(const std::uint32_t* clip, const std::uint32_t* first, const std::uint32_t* second) noexcept;
-// Wide part of a join (Sankoff and continuous columns); class 4 columns are counted by
-// join_cost itself, and nothing else is packed yet, so this adds 0.
+// Wide part of a join (Sankoff and continuous columns; class 4 columns are counted by
+// join_cost itself): mode 0, the clip's first-pass sets on the branch above target_node of
+// the tree last scored or updated (exact after prune_update); modes 1 and 2 (cluster
+// unions) add 0. Returns the steps (thousandths of continuous columns as fractions) and
+// adds them to join_value.
 double join_cost_wide(int clip_node, int target_node, int mode) noexcept;
 
 // Topology: cut_node removes the clip with its parent p (p keeps the clip as single child)

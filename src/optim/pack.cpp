@@ -3,6 +3,7 @@
 #include <bit>
 #include <cstring>
 
+#include "dataset/costs.h"
 #include "dataset/dataset.h"
 #include "optim/kernels.h"
 #include "optim/packed.h"
@@ -80,12 +81,45 @@ void pack_data(bool reduced, bool keep_search_state) {
   const std::uint32_t missing = d.missing_value();
   p.char_constant.assign(d.nchar, 0);
   p.char_packed.assign(d.nchar, 0);
+  p.char_multiplier.assign(d.nchar, 1);
+  p.char_wide.assign(d.nchar, 0);
   std::vector<std::uint32_t> cells(p.nterm);
   std::vector<Column> by_class[class_count];
   for (int c = 0; c < d.nchar; ++c) {
     const auto& rec = d.chars[c];
     if (!rec.active || rec.weight == 0 || rec.is_continuous) continue;
-    const bool additive = rec.additive != 0;
+    int weight = rec.weight;
+    if (rec.sankoff) {
+      // A table whose costs between the scored states are all equal is a nonadditive
+      // character of that many steps per change; any other is a wide column.
+      std::uint32_t scored = 0;
+      for (int k = 0; k < p.nterm; ++k) {
+        const std::uint32_t v = d.cell(p.from_packed[k], c);
+        if (v != missing) scored |= v;
+      }
+      const int user_max = qax::dataset::user_min_max.max_state(c);
+      if (user_max >= 0) scored |= (user_max >= 31 ? ~0u : (2u << user_max) - 1);
+      if (std::popcount(scored) <= 1) continue;
+      int common = -1;
+      bool equal = true;
+      for (std::uint32_t a = scored; a && equal; a &= a - 1)
+        for (std::uint32_t b = scored; b; b &= b - 1) {
+          const int i = std::countr_zero(a), j = std::countr_zero(b);
+          if (i == j) continue;
+          const int z = qax::dataset::cost_of(c, i, j);
+          if (common < 0) common = z;
+          if (z != common) { equal = false; break; }
+        }
+      if (!equal || user_max >= 0) {
+        p.char_wide[c] = 1;
+        p.char_packed[c] = 1;
+        continue;
+      }
+      if (common == 0) continue;
+      p.char_multiplier[c] = common;
+      weight *= common;
+    }
+    const bool additive = rec.additive != 0 && !rec.sankoff;
     int count[32] = {};
     std::uint32_t seen = 0;
     for (int k = 0; k < p.nterm; ++k) {
@@ -106,7 +140,7 @@ void pack_data(bool reduced, bool keep_search_state) {
     std::uint32_t kept = seen & ~stripped;
     if (std::popcount(kept) <= 1) {
       p.char_constant[c] = comb_length(cells, additive);
-      p.constant_steps += rec.weight * p.char_constant[c];
+      p.constant_steps += weight * p.char_constant[c];
       continue;
     }
     // Stripping: nonadditive cells made only of stripped states become missing and cost one
@@ -125,12 +159,12 @@ void pack_data(bool reduced, bool keep_search_state) {
       }
     }
     p.char_constant[c] = strip_steps;
-    p.constant_steps += rec.weight * strip_steps;
+    p.constant_steps += weight * strip_steps;
     p.char_packed[c] = 1;
 
     PackPlan row;
     row.character = c;
-    row.weight = rec.weight;
+    row.weight = weight;
     row.kept = kept;
     row.stripped = stripped;
     std::fill(std::begin(row.dense), std::end(row.dense), std::int8_t(-1));
@@ -301,6 +335,7 @@ void pack_data(bool reduced, bool keep_search_state) {
       }
     }
   }
+  pack_wide_columns(p.wide, p.from_packed, p.char_wide);
   p.layout = Layout{p.nwords, p.w[0], p.w[0] + p.w[1], narrow, used,
                     p.word_weight.data(), p.field_weight.data(), p.record_base.data()};
   p.valid = 1;

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "optim/wide.h"
+
 namespace qax::optim {
 
 // Layout, worked example. Four active taxa, three characters, equal weights:
@@ -121,6 +123,9 @@ struct Packed {
   std::vector<std::int32_t> record_base; // first record of each word
   std::vector<std::int32_t> char_constant; // per dataset character: unweighted constant steps
   std::vector<std::uint8_t> char_packed;   // per dataset character: 1 packed, 0 constant or skipped
+  std::vector<std::int32_t> char_multiplier; // per dataset character: cost of a step (Sankoff tables of one cost)
+  std::vector<std::uint8_t> char_wide;     // per dataset character: 1 packed as a wide column
+  WideColumns wide;                        // Sankoff and continuous columns
   std::vector<std::uint32_t> storage;    // all node words: four arrays of nnodes*nwords
   std::vector<NodeSets> node_sets;       // master table of node sets
   Layout layout;                         // boundaries for the kernels

@@ -118,6 +118,9 @@ void make_preorder(WorkTree& t) {
 
 }  // namespace
 
+// Wide sets of the last tree scored (tree_score, prune_update, regraft_update).
+WideState work_wide;
+
 double tree_score(WorkTree& t, int mode) {
   const Packed& p = packed;
   if (t.nterm < 2) return mode == 4 ? 0.0 : static_cast<double>(p.constant_steps);
@@ -128,6 +131,11 @@ double tree_score(WorkTree& t, int mode) {
     score = static_cast<double>(p.constant_steps) +
             kernels.down_pass(p.layout, p.node_sets.data(), t.preorder.data(), count, t.left_child.data(),
                               t.right_child.data());
+  if (p.wide.any()) {
+    work_wide.init();
+    work_wide.compute(t.left_child.data(), t.right_child.data(), t.preorder.data(), count, mode >= 2);
+    if (mode != 4) score += work_wide.score();
+  }
   if (mode >= 2)
     kernels.up_pass(p.layout, p.node_sets.data(), t.preorder.data(), count, t.ancestor.data(), t.nterm, mode >= 3);
   return score;
@@ -145,7 +153,29 @@ void join_cost_between(const std::uint32_t* clip, const std::uint32_t* first, co
   join_value = v;
 }
 
-double join_cost_wide(int, int, int) noexcept { return 0.0; }
+double join_cost_wide(int clip_node, int target_node, int mode) noexcept {
+  const WideColumns& w = packed.wide;
+  // Cluster unions (modes 1 and 2) have no wide sets: 0 keeps the join a lower bound.
+  if (!w.any() || mode != 0 || work_wide.nn == 0) return 0.0;
+  const std::int32_t* dc = work_wide.D(clip_node);
+  const std::int32_t* et = work_wide.E(target_node);
+  std::int32_t seen[32];
+  double steps = 0;
+  for (const SankoffColumn& col : w.sankoff) {
+    sankoff_from_child(col, dc + col.offset, seen);
+    std::int32_t m = wide_infinity;
+    for (int s = 0; s < col.k; ++s) m = std::min(m, et[col.offset + s] + seen[s]);
+    steps += static_cast<double>(m) * col.weight;
+  }
+  for (int j = 0; j < work_wide.C; ++j) {
+    const std::int32_t* a = work_wide.CD(clip_node) + 2 * j;
+    const std::int32_t* b = work_wide.CE(target_node) + 2 * j;
+    const std::int32_t g = a[0] > b[1] ? a[0] - b[1] : b[0] > a[1] ? b[0] - a[1] : 0;
+    steps += static_cast<double>(g) * w.cont[j].weight / 1000.0;
+  }
+  join_value += steps;
+  return steps;
+}
 
 void slack_for_bound(int level, bool at_capacity, double score) noexcept {
   (void)at_capacity;
@@ -273,14 +303,29 @@ template <class F> void for_each_word(F&& f) {
 
 }  // namespace
 
+namespace {
+
+// Wide sets of the part of the tree reached from the root, made again whole (a detached
+// clip keeps its own first-pass sets).
+void refresh_wide(WorkTree& t) noexcept {
+  if (!packed.wide.any() || t.nterm < 2) return;
+  make_preorder(t);
+  work_wide.compute(t.left_child.data(), t.right_child.data(), t.preorder.data(),
+                    static_cast<int>(t.preorder.size()), true);
+}
+
+}  // namespace
+
 void prune_update(WorkTree& t, int sister, int clip) noexcept {
   // The clip, detached, is rooted at its own top: its parent keeps it as single child.
   for_each_word([&]<int C>(int w) { repair_word<C>(t, w, sister, false, clip); });
+  refresh_wide(t);
 }
 
 void regraft_update(WorkTree& t, int sister, int clip) noexcept {
   (void)sister;
   for_each_word([&]<int C>(int w) { repair_word<C>(t, w, clip, true, -1); });
+  refresh_wide(t);
 }
 
 void clip_reroot_sets(WorkTree& t, int clip) noexcept {

@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstdlib>
 
+#include "dataset/costs.h"
 #include "dataset/dataset.h"
 #include "shell/failure.h"
 #include "trees/store.h"
@@ -52,12 +53,33 @@ bool taxon_on(int x) {
 std::uint32_t terminal_states(int x, int c) {
   std::uint32_t v = dataset.cell(x, c);
   if (v == dataset.missing_value() || v == 0 || !taxon_on(x)) return 0;
-  if (dataset.chars[c].additive) v = (~0u >> std::countl_zero(v)) & (~0u << std::countr_zero(v));
+  if (dataset.chars[c].additive && !dataset.chars[c].sankoff) v = (~0u >> std::countl_zero(v)) & (~0u << std::countr_zero(v));
   return v;
 }
 
-inline std::int64_t distance(bool additive, int s, int t) {
-  return additive ? std::abs(s - t) : (s != t);
+// Cost of a change from state s (the parent) to state t (the child): the cost table of a
+// Sankoff character, the distance between states of an additive one, else 0 or 1.
+struct Metric {
+  int character = 0;
+  bool additive = false;
+  bool table = false;
+};
+inline Metric metric_of(int c) {
+  const auto& r = dataset.chars[c];
+  return Metric{c, r.additive != 0 && !r.sankoff, r.sankoff != 0};
+}
+inline std::int64_t distance(const Metric& m, int s, int t) {
+  if (m.table) return qax::dataset::cost_of(m.character, s, t);
+  return m.additive ? std::abs(s - t) : (s != t);
+}
+inline Metric metric_of(const CharCosts& c) { return Metric{c.character, c.additive, c.table}; }
+
+// States the root may take: with ancstates, those of the outgroup (when it has any).
+std::uint32_t root_states(int c, std::uint32_t states) {
+  if (!dataset.chars[c].ancestral || !dataset.chars[c].sankoff) return states;
+  const std::uint32_t v = dataset.cell(dataset.outgroup, c);
+  if (v == dataset.missing_value() || !(v & states)) return states;
+  return v & states;
 }
 
 inline std::int64_t cap(std::int64_t v) { return v > cost_none ? cost_none : v; }
@@ -65,16 +87,31 @@ inline std::int64_t cap(std::int64_t v) { return v > cost_none ? cost_none : v; 
 using Vec = std::vector<std::int64_t>;
 
 // Cost of a child branch with the parent in state s: min over t of child(t) + d(s, t).
-Vec branch_costs(const Vec& child, std::uint32_t states, bool additive) {
+Vec branch_costs(const Vec& child, std::uint32_t states, const Metric& m) {
   Vec out(32, cost_none);
   for (std::uint32_t a = states; a; a &= a - 1) {
     const int s = std::countr_zero(a);
     std::int64_t best = cost_none;
     for (std::uint32_t b = states; b; b &= b - 1) {
       const int t = std::countr_zero(b);
-      if (child[t] < cost_none) best = std::min(best, child[t] + distance(additive, s, t));
+      if (child[t] < cost_none) best = std::min(best, child[t] + distance(m, s, t));
     }
     out[s] = best;
+  }
+  return out;
+}
+
+// The same seen from below: the child in state t, the parent's side costing parent(s).
+Vec branch_costs_up(const Vec& parent, std::uint32_t states, const Metric& m) {
+  Vec out(32, cost_none);
+  for (std::uint32_t a = states; a; a &= a - 1) {
+    const int t = std::countr_zero(a);
+    std::int64_t best = cost_none;
+    for (std::uint32_t b = states; b; b &= b - 1) {
+      const int s = std::countr_zero(b);
+      if (parent[s] < cost_none) best = std::min(best, parent[s] + distance(m, s, t));
+    }
+    out[t] = best;
   }
   return out;
 }
@@ -169,14 +206,21 @@ Vec soft_nonadditive(const std::vector<const Vec*>& kids, std::uint32_t states) 
 std::uint32_t usable_states(int c) {
   std::uint32_t seen = 0;
   for (int x = 0; x < dataset.ntax; ++x) seen |= terminal_states(x, c);
-  if (!seen || !dataset.chars[c].additive) return seen;
+  if (dataset.chars[c].sankoff && seen) {
+    const int user_max = qax::dataset::user_min_max.max_state(c);
+    if (user_max >= 0) seen |= (user_max >= 31 ? ~0u : (2u << user_max) - 1);
+  }
+  if (!seen || !dataset.chars[c].additive || dataset.chars[c].sankoff) return seen;
   const int lo = std::countr_zero(seen), hi = 31 - std::countl_zero(seen);
   return (~0u >> (31 - hi)) & (~0u << lo);
 }
 
 void char_costs(const CharTree& t, int c, bool soft, CharCosts& out) {
   out.character = c;
-  out.additive = dataset.chars[c].additive != 0;
+  out.additive = dataset.chars[c].additive != 0 && !dataset.chars[c].sankoff;
+  out.table = dataset.chars[c].sankoff != 0;
+  const Metric metric = metric_of(c);
+  if (out.table) soft = false;   // cost tables: polytomies are resolved only as they are
   out.states = usable_states(c);
   out.down.assign(t.kids.size(), Vec(32, cost_none));
   out.best = 0;
@@ -199,11 +243,13 @@ void char_costs(const CharTree& t, int c, bool soft, CharCosts& out) {
     }
     for (std::uint32_t a = states; a; a &= a - 1) d[std::countr_zero(a)] = 0;
     for (int k : t.kids[n]) {
-      const Vec b = branch_costs(out.down[k], states, out.additive);
+      const Vec b = branch_costs(out.down[k], states, metric);
       for (int s = 0; s < 32; ++s) d[s] = cap(d[s] + b[s]);
     }
   }
-  out.best = *std::min_element(out.down[t.ntax].begin(), out.down[t.ntax].end());
+  const std::uint32_t at_root = root_states(c, states);
+  out.best = cost_none;
+  for (std::uint32_t a = at_root; a; a &= a - 1) out.best = std::min(out.best, out.down[t.ntax][std::countr_zero(a)]);
 }
 
 void soft_character_steps(const std::vector<int>& parent, std::vector<int>& steps) {
@@ -230,7 +276,8 @@ void outside_pass(const CharTree& t, const CharCosts& costs, std::vector<std::ui
   if (lengths) lengths->assign(t.kids.size(), 0);
   if (!states) return;
   std::vector<Vec> outside(t.kids.size(), Vec(32, cost_none));
-  for (std::uint32_t a = states; a; a &= a - 1) outside[t.ntax][std::countr_zero(a)] = 0;
+  const Metric metric = metric_of(costs);
+  for (std::uint32_t a = root_states(costs.character, states); a; a &= a - 1) outside[t.ntax][std::countr_zero(a)] = 0;
   for (int n : t.preorder) {
     for (int s = 0; s < 32; ++s)
       if (outside[n][s] < cost_none && costs.down[n][s] < cost_none && outside[n][s] + costs.down[n][s] == costs.best)
@@ -238,7 +285,7 @@ void outside_pass(const CharTree& t, const CharCosts& costs, std::vector<std::ui
     if (n < t.ntax) continue;
     const auto& kids = t.kids[n];
     std::vector<Vec> branch;
-    for (int k : kids) branch.push_back(branch_costs(costs.down[k], states, costs.additive));
+    for (int k : kids) branch.push_back(branch_costs(costs.down[k], states, metric));
     // Everything but child i: the outside of n plus the branches before and after i.
     const std::size_t k = kids.size();
     std::vector<Vec> after(k + 1, Vec(32, 0));
@@ -248,7 +295,7 @@ void outside_pass(const CharTree& t, const CharCosts& costs, std::vector<std::ui
     for (std::size_t i = 0; i < k; ++i) {
       Vec excl(32);
       for (int s = 0; s < 32; ++s) excl[s] = cap(before[s] + after[i + 1][s]);
-      outside[kids[i]] = branch_costs(excl, states, costs.additive);
+      outside[kids[i]] = branch_costs_up(excl, states, metric);
       for (int s = 0; s < 32; ++s) before[s] = cap(before[s] + branch[i][s]);
       if (!lengths) continue;
       std::int64_t least = cost_none;
@@ -257,7 +304,7 @@ void outside_pass(const CharTree& t, const CharCosts& costs, std::vector<std::ui
         for (std::uint32_t b = states; b; b &= b - 1) {
           const int x = std::countr_zero(a), y = std::countr_zero(b);
           if (excl[x] >= cost_none || below[y] >= cost_none) continue;
-          const std::int64_t d = distance(costs.additive, x, y);
+          const std::int64_t d = distance(metric, x, y);
           if (excl[x] + d + below[y] == costs.best) least = std::min(least, d);
         }
       (*lengths)[kids[i]] = least >= cost_none ? 0 : least;
@@ -290,7 +337,7 @@ inline bool better(const Pair& a, const Pair& b, bool most) {
 }
 
 int extreme_changes(const CharTree& t, int c, std::uint32_t from, std::uint32_t to, bool most) {
-  const bool additive = dataset.chars[c].additive != 0;
+  const Metric metric = metric_of(c);
   const std::uint32_t states = usable_states(c);
   if (!states) return 0;
   std::vector<std::vector<Pair>> down(t.kids.size(), std::vector<Pair>(32));
@@ -313,7 +360,7 @@ int extreme_changes(const CharTree& t, int c, std::uint32_t from, std::uint32_t 
           const Pair& ch = down[k][u];
           if (ch.cost >= cost_none) continue;
           const bool counted = s != u && ((from >> s) & 1) && ((to >> u) & 1);
-          Pair p{ch.cost + distance(additive, s, u), ch.count + counted};
+          Pair p{ch.cost + distance(metric, s, u), ch.count + counted};
           if (better(p, best, most)) best = p;
         }
         d[s].cost = cap(d[s].cost + best.cost);
@@ -322,7 +369,9 @@ int extreme_changes(const CharTree& t, int c, std::uint32_t from, std::uint32_t 
     }
   }
   Pair best;
-  for (const Pair& p : down[t.ntax]) if (p.cost < cost_none && better(p, best, most)) best = p;
+  const std::uint32_t at_root = root_states(c, states);
+  for (int s = 0; s < 32; ++s)
+    if ((at_root >> s & 1) && down[t.ntax][s].cost < cost_none && better(down[t.ntax][s], best, most)) best = down[t.ntax][s];
   return static_cast<int>(best.count);
 }
 

@@ -37,6 +37,7 @@ std::uint32_t usable_states(int c);
 struct CharCosts {
   int character = 0;                          // data set character
   bool additive = false;                      // ordered states
+  bool table = false;                         // Sankoff: changes cost what the cost table says
   std::uint32_t states = 0;                   // usable_states
   std::vector<std::vector<std::int64_t>> down;// [node][state], 32 states
   std::int64_t best = 0;                      // minimum steps (0 when no usable states)

@@ -15,6 +15,7 @@
 #include "optim/kernels.h"
 #include "optim/recons.h"
 #include "optim/reports.h"
+#include "optim/wide.h"
 #include "shell/failure.h"
 #include "shell/input.h"
 #include "shell/output.h"
@@ -58,7 +59,40 @@ void node_costs(const std::vector<std::vector<int>>& kids, int node, int c, bool
 
 }  // namespace
 
+namespace {
+
+// Characters of cost tables with one cost count that cost per step; wide characters (other
+// Sankoff tables, continuous characters) are scored exactly one by one on the tree.
+void wide_and_multiplied_steps(const std::vector<int>& parent, std::vector<int>& steps) {
+  const Packed& p = packed;
+  bool any_wide = false;
+  for (int c = 0; c < dataset.nchar; ++c) {
+    if (steps[c] > 0 && c < static_cast<int>(p.char_multiplier.size())) steps[c] *= p.char_multiplier[c];
+    if ((c < static_cast<int>(p.wide.sankoff_of.size()) && p.wide.sankoff_of[c] >= 0) ||
+        (c < static_cast<int>(p.wide.cont_of.size()) && p.wide.cont_of[c] >= 0))
+      any_wide = true;
+  }
+  if (!any_wide) return;
+  const CharTree t = char_tree_from_parent(parent);
+  for (int c = 0; c < dataset.nchar; ++c) {
+    const std::int64_t v = wide_character_steps(t, c);
+    if (v >= 0) steps[c] = static_cast<int>(std::min<std::int64_t>(v, INT_MAX));
+  }
+}
+
+void plain_character_steps(const std::vector<int>& parent, std::vector<int>& steps);
+
+}  // namespace
+
 void character_steps(const std::vector<int>& parent, std::vector<int>& steps) {
+  ensure_packed();
+  plain_character_steps(parent, steps);
+  wide_and_multiplied_steps(parent, steps);
+}
+
+namespace {
+
+void plain_character_steps(const std::vector<int>& parent, std::vector<int>& steps) {
   ensure_packed();  // the per-column constants below belong to the packed matrix
   const int ntax = dataset.ntax;
   const int* row = parent.data();
@@ -104,6 +138,8 @@ void character_steps(const std::vector<int>& parent, std::vector<int>& steps) {
   }
 }
 
+}  // namespace
+
 // Trees of "N/L": all trees when no list is given. Fails without data (and, when
 // need_trees, without trees).
 std::vector<int> read_trees_argument(bool need_trees) {
@@ -128,15 +164,32 @@ void tree_char_steps(int k, std::vector<int>& steps, bool soft = false) {
   std::vector<int> parent(tree_store.row_size);
   const std::int32_t* row = qax::trees::tree_row(k);
   for (int i = 0; i < tree_store.row_size; ++i) parent[i] = row[i];
-  if (soft && !char_tree_from_parent(parent).binary) soft_character_steps(parent, steps);
-  else character_steps(parent, steps);
+  if (soft && !char_tree_from_parent(parent).binary) {
+    soft_character_steps(parent, steps);
+    wide_and_multiplied_steps(parent, steps);
+  } else {
+    character_steps(parent, steps);
+  }
 }
 
-long long weighted_total(const std::vector<int>& steps) {
-  long long total = 0;
-  for (int c = 0; c < dataset.nchar; ++c)
-    if (steps[c] >= 0) total += static_cast<long long>(steps[c]) * dataset.chars[c].weight;
-  return total;
+bool is_continuous_column(int c) {
+  return c < static_cast<int>(packed.wide.cont_of.size()) && packed.wide.cont_of[c] >= 0;
+}
+
+// Weighted total; continuous characters count in thousandths, so the total is a real.
+double weighted_total(const std::vector<int>& steps, bool* fractional = nullptr) {
+  long long whole = 0, thousandths = 0;
+  for (int c = 0; c < dataset.nchar; ++c) {
+    if (steps[c] < 0) continue;
+    const long long v = static_cast<long long>(steps[c]) * dataset.chars[c].weight;
+    if (is_continuous_column(c)) {
+      thousandths += v;
+      if (fractional) *fractional = true;
+    } else {
+      whole += v;
+    }
+  }
+  return static_cast<double>(whole) + static_cast<double>(thousandths) / 1000.0;
 }
 
 // Values by item in rows of ten, with the item number of each row first.
@@ -233,9 +286,10 @@ void total_report(int force) {
       std::snprintf(text, sizeof text, "%.5f", f);
       if (!concave && !soft && !some_chars) tree_store.scores[k] = f;
     } else {
-      const long long total = weighted_total(steps);
-      std::snprintf(text, sizeof text, "%lli", total);
-      if (!soft && !some_chars) tree_store.scores[k] = static_cast<double>(total);
+      bool fractional = false;
+      const double total = weighted_total(steps, &fractional);
+      std::snprintf(text, sizeof text, fractional ? "%.3f" : "%.0f", total);
+      if (!soft && !some_chars) tree_store.scores[k] = total;
     }
     values.push_back(text);
   }
@@ -258,17 +312,27 @@ void character_report(bool homoplasy) {
   for (int k : trees) {
     tree_char_steps(k, steps, soft);
     std::vector<std::string> values;
-    long long total = 0;
+    double total = 0;
+    bool fractional = false;
     for (int c : chars) {
       const auto& r = dataset.chars[c];
       if (steps[c] < 0) { values.push_back("--"); continue; }
       const int v = homoplasy ? steps[c] - r.min_steps + r.internal_steps : steps[c];
-      total += static_cast<long long>(v) * r.weight;
+      if (is_continuous_column(c)) {
+        // Thousandths: min_steps of a continuous character is in thousandths too.
+        char cell[32];
+        std::snprintf(cell, sizeof cell, "%.3f", v / 1000.0);
+        values.push_back(cell);
+        total += static_cast<double>(v) * r.weight / 1000.0;
+        fractional = true;
+        continue;
+      }
+      total += static_cast<double>(v) * r.weight;
       values.push_back(std::to_string(v));
     }
     char title[96];
-    if (homoplasy) std::snprintf(title, sizeof title, "Tree %i, homoplasy (total %.0f)", k, static_cast<double>(total));
-    else std::snprintf(title, sizeof title, "Tree %i, total length %lli", k, total);
+    if (homoplasy) std::snprintf(title, sizeof title, fractional ? "Tree %i, homoplasy (total %.3f)" : "Tree %i, homoplasy (total %.0f)", k, total);
+    else std::snprintf(title, sizeof title, fractional ? "Tree %i, total length %.3f" : "Tree %i, total length %.0f", k, total);
     out_line({title});
     print_table(chars, values);
   }

@@ -105,7 +105,7 @@ struct Placement {
   // find (a best of 0 under a lowered bound).
   bool offer(Engine& e, int t, int b, std::int32_t& bound, bool lower) {
     std::int32_t ok;
-    const std::int32_t c = join_count(e.D(t), e.E(b), bound, &ok);
+    const std::int32_t c = e.leaf_join(t, b, bound, &ok);
     if (!ok || (constraint_allows && !constraint_allows(t, -1, b))) return true;
     if (c > worst) worst = c;
     if (c >= best) return true;
@@ -200,7 +200,7 @@ Placement place_by_regions(Engine& e, Regions& rg, int t, bool backward) {
   const int nr = static_cast<int>(rg.members.size());
   for (int k = 0; k < nr && bound >= 0; ++k) {
     const int r = backward ? nr - 1 - k : k;
-    join_count(e.D(t), rg.U(e, r), bound, &ok);
+    join_count(e.D(t), rg.U(e, r), bound < 0 ? -1 : bound / e.unit, &ok);
     if (!ok) continue;
     for (int b : rg.members[r])
       if (!pl.offer(e, t, b, bound, true)) break;

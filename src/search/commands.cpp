@@ -11,6 +11,7 @@
 #include <unordered_set>
 
 #include "optim/collapse.h"
+#include "dataset/dataset.h"
 #include "optim/kernels.h"
 #include "optim/packed.h"
 #include "search/constraints.h"
@@ -170,6 +171,13 @@ bool bbreak_option(const char* w, bool set_only) {
     if (!set_only) error_exit("Intersections can be changed only with the \":\" option");
     s.inters = w[0] == 'n' ? 0 : std::max(1, option_number(1));
     if (s.inters > 2) error_exit("Intersections can be 1 or 2");
+    if (s.inters && dataset::dataset.loaded) {
+      for (const auto& r : dataset::dataset.chars)
+        if (r.active && (r.sankoff || r.is_continuous)) {
+          s.inters = 0;
+          error_exit("Sorry, \"bbreak:inters\" is invalid for Sankoff/continuous characters");
+        }
+    }
   } else if (is_prefix(w, "xbits") == 0 || is_prefix(w, "noxbits") == 0) {
     if (!set_only) error_exit("Xbits can be changed only with the \":\" option");
     optim::packed.xbit = w[0] == 'n' ? 0 : 1;
@@ -424,6 +432,8 @@ void search_prepare() {
   optim::pack_data();
   engine_refresh();
   if (optim::packed.nterm < 3) error_exit("Need at least 3 active taxa to search");
+  if (search_settings.inters && optim::packed.wide.any())
+    error_exit("Cannot use intersections/unions with sankoff/continuous characters");
   rearrangements_examined = Rearrangements{};
   replacements_done = 0;
 }

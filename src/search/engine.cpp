@@ -251,6 +251,14 @@ void Engine::init() {
   targets_ready = false;
   for (int t = 0; t < nt; ++t) std::memcpy(D(t), packed.node_sets[t].down_set, sizeof(std::uint32_t) * W);
   if (packed.weight_mode == optim::weights_equal) order_fields();
+  has_wide = packed.wide.any();
+  unit = has_wide ? packed.wide.unit : 1;
+  wide_score = 0;
+  wclip_min_delta = 0;
+  if (has_wide) {
+    wide.init();
+    wide2.init();
+  }
 }
 
 // With equal weights a join counts the same whatever the order of the fields within a class,
@@ -359,6 +367,10 @@ double Engine::compute_all() {
   fitch_sets(L, D(l0), U(l0), E(l0));
   targets_ready = false;
   score = static_cast<double>(packed.constant_steps + steps);
+  if (has_wide) {
+    wide_compute();
+    score += wide_score;
+  }
   return score;
 }
 
@@ -525,6 +537,11 @@ double Engine::update_after_move() {
   }
   targets_ready = false;
   score += static_cast<double>(delta);
+  if (has_wide) {
+    score -= wide_score;
+    wide_update(oleft, oright);
+    score += wide_score;
+  }
   return score;
 }
 
@@ -681,6 +698,10 @@ const std::uint32_t* Engine::lazy_target(int k) {
 
 void Engine::insert_leaf(int t, int branch, int q) {
   const optim::Layout& L = packed.layout;
+  if (has_wide) {
+    wold_left = left;
+    wold_right = right;
+  }
   const int a0 = anc[branch];
   if (left[a0] == branch) left[a0] = q; else right[a0] = q;
   anc[q] = a0;
@@ -725,6 +746,7 @@ void Engine::insert_leaf(int t, int branch, int q) {
   fitch_sets(L, D(t), U(t), E(t));
   if (edge_log) edge_log->push_back(t);
   if (fitch_cmp(L, U(q), D(t), U(branch), U(branch))) follow(branch);
+  if (has_wide) wide_update(wold_left, wold_right);
 }
 
 std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t save_slack, Move& best,
@@ -797,9 +819,23 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
   }
   std::int32_t ok;
   if (!whole && !tptr[ks]) lazy_target(ks);
-  const std::int32_t base = join_count(D(n), tp[ks], INT_MAX, &ok);
+  std::int32_t base = join_count(D(n), tp[ks], INT_MAX, &ok);
+  // The cost of rerooting j of the clip on target branch `node` (sets cj and tk).
+  auto move_cost = [&](int j, const std::uint32_t* cj, const std::uint32_t* tk, int node, std::int32_t bnd,
+                       std::int32_t* okp) -> std::int32_t {
+    if (!has_wide) return join_count(cj, tk, bnd, okp);
+    const std::int64_t b = static_cast<std::int64_t>(bnd) - wclip_delta[j];
+    const std::int32_t nb = b < 0 ? -1 : static_cast<std::int32_t>(std::min<std::int64_t>(b / unit, INT_MAX));
+    const std::int32_t narrow = join_count(cj, tk, nb, okp);
+    if (!*okp) return 0;
+    return wide_join(j, node, narrow, bnd, okp);
+  };
+  if (has_wide) {
+    wide_prepare_clip(n, p, s, g, whole, nc);
+    base = wide_join(0, tn[ks], base, INT_MAX, &ok);
+  }
   std::int32_t best_cost = base;
-  const std::int32_t save_bound = saving ? base + save_slack : INT_MIN;
+  const std::int32_t save_bound = saving ? base + save_slack * unit : INT_MIN;
   std::int32_t bound = std::max(best_cost - 1, save_bound);
   if (limit > 0 && tbr && !whole) {
     if (bound < 0) return base;
@@ -839,7 +875,7 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
         if (constraint_allows && !constraint_allows(n, j == 0 ? -1 : cnode[j], t)) continue;
         ++examined;
         const int kt = pos[t];
-        const std::int32_t c = join_count(cj, tptr[kt] ? tptr[kt] : lazy_target(kt), bound, &ok);
+        const std::int32_t c = move_cost(j, cj, tptr[kt] ? tptr[kt] : lazy_target(kt), t, bound, &ok);
         if (!ok) continue;
         if (c < best_cost) {
           best_cost = c;
@@ -859,6 +895,18 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
   examined += static_cast<std::uint64_t>(std::max(ntg - 1, 1)) * static_cast<std::uint64_t>(nc);
   if (bound < 0) return base;
   const int ntb = (npos + block_size - 1) / block_size;
+  // Wide columns: per block of targets, the union of their states of least cost in each
+  // column; a rerooting whose states meet none of them in a column pays at least one step
+  // of that column on every target of the block.
+  const std::size_t nsc = has_wide ? packed.wide.sankoff.size() : 0;
+  if (nsc) {
+    wblock.assign(static_cast<std::size_t>(ntb) * nsc, 0u);
+    for (int k = 0; k < npos; ++k) {
+      const std::uint32_t* m = m2p[tn[k]];
+      std::uint32_t* b = wblock.data() + static_cast<std::size_t>(k / block_size) * nsc;
+      for (std::size_t q = 0; q < nsc; ++q) b[q] |= m[q];
+    }
+  }
   for (int cb = 0; cb < ncb; ++cb) {
     const int c_end = std::min(nc, (cb + 1) * block_size);
     const std::uint32_t* cu = cunion.data() + cb * WS;
@@ -871,13 +919,13 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
       // a target out now stays out).
       int live[block_size];
       int nlive = 0;
-      join_count(cu, tu[tb], bound, &ok);
+      join_count(cu, tu[tb], narrow_bound(bound), &ok);
       if (!ok) continue;
       const bool several = c_end - cb * block_size > 1;
       for (int k = t_lo; k < t_end; ++k) {
         if ((k >= skip_lo && k < skip_hi) || k == skip_p) continue;
         if (several) {
-          join_count(cu, tp[k] ? tp[k] : lazy_target(k), bound, &ok);
+          join_count(cu, tp[k] ? tp[k] : lazy_target(k), narrow_bound(bound), &ok);
           if (!ok) continue;
         }
         live[nlive++] = k;
@@ -886,13 +934,14 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
       for (int j = cb * block_size; j < c_end; ++j) {
         const std::uint32_t* cj = cset.data() + j * WS;
         if (several) {
-          join_count(cj, tu[tb], bound, &ok);
+          join_count(cj, tu[tb], narrow_bound(bound), &ok);
           if (!ok) continue;
         }
+        if (nsc && wide_block_bound(j, wblock.data() + static_cast<std::size_t>(tb) * nsc) > bound) continue;
         for (int i = 0; i < nlive; ++i) {
           const int k = live[i];
           if (j == 0 && k == ks) continue;
-          const std::int32_t c = join_count(cj, tp[k] ? tp[k] : lazy_target(k), bound, &ok);
+          const std::int32_t c = move_cost(j, cj, tp[k] ? tp[k] : lazy_target(k), tn[k], bound, &ok);
           if (!ok) continue;
           if (constraint_allows && !constraint_allows(n, j == 0 ? -1 : cnode[j], tn[k])) continue;
           if (c < best_cost) {

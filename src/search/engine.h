@@ -7,10 +7,12 @@
 // terminal sets hold the fields of each class in its own order (most variable first).
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
 #include "optim/packed.h"
+#include "optim/wide.h"
 
 namespace qax::search {
 
@@ -75,6 +77,57 @@ struct Engine {
                                const std::uint32_t* target_new);
   TakeFirstFn take_first = nullptr;
   void* take_ctx = nullptr;
+
+  // Wide columns (Sankoff, continuous). With them, join costs of moves are in units of
+  // 1/unit step (unit 1000 with continuous columns, else 1): narrow joins count unit each,
+  // wide columns add their exact cost. The wide sets are recomputed whole when the tree
+  // changes; those of the tree without the clip whole for each clip.
+  bool has_wide = false;
+  int unit = 1;
+  double wide_score = 0;                          // wide part of `score`
+  optim::WideState wide, wide2;                   // tree, tree without the clip
+  std::vector<std::uint32_t> wmask2;              // per node and Sankoff column: states of least branch cost (without the clip)
+  std::vector<const std::int32_t*> e2p, ce2p;     // branch sets of the tree without the clip (the tree's where equal)
+  std::vector<const std::uint32_t*> m2p;          // their states of least cost
+  std::vector<int> overlay;                       // nodes whose pointers lead to sets without the clip
+  std::vector<std::int32_t> wout_off;             // clip: what normalising took off beyond each node
+  std::vector<int> wcols, wcount, path_cols;      // columns whose sets differ without the clip, per node
+  std::vector<std::uint64_t> dbits, ubits, need_bits;  // columns changed by the last change of topology
+  std::vector<int> wold_left, wold_right;         // children before an insertion
+  std::vector<int> join_list;                     // scratch of wide_join
+  std::vector<std::uint32_t> wblock;              // per block of targets and column: union of least-cost states
+  // Least cost in units of rerooting j on any target whose least-cost states are within
+  // the block's unions `masks` (the narrow part left out).
+  std::int64_t wide_block_bound(int j, const std::uint32_t* masks) const;
+  // Wide sets after a change of topology, recomputed where they change (equal to wide_compute).
+  void wide_update(const std::vector<int>& old_left, const std::vector<int>& old_right);
+  std::vector<std::int32_t> wclip;                // per rerooting: normalised costs seen from the clip's new parent
+  std::vector<std::int32_t> wclip_range;          // per rerooting: continuous ranges of the clip
+  std::vector<std::uint32_t> wclip_mask;          // per rerooting and Sankoff column: states of least cost
+  std::vector<std::int64_t> wclip_delta;          // per rerooting: change of the clip's own cost (units)
+  std::int64_t wclip_min_delta = 0;               // least of wclip_delta
+  std::vector<std::int32_t> wout;                 // clip: costs of the clip beyond each node
+  std::vector<std::int32_t> wout_range;           // clip: continuous ranges beyond each node
+  std::vector<int> anc2, left2, right2, order2;   // topology of the tree without the clip
+  std::vector<std::int32_t> wtmp;                 // scratch vectors
+  // Largest narrow count that can still keep a total within `bound` units.
+  std::int32_t narrow_bound(std::int32_t bound) const {
+    if (!has_wide) return bound;
+    const std::int64_t b = static_cast<std::int64_t>(bound) - wclip_min_delta;
+    if (b < 0) return -1;
+    return static_cast<std::int32_t>(std::min<std::int64_t>(b / unit, INT32_MAX));
+  }
+  // Steps of a difference of join costs.
+  double cost_to_steps(std::int64_t c) const { return has_wide ? static_cast<double>(c) / unit : static_cast<double>(c); }
+  void wide_compute();                             // wide sets of the tree and wide_score
+  // Wide sets of the tree without clip n (parent p, sister s, p's parent g) and of the nc
+  // rerootings of the clip listed in cnode.
+  void wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc);
+  // Cost in units of rerooting j of the clip joined to the branch above `target` in the
+  // tree without the clip, given the narrow count; ok = 0 when above bound.
+  std::int32_t wide_join(int j, int target, std::int32_t narrow, std::int32_t bound, std::int32_t* ok);
+  // Cost in units of terminal t on the branch above b of the tree (Wagner trees).
+  std::int32_t leaf_join(int t, int b, std::int32_t bound, std::int32_t* ok);
 
   std::uint32_t* D(int n) { return down.data() + static_cast<std::size_t>(n) * W; }
   std::uint32_t* U(int n) { return up.data() + static_cast<std::size_t>(n) * W; }

@@ -87,11 +87,12 @@ bool take_move(void* ctx, const Move& m, std::int32_t base, const std::uint32_t*
                const std::uint32_t* target_now, const std::uint32_t* clip_new, const std::uint32_t* target_new) {
   auto& st = *static_cast<WorseMoves*>(ctx);
   if (m.cost <= base) return st.took = true;
-  const double d = m.cost - base;
+  // Costs of the engine are in its units (thousandths of a step with continuous columns).
+  const double d = engine().cost_to_steps(static_cast<std::int64_t>(m.cost) - base);
   if (d > st.limits.fitdiff + 1e-9) return false;
   double r = (random_next() % 100) / ((2 * st.excess + d) * 100.0);
   r += st.limits.xfactor * r;
-  if (d / m.cost > r) return false;
+  if (d / engine().cost_to_steps(m.cost) > r) return false;
   const double rfd = move_rfd(clip_now, target_now, clip_new, target_new);
   if (rfd > st.limits.rfd + 1e-12 || rfd > r) return false;
   st.excess = std::max(0.0, st.excess + d);

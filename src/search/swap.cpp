@@ -218,7 +218,7 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
     const std::int32_t base = e.evaluate_clip(n, tbr, room, save_slack, best, records, examined);
     if (base < 0) { ++failures; continue; }
     if (best.clip >= 0) {
-      const double expect = score - (base - best.cost);
+      const double expect = score - e.cost_to_steps(static_cast<std::int64_t>(base) - best.cost);
       if (saving) {
         // Worse trees of this replication go; the tree in swap is no longer stored.
         store_discard_above(first, expect + search_settings.suboptimal, -1);
@@ -263,7 +263,7 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
         if (tree_store.ntrees >= limit) break;
         e.apply_move(m);
         e.export_tree(row);
-        store_add(row, score + (m.cost - base));
+        store_add(row, score + e.cost_to_steps(static_cast<std::int64_t>(m.cost) - base));
         e.anc = keep_anc;
         e.left = keep_left;
         e.right = keep_right;

@@ -1,0 +1,313 @@
+// Packing and passes of the wide columns (Sankoff and continuous).
+#include "optim/wide.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "dataset/costs.h"
+#include "dataset/dataset.h"
+#include "optim/packed.h"
+
+namespace qax::optim {
+
+using qax::dataset::dataset;
+
+namespace {
+
+inline std::int32_t sat(std::int64_t v) { return v >= wide_infinity ? wide_infinity : static_cast<std::int32_t>(v); }
+
+// The range of two ranges: their intersection, or the gap between them; returns the gap.
+inline std::int32_t combine(const std::int32_t* a, const std::int32_t* b, std::int32_t* out) {
+  if (a[0] > b[1]) {
+    const std::int32_t g = a[0] - b[1];
+    out[0] = b[1];
+    out[1] = a[0];
+    return g;
+  }
+  if (b[0] > a[1]) {
+    const std::int32_t g = b[0] - a[1];
+    out[0] = a[1];
+    out[1] = b[0];
+    return g;
+  }
+  out[0] = std::max(a[0], b[0]);
+  out[1] = std::min(a[1], b[1]);
+  return 0;
+}
+
+// Subtracts the least finite cost of the column from its vector; returns it.
+inline std::int32_t normalise_column(std::int32_t* x, int k) {
+  std::int32_t m = wide_infinity;
+  for (int s = 0; s < k; ++s) m = std::min(m, x[s]);
+  if (m == 0 || m >= wide_infinity) return m >= wide_infinity ? 0 : 0;
+  for (int s = 0; s < k; ++s)
+    if (x[s] < wide_infinity) x[s] -= m;
+  return m;
+}
+
+}  // namespace
+
+void pack_wide_columns(WideColumns& w, const std::vector<int>& from_packed, const std::vector<std::uint8_t>& sankoff_chars) {
+  w = WideColumns{};
+  const int nterm = static_cast<int>(from_packed.size());
+  const std::uint32_t missing = dataset.missing_value();
+  w.sankoff_of.assign(dataset.nchar, -1);
+  w.cont_of.assign(dataset.nchar, -1);
+  for (int c = 0; c < dataset.nchar; ++c) {
+    const auto& r = dataset.chars[c];
+    if (c < static_cast<int>(sankoff_chars.size()) && sankoff_chars[c]) {
+      SankoffColumn col;
+      col.character = c;
+      col.weight = r.weight;
+      std::uint32_t seen = 0;
+      for (int t : from_packed) {
+        const std::uint32_t v = dataset.cell(t, c);
+        if (v != missing) seen |= v;
+      }
+      const int user_max = qax::dataset::user_min_max.max_state(c);
+      if (user_max >= 0) seen |= (user_max >= 31 ? ~0u : (2u << user_max) - 1);
+      int dense[32];
+      std::fill(std::begin(dense), std::end(dense), -1);
+      for (std::uint32_t b = seen; b; b &= b - 1) {
+        const int s = std::countr_zero(b);
+        dense[s] = col.k;
+        col.state_of[col.k++] = static_cast<std::int8_t>(s);
+      }
+      col.cost.assign(static_cast<std::size_t>(col.k) * col.k, 0);
+      for (int i = 0; i < col.k; ++i)
+        for (int j = 0; j < col.k; ++j)
+          col.cost[i * col.k + j] = qax::dataset::cost_of(c, col.state_of[i], col.state_of[j]);
+      for (int i = 0; i < col.k; ++i)
+        for (int j = 0; j < col.k; ++j)
+          if (col.cost[i * col.k + j] != col.cost[j * col.k + i]) col.asymmetric = true;
+      col.root_mask = col.k >= 32 ? ~0u : (1u << col.k) - 1;
+      if (r.ancestral && nterm > 0) {
+        const std::uint32_t v = dataset.cell(from_packed[0], c);
+        if (v != missing) {
+          std::uint32_t m = 0;
+          for (std::uint32_t b = v & seen; b; b &= b - 1) m |= 1u << dense[std::countr_zero(b)];
+          if (m) col.root_mask = m;
+        }
+      }
+      col.offset = w.vector_length;
+      w.sankoff_of[c] = static_cast<int>(w.sankoff.size());
+      w.vector_length += col.k;
+      w.sankoff.push_back(std::move(col));
+    } else if (r.is_continuous && r.format == qax::dataset::format_continuous && r.active && r.weight != 0) {
+      w.cont_of[c] = static_cast<int>(w.cont.size());
+      w.cont.push_back(ContinuousColumn{c, r.weight});
+    }
+  }
+  w.unit = w.cont.empty() ? 1 : 1000;
+  w.term.assign(static_cast<std::size_t>(nterm) * w.vector_length, 0);
+  for (int k = 0; k < nterm; ++k) {
+    std::int32_t* v = w.term.data() + static_cast<std::size_t>(k) * w.vector_length;
+    for (const SankoffColumn& col : w.sankoff) {
+      const std::uint32_t cell = dataset.cell(from_packed[k], col.character);
+      for (int s = 0; s < col.k; ++s)
+        v[col.offset + s] = (cell == missing || (cell >> col.state_of[s] & 1)) ? 0 : wide_infinity;
+    }
+  }
+  const int C = static_cast<int>(w.cont.size());
+  w.term_range.assign(static_cast<std::size_t>(nterm) * 2 * C, 0);
+  for (int k = 0; k < nterm; ++k)
+    for (int j = 0; j < C; ++j) {
+      std::uint32_t cell = dataset.cell(from_packed[k], w.cont[j].character);
+      if (cell == qax::dataset::continuous_inapplicable) cell = qax::dataset::continuous_missing;
+      w.term_range[(static_cast<std::size_t>(k) * C + j) * 2] = static_cast<std::int32_t>(cell & 0xFFFF);
+      w.term_range[(static_cast<std::size_t>(k) * C + j) * 2 + 1] = static_cast<std::int32_t>(cell >> 16);
+    }
+}
+
+void sankoff_from_child(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept {
+  const int k = col.k;
+  const std::int32_t* c = col.cost.data();
+  for (int t = 0; t < k; ++t) {
+    std::int32_t best = v[t];   // cost[t][t] is 0
+    if (best == 0) {            // a state of least cost (costs are never negative)
+      out[t] = 0;
+      continue;
+    }
+    const std::int32_t* row = c + t * k;
+    for (int a = 0; a < k; ++a) best = std::min(best, row[a] + v[a]);
+    out[t] = best >= wide_infinity ? wide_infinity : best;
+  }
+}
+
+void sankoff_from_parent(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept {
+  const int k = col.k;
+  const std::int32_t* c = col.cost.data();
+  for (int t = 0; t < k; ++t) {
+    std::int32_t best = v[t];
+    if (best == 0) {
+      out[t] = 0;
+      continue;
+    }
+    for (int a = 0; a < k; ++a) best = std::min(best, c[a * k + t] + v[a]);
+    out[t] = best >= wide_infinity ? wide_infinity : best;
+  }
+}
+
+void WideState::init() {
+  const WideColumns& w = packed.wide;
+  nt = packed.nterm;
+  nn = nt > 0 ? 2 * nt - 1 : 0;
+  V = w.vector_length;
+  C = static_cast<int>(w.cont.size());
+  down.assign(static_cast<std::size_t>(nn) * V, 0);
+  up.assign(static_cast<std::size_t>(nn) * V, 0);
+  edge.assign(static_cast<std::size_t>(nn) * V, 0);
+  cdown.assign(static_cast<std::size_t>(nn) * 2 * C, 0);
+  cup.assign(static_cast<std::size_t>(nn) * 2 * C, 0);
+  cedge.assign(static_cast<std::size_t>(nn) * 2 * C, 0);
+  scratch.assign(2 * static_cast<std::size_t>(V) + 64, 0);
+  column_steps.assign(w.sankoff.size() + C, 0);
+  if (V) std::copy(w.term.begin(), w.term.end(), down.begin());
+  if (C) std::copy(w.term_range.begin(), w.term_range.end(), cdown.begin());
+}
+
+void WideState::down_node(int n, int l, int r) {
+  down_node_into(D(l), D(r), CD(l), CD(r), D(n), CD(n), nullptr);
+}
+
+void WideState::down_node_into(const std::int32_t* dl, const std::int32_t* dr, const std::int32_t* cl,
+                               const std::int32_t* cr, std::int32_t* out, std::int32_t* cout,
+                               std::int32_t* minima) {
+  const WideColumns& w = packed.wide;
+  std::int32_t* a = scratch.data();
+  std::int32_t* b = a + V;
+  for (std::size_t j = 0; j < w.sankoff.size(); ++j) {
+    const SankoffColumn& col = w.sankoff[j];
+    sankoff_from_child(col, dl + col.offset, a + col.offset);
+    sankoff_from_child(col, dr + col.offset, b + col.offset);
+    for (int s = 0; s < col.k; ++s) out[col.offset + s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
+    const std::int32_t m = normalise_column(out + col.offset, col.k);
+    if (minima) minima[j] = m;
+  }
+  for (int j = 0; j < C; ++j) combine(cl + 2 * j, cr + 2 * j, cout + 2 * j);
+}
+
+void WideState::up_node_into(const std::int32_t* dsib, const std::int32_t* uparent, const std::int32_t* csib,
+                             const std::int32_t* cuparent, std::int32_t* out, std::int32_t* cout) {
+  const WideColumns& w = packed.wide;
+  std::int32_t* a = scratch.data();
+  std::int32_t* b = a + V;
+  for (const SankoffColumn& col : w.sankoff) {
+    sankoff_from_child(col, dsib + col.offset, a + col.offset);
+    sankoff_from_parent(col, uparent + col.offset, b + col.offset);
+    for (int s = 0; s < col.k; ++s) out[col.offset + s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
+    normalise_column(out + col.offset, col.k);
+  }
+  for (int j = 0; j < C; ++j) combine(cuparent + 2 * j, csib + 2 * j, cout + 2 * j);
+}
+
+void WideState::edge_into(const std::int32_t* d, const std::int32_t* u, const std::int32_t* cd, const std::int32_t* cu,
+                          std::int32_t* out, std::int32_t* cout, std::uint32_t* masks) {
+  const WideColumns& w = packed.wide;
+  std::int32_t* a = scratch.data();
+  std::int32_t* b = a + V;
+  for (std::size_t j = 0; j < w.sankoff.size(); ++j) {
+    const SankoffColumn& col = w.sankoff[j];
+    sankoff_from_child(col, d + col.offset, a + col.offset);
+    sankoff_from_parent(col, u + col.offset, b + col.offset);
+    std::int32_t* x = out + col.offset;
+    for (int s = 0; s < col.k; ++s) x[s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
+    normalise_column(x, col.k);
+    std::uint32_t mask = 0;
+    for (int s = 0; s < col.k; ++s)
+      if (x[s] == 0) mask |= 1u << s;
+    if (masks) masks[j] = mask;
+  }
+  for (int j = 0; j < C; ++j) combine(cd + 2 * j, cu + 2 * j, cout + 2 * j);
+}
+
+std::int64_t WideState::compute(const int* left, const int* right, const int* order, int count, bool second,
+                                bool per_column) {
+  const WideColumns& w = packed.wide;
+  sankoff_units = cont_units = 0;
+  if (per_column) std::fill(column_steps.begin(), column_steps.end(), 0);
+  if (count <= 0) return 0;
+  const int ns = static_cast<int>(w.sankoff.size());
+  minima.resize(ns + 1);
+  offsets.resize(static_cast<std::size_t>(nn) * ns + 1);
+  node_min.resize(static_cast<std::size_t>(nn) * ns + 1);
+  node_gap.resize(static_cast<std::size_t>(nn) * C + 1);
+  root_best.resize(ns + 1);
+  for (int i = count - 1; i >= 0; --i) {
+    const int n = order[i], l = left[n], r = right[n];
+    down_node_into(D(l), D(r), CD(l), CD(r), D(n), CD(n), minima.data());
+    std::int32_t* kn = offsets.data() + static_cast<std::size_t>(n) * ns;
+    const std::int32_t* kl = l < nt ? nullptr : offsets.data() + static_cast<std::size_t>(l) * ns;
+    const std::int32_t* kr = r < nt ? nullptr : offsets.data() + static_cast<std::size_t>(r) * ns;
+    for (int j = 0; j < ns; ++j) kn[j] = sat(std::int64_t{minima[j]} + (kl ? kl[j] : 0) + (kr ? kr[j] : 0));
+    std::copy(minima.begin(), minima.begin() + ns, node_min.begin() + static_cast<std::size_t>(n) * ns);
+    if (n != nt)
+      for (int j = 0; j < ns; ++j) {
+        sankoff_units += static_cast<std::int64_t>(minima[j]) * w.sankoff[j].weight * w.unit;
+        if (per_column) column_steps[j] += minima[j];
+      }
+    for (int j = 0; j < C; ++j) {
+      const std::int32_t* x = CD(l) + 2 * j;
+      const std::int32_t* y = CD(r) + 2 * j;
+      const std::int32_t g = x[0] > y[1] ? x[0] - y[1] : y[0] > x[1] ? y[0] - x[1] : 0;
+      node_gap[static_cast<std::size_t>(n) * C + j] = g;
+      cont_units += static_cast<std::int64_t>(g) * w.cont[j].weight;
+      if (per_column) column_steps[ns + j] += g;
+    }
+  }
+  // The root: only the allowed states, and the cheapest gives the rest of the column's cost
+  // (the root's vector was normalised before the states were restricted).
+  std::int32_t* root = D(nt);
+  for (int j = 0; j < ns; ++j) {
+    const SankoffColumn& col = w.sankoff[j];
+    std::int32_t best = wide_infinity;
+    for (int s = 0; s < col.k; ++s) {
+      if (!(col.root_mask >> s & 1)) root[col.offset + s] = wide_infinity;
+      best = std::min(best, root[col.offset + s]);
+    }
+    root_best[j] = best;
+    const std::int64_t total = static_cast<std::int64_t>(minima[j]) + best;
+    sankoff_units += total * col.weight * w.unit;
+    if (per_column) column_steps[j] += total;
+  }
+  if (second) {
+    const int l0 = left[nt], x = right[nt];
+    for (int side = 0; side < 2; ++side) {
+      const int c = side ? l0 : x, o = side ? x : l0;
+      root_outside(D(o), CD(o), U(c), CU(c));
+    }
+    for (int i = 1; i < count; ++i) {
+      const int v = order[i];
+      for (int side = 0; side < 2; ++side) {
+        const int c = side ? right[v] : left[v], sib = side ? left[v] : right[v];
+        up_node_into(D(sib), U(v), CD(sib), CU(v), U(c), CU(c));
+      }
+    }
+    // Branch sets of every node but the root.
+    masks.resize(static_cast<std::size_t>(nn) * ns + 1);
+    for (int i = 0; i < count; ++i) {
+      const int v = order[i];
+      for (int c : {left[v], right[v]}) edge_into(D(c), U(c), CD(c), CU(c), E(c), CE(c), masks.data() + c * ns);
+    }
+  }
+  return sankoff_units + cont_units;
+}
+
+void WideState::root_outside(const std::int32_t* d_other, const std::int32_t* c_other, std::int32_t* out,
+                             std::int32_t* cout) {
+  const WideColumns& w = packed.wide;
+  for (const SankoffColumn& col : w.sankoff) {
+    sankoff_from_child(col, d_other + col.offset, out + col.offset);
+    for (int s = 0; s < col.k; ++s)
+      if (!(col.root_mask >> s & 1)) out[col.offset + s] = wide_infinity;
+    normalise_column(out + col.offset, col.k);
+  }
+  std::copy(c_other, c_other + 2 * C, cout);
+}
+
+double WideState::score() const noexcept {
+  const int unit = packed.wide.unit;
+  return static_cast<double>(sankoff_units / unit) + static_cast<double>(cont_units) / 1000.0;
+}
+
+}  // namespace qax::optim
