@@ -13,13 +13,12 @@ fail=0
 pid=$!
 # The stop file is named by the process id of qax itself (not of a wrapper like timeout);
 # a watchdog ends a run that would not stop.
-( sleep 100; kill "$pid" 2>/dev/null ) &
-watchdog=$!
 sleep 3
 touch "stop_qax_$pid"
+for _ in $(seq 100); do kill -0 "$pid" 2>/dev/null || break; sleep 1; done
+kill "$pid" 2>/dev/null
 wait "$pid"
 status=$?
-kill "$watchdog" 2>/dev/null
 [ "$status" = 0 ] || { echo "exit status $status, expected 0"; fail=1; }
 line=$(grep -o "Resampling interrupted: summarising [0-9]* replicates" r.log)
 n=$(echo "$line" | grep -o "[0-9]*")
