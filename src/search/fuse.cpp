@@ -300,6 +300,7 @@ int fuse_loaded(PairWork& w, int equals) {
 
 int fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_t>& donor, double* score, int equals,
               int root_terminal) {
+  require_narrow_data("tree fusing");
   Engine& e = engine();
   PairWork& w = pw;
   if (!w.rec.build(receiver, e, root_terminal) || !w.don.build(donor, e, root_terminal))
@@ -330,6 +331,7 @@ double tree_score(const std::vector<std::int32_t>& t) {
 
 double fuse_trees(std::vector<std::vector<std::int32_t>>& trees, std::vector<double>& scores, int rounds,
                   double stop_score, std::uint32_t seed, bool quiet) {
+  require_narrow_data("tree fusing");
   const FuseSettings& fs = fuse_settings;
   if (seed) set_random_seed(seed);
   scores.resize(trees.size());
@@ -417,6 +419,7 @@ double fuse_trees(std::vector<std::vector<std::int32_t>>& trees, std::vector<dou
 }
 
 double fusability_score(const std::vector<std::vector<std::int32_t>>& trees) {
+  require_narrow_data("tree fusing");
   const int count = static_cast<int>(trees.size());
   if (count < 2) return 0;
   const int pairs = std::min(15, count * count / 2);

@@ -151,3 +151,9 @@ struct AutoConstraint {
   ~AutoConstraint() { clear(); }
 };
 }  // namespace qax::search
+
+namespace qax::search {
+// Fusing, sectors, hybridization and xmult score trees through the narrow columns only:
+// with step-matrix or continuous characters active they refuse to run (error_exit).
+void require_narrow_data(const char* what);
+}  // namespace qax::search

@@ -749,10 +749,12 @@ double with_sector_run(std::vector<std::int32_t>& tree, F body) {
 }  // namespace
 
 double sector_search_rss(std::vector<std::int32_t>& tree) {
+  require_narrow_data("sectorial search");
   return with_sector_run(tree, [](SectorRun& r) { r.run_random(); });
 }
 
 double sector_search_xss(std::vector<std::int32_t>& tree) {
+  require_narrow_data("sectorial search");
   const SectorSettings& ss = sector_settings;
   if (packed.nterm < 10) return swap_tbr(tree, 0, 0, 0);
   return with_sector_run(tree, [&](SectorRun& r) {
@@ -767,11 +769,13 @@ double sector_search_xss(std::vector<std::int32_t>& tree) {
 }
 
 double sector_search_css(std::vector<std::int32_t>& tree) {
+  require_narrow_data("sectorial search");
   if (!constraints_in_force() || constraint_defs.positive.empty())
     error_exit("Can't run constrained sectorial searches without tree constraints");
   return with_sector_run(tree, [](SectorRun& r) { r.run_constraint(); });
 }
 double sector_search_dss(std::vector<std::int32_t>& tree, const std::vector<std::uint8_t>& taxa, int depth, int* nodes) {
+  require_narrow_data("sectorial search");
   return with_sector_run(tree, [&](SectorRun& r) {
     *nodes = r.run_diameter(taxa, std::max(1, depth));
     r.pending = 0;   // a chunk chosen by hand is not followed by global swapping
@@ -779,6 +783,7 @@ double sector_search_dss(std::vector<std::int32_t>& tree, const std::vector<std:
 }
 
 double pfijo_cycle(std::vector<std::int32_t>& tree) {
+  require_narrow_data("pfijo");
   return with_sector_run(tree, [](SectorRun& r) {
     r.run_pfijo_cycle();
     r.global_swap();

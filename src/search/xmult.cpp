@@ -620,6 +620,7 @@ void run_xmult() {
 }  // namespace
 
 void cmd_xmult() {
+  require_narrow_data("xmult");
   const XmultSettings saved = xmult_settings;
   const SectorSettings saved_sectors = sector_settings;
   const SearchSettings saved_search = search_settings;
