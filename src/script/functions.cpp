@@ -20,6 +20,8 @@
 #include "shell/output.h"
 #include "shell/state.h"
 #include "trees/store.h"
+#include "support/supports.h"
+#include "support/tree_compare.h"
 
 namespace qax::script {
 
@@ -251,6 +253,21 @@ bool internal_function(const std::string& w, double& v) {
     return true;
   }
   if (hif_value(w, v)) return true;
+  // Values of the latest tree comparisons and supports (-1 when none was made).
+  {
+    const auto& lc = qax::support::last_comparison;
+    const struct { const char* name; double value; } latest[] = {
+        {"discoeff", lc.discoeff}, {"symcoeff", lc.symcoeff}, {"clusdist", lc.clusdist},
+        {"grpdist", lc.grpdist},   {"rfdist", lc.rfdist},     {"osr", lc.osr},
+        {"tripdist", lc.tripdist}, {"sprdiff", lc.sprdiff},   {"sprsim", lc.sprsim}};
+    for (const auto& l : latest) {
+      if (w == l.name) {
+        v = l.value;
+        return true;
+      }
+    }
+  }
+  if (w == "lastsupp") { v = qax::support::last_support(); return true; }
   if (w == "recsteps") { v = iterrecs_steps(); return true; }
   if (w == "bbfull") { v = bandb_value(true); return true; }
   if (w == "bbtax") { v = bandb_value(false); return true; }
@@ -291,7 +308,7 @@ const Family families[] = {
      "length score fit homo whomo softlength softscore softfit softhomo grandscore mintrans maxtrans minsteps "
      "maxsteps recsteps rearrangs accepted tcount numhits lastsupp lastsibyl"},
     {"Supports", "support values into an array", "bremlist freqlist freqdlist impwtlist grptogrp"},
-    {"Comparisons", "distances and similarities of two trees",
+    {"Comparisons", "the value of the latest tree comparison (tcomp, sprdiff) of that kind",
      "discoeff symcoeff grpdist tripdist rfdist clusdist sprdiff sprsim flipd osr"},
     {"Characters", "properties of character C: name[ C ]",
      "isact isadd iscont isinfo issank islmark nstates maxstate weight cost contscale contmins contmaxs states "
