@@ -118,6 +118,8 @@ std::string read_label_word() {
   return w;
 }
 
+}  // namespace
+
 // Opens `file` as a new level with arguments from the stream, then scans its words for
 // "label L". The level stays open, reading from just after the label.
 void jump_to_label(const std::string& file, const std::string& label, bool read_args, bool quiet) {
@@ -135,7 +137,7 @@ void jump_to_label(const std::string& file, const std::string& label, bool read_
   }
   pending.is_run_file = 1;
   const int level = input_level() + 1;
-  activate_input(quiet);
+  activate_input(false);
   ++expansion_blocked;
   {
     bool found = false;
@@ -166,6 +168,8 @@ void jump_to_label(const std::string& file, const std::string& label, bool read_
     out_line({line});
   }
 }
+
+namespace {
 
 void note_unwinding(int top_level) {
   if (error_target_.armed && top_level >= error_target_.level) {

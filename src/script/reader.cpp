@@ -408,6 +408,30 @@ bool skip_comment() {
   return false;
 }
 
+// "@@ file label args;" reads from the label of another file in place, up to the next
+// "@@" there, then goes on after the first one.
+std::vector<int> in_line_levels_;
+
+void in_line_jump() {
+  if (!in_line_levels_.empty() && in_line_levels_.back() == input_level()) {
+    in_line_levels_.pop_back();
+    close_input(false);
+    return;
+  }
+  ++expansion_blocked;
+  read_token();
+  const std::string file = token_buffer;
+  read_token();
+  const std::string label = token_buffer;
+  --expansion_blocked;
+  if (file.empty() || label.empty()) error_exit("Must give file and label after \"@@\"");
+  jump_to_label(file, label, true, true);
+  // The arguments end with ";" in the calling text, which is not a command there.
+  in_line_levels_.push_back(input_level());
+  InputFrame& caller = frame_at(input_level() - 1);
+  if (caller.text[caller.pos] == ';') ++caller.pos;
+}
+
 int macro_next_char() {
   for (;;) {
     if (expansion_.active) {
@@ -455,6 +479,12 @@ int macro_next_char() {
         if (shell_state.between_commands && skip_comment()) return ' ';
         return c;
       }
+      case '@': {
+        if (peek_raw() != '@') return c;
+        raw_char();
+        in_line_jump();
+        return ' ';
+      }
       default:
         return c;
     }
@@ -486,6 +516,7 @@ void level_opened(int level) {
 }
 
 void level_closing(int level) {
+  while (!in_line_levels_.empty() && in_line_levels_.back() >= level) in_line_levels_.pop_back();
   while (!loops.empty() && loops.back().level >= level) {
     space.text_bytes -= std::min(space.text_bytes, loops.back().body.size() + loops.back().name.size());
     loops.pop_back();
@@ -511,6 +542,7 @@ void all_unwound() {
   expansion_ = Expansion();
   expansion_blocked = 0;
   quote_blocked = 0;
+  in_line_levels_.clear();
 }
 
 // "Error reading line N of F" (or the line of the loop), the text around the spot and "^".

@@ -63,6 +63,10 @@ int inner_body_level();
 // taken (a search stopped inside the body counts too).
 bool script_interrupted(int events);
 
+// Opens `file` as a new level (arguments from the stream when read_args) and reads on
+// from just after "label L" in it.
+void jump_to_label(const std::string& file, const std::string& label, bool read_args, bool quiet);
+
 // Loop report for macreport and errors: "Loop N - value ..." entries.
 std::string loop_report();
 
