@@ -63,6 +63,7 @@ void command_cycle() {
     shell_state.implied_minima_note &= 2;
     shell_state.stop_search_flag = 0;
     if (shell_state.watch_state == 1 && input_level() == 0) shell_state.peak_ram_command = ram_in_use();
+    if (input_level() == 0) forget_interrupt_key();
     protected_call(read_and_dispatch);
     if (shell_state.pending_error_goto) qax::script::take_error_goto();
     if (shell_state.peak_ram_command > shell_state.peak_ram_overall) {
@@ -179,6 +180,7 @@ int run_program(int argc, char** argv) {
       apply_background_effect();
     }
     init_input_stack(default_mxproc, level0, !shell_state.background && console_is_terminal());
+    if (!shell_state.background && console_is_terminal()) install_interrupt_key();
     protected_call([] { claim_arena(default_ram_size); });
     command_cycle();
     status = 0;

@@ -148,7 +148,7 @@ void cmd_taxname() {
     // Names are read into the shell's word buffer, which bounds the length.
     if (n > shell::token_buffer_size) shell::error_exitf("Taxon names can have at most %i letters", shell::token_buffer_size);
     d.name_length = n;
-    if (n > shell::shell_state.name_limit) shell::shell_state.name_limit = n;
+    shell::shell_state.name_limit = n;  // also the longest command word read
     shell::out_text({"Taxon names up to ", std::to_string(n), " letters\n"});
     return;
   }

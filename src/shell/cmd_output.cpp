@@ -38,7 +38,10 @@ void cmd_naked() {
   }
   read_switch(switches.naked, "Naked trees");
 }
-void cmd_macreport() { read_switch(switches.macreport, "Macro reports"); }
+void cmd_macreport() {
+  macro_command_guard();
+  read_switch(switches.macreport, "Macro reports");
+}
 
 void cmd_break() {
   if (peek_char() == '/') {

@@ -2,6 +2,8 @@
 #include "shell/file_access.h"
 #include "shell/output.h"
 
+#include <csignal>
+#include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -406,7 +408,45 @@ int poll_background(int mode) {
 
 namespace {
 double interrupt_deadline = 0;  // now_seconds() after which long work stops; 0 none
+
+// Ctrl-C at a terminal: the handler only notes it; polling treats it as ESC. A second one
+// within a second ends the program at once.
+volatile std::sig_atomic_t sigint_pending = 0;
+volatile double sigint_time = 0;
+
+double monotonic_seconds() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + ts.tv_nsec * 1e-9;
+}
+
+void on_sigint(int) {
+  const double t = monotonic_seconds();
+  if (sigint_pending && t - sigint_time < 1.0) {
+    static const char note[] = "\nInterrupted twice: quitting\n";
+    (void)!write(2, note, sizeof note - 1);
+    _exit(130);
+  }
+  sigint_time = t;
+  sigint_pending = 1;
+}
+
+bool take_sigint() {
+  if (!sigint_pending) return false;
+  sigint_pending = 0;
+  return true;
+}
 }  // namespace
+
+void install_interrupt_key() {
+  struct sigaction sa {};
+  sa.sa_handler = on_sigint;
+  sigemptyset(&sa.sa_mask);
+  sa.sa_flags = SA_RESTART;
+  sigaction(SIGINT, &sa, nullptr);
+}
+
+void forget_interrupt_key() { sigint_pending = 0; }
 
 void set_interrupt_deadline(double at) { interrupt_deadline = at; }
 
@@ -422,12 +462,12 @@ int check_interrupt(int mode) {
     return 0;
   }
   if (mode == 0) {
-    int k = read_key(true);
+    int k = take_sigint() ? 27 : read_key(true);
     if (k == 27) abort_command();
     return 0;
   }
   if (mode == 2) abort_command();
-  int k = read_key(false);
+  int k = take_sigint() ? 27 : read_key(false);
   if (k < 0) return 0;
   if (k == 27) {
     if (!switches.break_text.empty()) {

@@ -66,6 +66,11 @@ void console_write(std::string_view text);
 void warning(std::initializer_list<std::string_view> pieces);
 void show_progress(long long done, long long total, std::string_view label);
 int check_interrupt(int mode);
+// Ctrl-C at a terminal acts as ESC does when work polls for interruption (a second one
+// within a second quits); installed for interactive runs only.
+void install_interrupt_key();
+// A Ctrl-C typed while nothing was running is forgotten.
+void forget_interrupt_key();
 // After this time (now_seconds()), check_interrupt stops long work as an interrupt
 // does; 0 sets no limit. Used to bound runs that must end, such as fuzzed instructions.
 void set_interrupt_deadline(double at);
