@@ -69,8 +69,7 @@ const HelpEntry help_entries[] = {
     {"chomo",
      "chomo list;  homoplasy of each character on the given trees"},
     {"ckeep",
-     "ckeep list;  keep the settings of the listed characters as read from the file\n"
-     "ckeep;  report"},
+     "ckeep;  the present character settings become those that \"ccode !\" restores"},
     {"cls",
      "cls;  clear the screen (not in background)"},
     {"clbuffer",
@@ -78,7 +77,7 @@ const HelpEntry help_entries[] = {
      "clbuffer *;  clear the command history"},
     {"cnames",
      "cnames { N name states ; ... ;  name characters and their states\n"
-     "cnames;  list the names;  cnames -;  delete the names"},
+     "cnames;  list the names"},
     {"collapse",
      "collapse N;  level of collapsing of zero-length branches (0-6)\n"
      "collapse rule N;  rule 1 (some support), 3 (no possible support) or 4 (length kept)\n"
@@ -375,12 +374,14 @@ const HelpEntry help_entries[] = {
     {"tnodes",
      "tnodes [ list ];  number of nodes of the given trees"},
     {"tplot",
-     "tplot [ list ];  draw trees;  tplot *;  with node numbers;  tplot =;  ladderized"},
+     "tplot [ list ];  draw trees;  tplot * [ list ];  write them in parenthetical notation\n"
+     "tplot + / tplot -;  symmetric or asymmetric drawings;  tplot : text;  initial zoom\n"
+     "tplot = L T R B;  margins of SVG files"},
     {"tread",
      "tread trees;  read trees in parenthetical notation (\"tread*\" adds to the trees)"},
     {"tsave",
-     "tsave file;  open a tree file (tsave + file: append; tsave *file: parenthetical)\n"
-     "tsave /;  close the tree file"},
+     "tsave file;  open a tree file;  tsave file+;  append to it;  tsave *file;  parenthetical\n"
+     "tsave = file;  save the trees at once;  tsave !T file;  auto-save every T;  tsave /;  close"},
     {"tshrink",
      "tshrink;  reduce the memory of the tree buffer to the trees in memory"},
     {"tsize",
@@ -428,7 +429,7 @@ const HelpEntry help_entries[] = {
      "xpiwe options;  extended implied weighting (proportion, factor)"},
     {"xread",
      "xread N_chars N_taxa  name states ... ;  read a data matrix\n"
-     "xread =;  read more taxa;  in-file options: & [ dna | prot | num | cont ]"},
+     "xread /C T N;  random data;  xread -;  save the data;  in-file options: & [ dna | prot | num | cont ]"},
     {"xwipe",
      "xwipe;  wipe the data and trees from memory"},
     {"unique",

@@ -257,7 +257,7 @@ void cmd_setloop() {
   const int n = read_int_expr();
   Loop* l = innermost_loop(1);
   if (!l) error_exit({"setloop", "valid only within loops"});
-  l->value = n - l->step;
+  l->value = clamp_int(static_cast<double>(n) - l->step);
   jump_to_loop_end(*l);
 }
 
@@ -272,7 +272,7 @@ void cmd_continue() {
 void cmd_if() {
   macro_command_guard();
   const double v = evaluate_condition();
-  if (static_cast<long long>(v) != 0) return;
+  if (clamp_ll(v) != 0) return;
   if (input_level() == 0 && !current_level_loop()) error_exit("Condition not fullfilled");
   skip_if_text(true);
 }

@@ -31,11 +31,7 @@ int next_nb() {
   return c;
 }
 
-std::int32_t as_int32(double v) {
-  if (v > 2147483647.0) return 2147483647;
-  if (v < -2147483648.0) return static_cast<std::int32_t>(-2147483647 - 1);
-  return static_cast<std::int32_t>(v);
-}
+std::int32_t as_int32(double v) { return clamp_int(v); }
 
 double apply(int op, double a, double b) {
   switch (op) {
@@ -180,17 +176,17 @@ int read_subscripts(const NamedVar* var, int base, bool allow_range, int* range_
       c = next_char();
       if (c == '-') {
         if (space.protection == 0) error_exit("Ranges valid only under macro protected mode");
-        last_end = static_cast<int>(read_term());
-        index[count++] = static_cast<int>(first);
+        last_end = clamp_int(read_term());
+        index[count++] = clamp_int(first);
         c = next_nb();
         if (c != ']') error_exit("Ranges are valid only for the last dimension");
         break;
       }
       unread_char();
-      index[count++] = static_cast<int>(first);
+      index[count++] = clamp_int(first);
       continue;
     }
-    index[count++] = static_cast<int>(evaluate_impl(0, true, false, nullptr));
+    index[count++] = clamp_int(evaluate_impl(0, true, false, nullptr));
   }
   const int cell = subscript_cell(base, var, index, count);
   if (last_end >= 0) {
@@ -210,8 +206,8 @@ int read_cell(const NamedVar** var_out, bool allow_range, int* range_end) {
   int c = next_nb();
   if (c == '(') {
     const double v = evaluate_impl(')', false, false, nullptr);
-    check_cell(static_cast<long long>(v));
-    return read_subscripts(nullptr, static_cast<int>(v), allow_range, range_end);
+    check_cell(clamp_ll(v));
+    return read_subscripts(nullptr, clamp_int(v), allow_range, range_end);
   }
   if (std::isdigit(c)) {
     const double n = read_number(c);

@@ -117,7 +117,7 @@ std::vector<double> read_arguments(int min, int max) {
 }
 
 int tree_argument(double v) {
-  const int t = static_cast<int>(v);
+  const int t = clamp_int(v);
   if (t < 0 || t >= tree_store.ntrees) {
     error_exit({"Only", number_text(tree_store.ntrees), "trees in memory"});
   }
@@ -126,14 +126,14 @@ int tree_argument(double v) {
 
 int character_argument(double v) {
   if (!dataset.loaded) error_exit("No data file has been read!");
-  const int c = static_cast<int>(v);
+  const int c = clamp_int(v);
   if (c < 0 || c >= dataset.nchar) error_exitf("Character number required ( 0 - %i )", dataset.nchar - 1);
   return c;
 }
 
 int taxon_argument(double v) {
   if (!dataset.loaded) error_exit("No data file has been read!");
-  const int t = static_cast<int>(v);
+  const int t = clamp_int(v);
   if (t < 0 || t >= dataset.ntax) error_exitf("Taxon number required ( 0 - %i )", dataset.ntax - 1);
   return t;
 }
@@ -221,7 +221,7 @@ bool internal_function(const std::string& w, double& v) {
   if (w == "neper") { v = std::exp(1.0); return true; }
   if (w == "getrandom") {
     auto a = read_arguments(2, 2);
-    const int from = static_cast<int>(a[0]), to = static_cast<int>(a[1]);
+    const int from = clamp_int(a[0]), to = clamp_int(a[1]);
     if (to < from) error_exit("Wrong range for random numbers");
     const long long span = static_cast<long long>(to) - from + 1;
     const long long r = (static_cast<long long>(macro_random()) << 15 | macro_random()) % span;
@@ -229,7 +229,7 @@ bool internal_function(const std::string& w, double& v) {
     return true;
   }
   if (w == "numbits") {
-    const std::uint32_t x = static_cast<std::uint32_t>(read_arguments(1, 1)[0]);
+    const std::uint32_t x = static_cast<std::uint32_t>(clamp_ll(read_arguments(1, 1)[0]) & 0xffffffffLL);
     v = __builtin_popcount(x);
     return true;
   }

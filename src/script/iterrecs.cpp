@@ -160,7 +160,7 @@ void cmd_iterrecs() {
     // A value N >= 0 forces state N at that node; a negative value (-0 included) forbids it.
     for (int n = 0; n < end; ++n) {
       const double v = cell_value(base + n);
-      const int s = static_cast<int>(std::fabs(v));
+      const int s = clamp_int(std::fabs(v));
       if (s >= p.nstates) continue;
       if (std::signbit(v)) p.allowed[n] &= ~(1u << s);
       else p.allowed[n] &= (1u << s);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 
@@ -74,11 +75,12 @@ int raw_char() {
     if (interrupted) {
       shell_state.stop_search_flag = 0;
       out_line({"Loop interrupted"});
-    } else {
-      l->value += l->step;
     }
+    const long long next = static_cast<long long>(l->value) + l->step;
+    const bool over = (l->step > 0 && next > l->limit) || (l->step < 0 && next < l->limit) || l->step == 0;
+    if (!interrupted && !over) l->value = static_cast<int>(next);
     if (switches.macreport) out_line({loop_report()});
-    if (interrupted || (l->step > 0 && l->value > l->limit) || (l->step < 0 && l->value < l->limit) || l->step == 0) {
+    if (interrupted || over) {
       space.text_bytes -= std::min(space.text_bytes, l->body.size() + l->name.size());
       const std::string closing = l->closing_text;
       loops.pop_back();
@@ -152,7 +154,7 @@ void expand_reference(int quote) {
       if (quote == '"') v = cell_value(numbered_cell(v) - current_shift());
       char fmt[32], buf[128];
       const int w = left ? -width : width;
-      if (v == static_cast<long long>(v) && decimals < 0) {
+      if (std::fabs(v) < 9.2e18 && v == static_cast<long long>(v) && decimals < 0) {
         std::snprintf(fmt, sizeof fmt, plus ? "%%+%dlli" : "%%%dlli", w);
         std::snprintf(buf, sizeof buf, fmt, static_cast<long long>(v));
       } else {
@@ -335,7 +337,7 @@ void expand_argument() {
   int n;
   if (peek_raw() == '(') {
     raw_char();
-    n = static_cast<int>(evaluate(')'));
+    n = clamp_int(evaluate(')'));
   } else {
     n = raw_char() - '0';
   }

@@ -17,6 +17,20 @@ using namespace qax::shell;
 
 MacroSpace space;
 
+int clamp_int(double v) {
+  if (!(v == v)) return 0;
+  if (v >= 2147483647.0) return 2147483647;
+  if (v <= -2147483648.0) return -2147483647 - 1;
+  return static_cast<int>(v);
+}
+
+long long clamp_ll(double v) {
+  if (!(v == v)) return 0;
+  if (v >= 9.2e18) return 9200000000000000000LL;
+  if (v <= -9.2e18) return -9200000000000000000LL;
+  return static_cast<long long>(v);
+}
+
 void reset_space() { space = MacroSpace(); }
 
 void allocate_space() {
@@ -53,7 +67,7 @@ void check_cell(long long cell) {
 }
 
 int numbered_cell(double number) {
-  long long cell = static_cast<long long>(number) + current_shift();
+  long long cell = clamp_ll(number) + current_shift();
   check_cell(cell);
   return static_cast<int>(cell);
 }
@@ -67,9 +81,7 @@ void set_cell(int cell, double value) {
   check_cell(cell);
   if (!space.float_mode) {
     // Integer cells keep 32-bit values.
-    if (value > 2147483647.0) value = 2147483647.0;
-    if (value < -2147483648.0) value = -2147483648.0;
-    value = std::trunc(value);
+    value = clamp_int(value);
   }
   space.cells[cell] = value;
   const int level = input_level();
@@ -188,7 +200,7 @@ int subscript_cell(int base, const NamedVar* var, const int* index, int count) {
     }
     if (d > 0) {
       check_cell(cell);
-      cell = static_cast<long long>(space.cells[cell]);
+      cell = clamp_ll(space.cells[cell]);
     }
     cell += index[d];
   }
@@ -198,7 +210,7 @@ int subscript_cell(int base, const NamedVar* var, const int* index, int count) {
 
 std::string value_text(double v) {
   char buf[64];
-  if (v == std::trunc(v) && std::fabs(v) < 9.2e18) {
+  if (std::fabs(v) < 9.2e18 && v == std::trunc(v)) {
     std::snprintf(buf, sizeof buf, "%lli", static_cast<long long>(v));
   } else if (space.exponential) {
     std::snprintf(buf, sizeof buf, "%e", v);
@@ -238,7 +250,7 @@ std::string string_at(int cell) {
   std::string s;
   for (int i = cell; i >= 0 && i < space.max_vars && static_cast<int>(s.size()) < max_string_chars; ++i) {
     const double v = space.cells[i];
-    if (v < 0 || v > 4294967295.0) break;
+    if (!(v >= 0 && v <= 4294967295.0)) break;
     const std::uint32_t packed = static_cast<std::uint32_t>(v);
     for (int b = 0; b < 4; ++b) {
       const char ch = static_cast<char>((packed >> (8 * b)) & 0xff);

@@ -57,6 +57,11 @@ struct MacroSpace {
 
 extern MacroSpace space;
 
+// Whole numbers of user values, clamped to the range of the type (NaN gives 0), so that
+// no value a script computes can overflow a conversion.
+int clamp_int(double v);
+long long clamp_ll(double v);
+
 void reset_space();
 void allocate_space();             // macro =
 std::size_t space_used_bytes();

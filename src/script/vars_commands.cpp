@@ -103,9 +103,9 @@ void cmd_macro() {
         if (peek_nb() != ';') n = setting_number();
         if (k < 1 || n < 1) error_exit("Number of loops and variables must be positive");
         if (shell_state.macros_on && !loops.empty()) error_exit("Can't disconnect macros from within a loop!");
+        if (space.allocated) space.cells.resize(n, 0.0);  // may fail for lack of memory: nothing changed then
         space.max_loops = k;
         space.max_vars = n;
-        if (space.allocated) space.cells.resize(n, 0.0);
       }
       out_line({"Max. loops:", number_text(space.max_loops) + ", max. variables:", number_text(space.max_vars)});
       return;
@@ -247,7 +247,7 @@ void cmd_var() {
   if (c == '/') {
     next_char();
     const int cell = read_cell();
-    const std::uint32_t bits = static_cast<std::uint32_t>(cell_value(cell));
+    const std::uint32_t bits = static_cast<std::uint32_t>(clamp_ll(cell_value(cell)) & 0xffffffffLL);
     std::string s = "{ ";
     for (int b = 0; b < 30; ++b) if (bits & (1u << b)) s += number_text(b) + " ";
     s += "}";
@@ -396,8 +396,8 @@ void cmd_set() {
   if (op) {
     const double old = cell_value(cell);
     if (op == '/' && !space.float_mode) {
-      if (static_cast<long long>(value) == 0) error_exit("Can't divide by zero");
-      value = static_cast<double>(static_cast<long long>(old) / static_cast<long long>(value));
+      if (clamp_ll(value) == 0) error_exit("Can't divide by zero");
+      value = static_cast<double>(clamp_ll(old) / clamp_ll(value));
     } else {
       switch (op) {
         case '+': value = old + value; break;
@@ -407,9 +407,9 @@ void cmd_set() {
           if (value == 0) error_exit("Can't divide by zero");
           value = old / value;
           break;
-        case '&': value = static_cast<int>(old) & static_cast<int>(value); break;
-        case '|': value = static_cast<int>(old) | static_cast<int>(value); break;
-        case '^': value = static_cast<int>(old) ^ static_cast<int>(value); break;
+        case '&': value = clamp_int(old) & clamp_int(value); break;
+        case '|': value = clamp_int(old) | clamp_int(value); break;
+        case '^': value = clamp_int(old) ^ clamp_int(value); break;
       }
     }
   }
