@@ -11,6 +11,7 @@
 #include "script/commands.h"
 #include "script/expr.h"
 #include "script/reader.h"
+#include "script/scan.h"
 #include "script/space.h"
 #include "shell/commands.h"
 #include "shell/failure.h"
@@ -26,19 +27,6 @@ using namespace qax::shell;
 bool swap_continue();
 
 namespace {
-
-int next_nb() {
-  int c;
-  do c = next_char();
-  while (c > 0 && c < 33);
-  return c;
-}
-
-int peek_nb() {
-  const int c = next_nb();
-  unread_char();
-  return c;
-}
 
 // The error target of "goto [".
 struct ErrorTarget {

@@ -10,6 +10,7 @@
 
 #include "dataset/dataset.h"
 #include "script/reader.h"
+#include "script/scan.h"
 #include "script/space.h"
 #include "shell/failure.h"
 #include "shell/input.h"
@@ -23,13 +24,6 @@ using namespace qax::shell;
 namespace {
 
 bool blank(int c) { return c < 33 && c != 0; }
-
-int next_nb() {
-  int c;
-  do c = next_char();
-  while (blank(c));
-  return c;
-}
 
 std::int32_t as_int32(double v) { return clamp_int(v); }
 

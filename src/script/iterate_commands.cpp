@@ -9,6 +9,7 @@
 #include "script/commands.h"
 #include "script/expr.h"
 #include "script/reader.h"
+#include "script/scan.h"
 #include "script/space.h"
 #include "shell/commands.h"
 #include "shell/failure.h"
@@ -23,19 +24,6 @@ using namespace qax::shell;
 using qax::trees::tree_store;
 
 namespace {
-
-int next_nb() {
-  int c;
-  do c = next_char();
-  while (c > 0 && c < 33);
-  return c;
-}
-
-int peek_nb() {
-  const int c = next_nb();
-  unread_char();
-  return c;
-}
 
 // Flags the inner words of these loops set.
 struct InnerFlags {
