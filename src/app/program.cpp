@@ -92,6 +92,31 @@ void install_memory_hooks() {
   memory_hooks.nchar = [] { return qax::dataset::dataset.nchar; };
   memory_hooks.ntrees = [] { return qax::trees::tree_store.ntrees; };
   memory_hooks.vault_trees = [] { return qax::trees::tree_store.vault_count; };
+  memory_hooks.tree_bytes = []() -> std::uint64_t {
+    const auto& t = qax::trees::tree_store;
+    return t.rows.capacity() * sizeof(std::int32_t) + t.scores.capacity() * sizeof(double) +
+           t.group_bits.capacity() * sizeof(std::uint32_t);
+  };
+  memory_hooks.optimization_bytes = []() -> std::uint64_t {
+    const auto& p = qax::optim::packed;
+    return p.storage.capacity() * sizeof(std::uint32_t) + p.node_sets.capacity() * sizeof(p.node_sets[0]) +
+           p.packed_char.capacity() * sizeof(p.packed_char[0]) + p.pack_plan.capacity() * sizeof(p.pack_plan[0]);
+  };
+  memory_hooks.constraint_bytes = []() -> std::uint64_t {
+    const auto& c = qax::search::constraint_defs;
+    std::uint64_t n = c.tree.capacity() * sizeof(std::int32_t);
+    for (const auto& g : c.positive) n += g.field.capacity() + sizeof(g);
+    for (const auto& g : c.negative) n += g.field.capacity() + sizeof(g);
+    return n;
+  };
+  memory_hooks.name_bytes = []() -> std::uint64_t {
+    const auto& d = qax::dataset::dataset;
+    std::uint64_t n = 0;
+    for (const auto& s : d.character_names) n += s.empty() ? 0 : s.capacity() + 1;
+    for (const auto& v : d.state_names)
+      for (const auto& s : v) n += s.capacity() + 1;
+    return n;
+  };
 }
 
 }  // namespace

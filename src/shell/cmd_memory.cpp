@@ -31,8 +31,10 @@ std::uint64_t region_bytes(const int& tag) {
          static_cast<std::uint64_t>(arena.lock_stack[i].high - high_end);
 }
 
-void region_line(const int& tag, const std::string& text) {
-  std::uint64_t n = region_bytes(tag);
+std::uint64_t hook_bytes(std::uint64_t (*fn)()) { return fn ? fn() : 0; }
+
+void region_line(const int& tag, const std::string& text, std::uint64_t outside = 0) {
+  std::uint64_t n = region_bytes(tag) + outside;
   if (n == 0) return;
   out_text({"        ", bytes_text(n), " ", text, "\n"});
 }
@@ -43,19 +45,23 @@ void mxram_report() {
     out_text({"No ram used yet\n"});
     return;
   }
-  std::uint64_t used = ram_in_use();
+  const std::uint64_t trees = hook_bytes(memory_hooks.tree_bytes);
+  const std::uint64_t optimization = hook_bytes(memory_hooks.optimization_bytes);
+  const std::uint64_t constraints = hook_bytes(memory_hooks.constraint_bytes);
+  const std::uint64_t names = hook_bytes(memory_hooks.name_bytes);
+  std::uint64_t used = ram_in_use() + trees + optimization + constraints + names;
   out_text({"    ", bytes_text(ram_free_bytes()), " unused\n"});
   out_text({"    ", bytes_text(used), " in use:\n"});
   region_line(region_tags.data_matrix, "for data matrix (" + number_text(hook_count(memory_hooks.nchar)) +
                                            " chars., " + number_text(hook_count(memory_hooks.ntax)) + " taxa)");
-  std::string trees = "for " + number_text(hook_count(memory_hooks.ntrees)) + " trees";
+  std::string tree_text = "for " + number_text(hook_count(memory_hooks.ntrees)) + " trees";
   int vault = hook_count(memory_hooks.vault_trees);
-  if (vault > 0) trees += " (plus vault of " + number_text(vault) + " trees)";
-  region_line(region_tags.tree_buffer, trees);
-  region_line(region_tags.tree_optimization, "for tree optimization");
+  if (vault > 0) tree_text += " (plus vault of " + number_text(vault) + " trees)";
+  region_line(region_tags.tree_buffer, tree_text, trees);
+  region_line(region_tags.tree_optimization, "for tree optimization", optimization);
   region_line(region_tags.searches, "for tree searches");
-  region_line(region_tags.constraints, "for constraint definitions");
-  region_line(region_tags.character_names, "for character names");
+  region_line(region_tags.constraints, "for constraint definitions", constraints);
+  region_line(region_tags.character_names, "for character names", names);
 }
 
 // Gives back every lock (their owners' tags become 0), forgets the data and claims a

@@ -2,6 +2,8 @@
 // shared switches. Each reads its own arguments and fails through error_exit.
 #pragma once
 
+#include <cstdint>
+
 #include <string>
 
 namespace qax::shell {
@@ -64,6 +66,11 @@ struct MemoryHooks {
   int (*nchar)() = nullptr;          // characters of the matrix
   int (*ntrees)() = nullptr;         // trees in the tree buffer
   int (*vault_trees)() = nullptr;    // trees in the vault
+  // Bytes held outside the arena by the regions mxram reports (null: none).
+  std::uint64_t (*tree_bytes)() = nullptr;        // tree buffer and vault
+  std::uint64_t (*optimization_bytes)() = nullptr;  // packed matrix and node sets
+  std::uint64_t (*constraint_bytes)() = nullptr;  // constraint definitions
+  std::uint64_t (*name_bytes)() = nullptr;        // character and state names
 };
 extern MemoryHooks memory_hooks;
 
