@@ -10,6 +10,8 @@
 #include <string>
 
 #include "app/command_table.h"
+#include "support/command_helpers.h"
+#include "search/xmult.h"
 #include "script/commands.h"
 #include "search/settings.h"
 #include "app/help_text.h"
@@ -147,6 +149,8 @@ void install_subsystems() {
   import_hooks.newick = qax::trees::import_newick_file;
   install_memory_hooks();
   qax::script::install_script_layer();
+  qax::search::xmult_consensus_hooks.strict = qax::support::strict_consensus;
+  qax::search::xmult_consensus_hooks.read_excluded_taxa = qax::support::read_excluded_taxa;
   background_input_end = background_end_of_input;
   qax::trees::install_dataset_links();
   qax::trees::svg_tag_output = qax::graphics::svg_tags_command;

@@ -23,11 +23,12 @@
 #include "shell/input.h"
 #include "shell/output.h"
 #include "shell/state.h"
-#include "support/command_helpers.h"
-#include "support/consensus.h"
 #include "trees/store.h"
 
 namespace qax::search {
+
+XmultConsensusHooks xmult_consensus_hooks;
+
 
 using namespace qax::shell;
 using qax::trees::tree_store;
@@ -226,7 +227,8 @@ int consensus_nodes(Tree& result) {
   result.assign(static_cast<std::size_t>(tree_store.row_size), 0);
   std::vector<std::uint8_t> excluded = consensus_excluded;
   excluded.resize(tree_store.ntax, 0);
-  return support::strict_consensus(all, excluded, result.data(), false);
+  if (!xmult_consensus_hooks.strict) shell::error_exit("Consensus is not available in this build");
+  return xmult_consensus_hooks.strict(all, excluded, result.data(), false);
 }
 
 void print_xmult_settings() {
@@ -643,7 +645,8 @@ void cmd_xmult() {
       std::string w = read_option_word();
       if (!xmult_option(w)) error_exitf("Unidentified string in xmult options: %s", w.c_str());
     }
-    consensus_excluded = support::read_excluded_taxa();
+    if (!xmult_consensus_hooks.read_excluded_taxa) shell::error_exit("Consensus is not available in this build");
+    consensus_excluded = xmult_consensus_hooks.read_excluded_taxa();
     // Options that can't go together leave the settings as they were.
     const XmultSettings& x = xmult_settings;
     if (x.filter > 0 && x.keepall)

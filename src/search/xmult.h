@@ -58,4 +58,13 @@ extern double xmult_score;
 // Commands.
 void cmd_xmult();
 
+// The consensus routines xmult summarises its replications with; they belong to a later
+// layer and are installed by the application.
+struct XmultConsensusHooks {
+  int (*strict)(const std::vector<int>& trees, const std::vector<std::uint8_t>& excluded, std::int32_t* result,
+                bool low_memory) = nullptr;
+  std::vector<std::uint8_t> (*read_excluded_taxa)() = nullptr;
+};
+extern XmultConsensusHooks xmult_consensus_hooks;
+
 }  // namespace qax::search
