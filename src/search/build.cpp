@@ -21,6 +21,16 @@
 
 namespace qax::search {
 
+namespace {
+// Copies and fills that accept empty ranges (a data set may have no columns of a class).
+inline void copy_bytes(void* to, const void* from, std::size_t n) {
+  if (n) std::memcpy(to, from, n);
+}
+inline void fill_bytes(void* to, int value, std::size_t n) {
+  if (n) std::memset(to, value, n);
+}
+}  // namespace
+
 using qax::optim::packed;
 
 SearchSettings search_settings;
@@ -146,7 +156,7 @@ struct Regions {
   std::uint32_t* U(const Engine& e, int r) { return unions.data() + static_cast<std::size_t>(r) * e.W; }
   void exact_union(const Engine& e, int r) {
     std::uint32_t* un = U(e, r);
-    std::memset(un, 0, sizeof(std::uint32_t) * e.W);
+    fill_bytes(un, 0, sizeof(std::uint32_t) * e.W);
     for (int b : members[r]) union_sets(e.W, const_cast<Engine&>(e).E(b), un);
   }
   void build(Engine& e, const std::vector<int>& list, int count) {

@@ -15,6 +15,16 @@
 
 namespace qax::search {
 
+namespace {
+// Copies and fills that accept empty ranges (a data set may have no columns of a class).
+inline void copy_bytes(void* to, const void* from, std::size_t n) {
+  if (n) std::memcpy(to, from, n);
+}
+inline void fill_bytes(void* to, int value, std::size_t n) {
+  if (n) std::memset(to, value, n);
+}
+}  // namespace
+
 using namespace qax::optim::ops;
 using qax::optim::packed;
 
@@ -249,7 +259,7 @@ void Engine::init() {
   dirty_pos.reserve(nn);
   dirty_blocks.reserve(nn / block_size + 2);
   targets_ready = false;
-  for (int t = 0; t < nt; ++t) std::memcpy(D(t), packed.node_sets[t].down_set, sizeof(std::uint32_t) * W);
+  for (int t = 0; t < nt; ++t) copy_bytes(D(t), packed.node_sets[t].down_set, sizeof(std::uint32_t) * W);
   if (packed.weight_mode == optim::weights_equal) order_fields();
   has_wide = packed.wide.any();
   unit = has_wide ? packed.wide.unit : 1;
@@ -302,7 +312,7 @@ void Engine::order_fields() {
         const std::uint32_t v = values[static_cast<std::size_t>(score[k].second) * nt + t];
         out[k / per] |= r.width == 32 ? v : v << ((k % per) * r.width);
       }
-      std::memcpy(D(t) + r.start, out.data(), sizeof(std::uint32_t) * out.size());
+      copy_bytes(D(t) + r.start, out.data(), sizeof(std::uint32_t) * out.size());
     }
   }
 }
@@ -351,8 +361,8 @@ double Engine::compute_all() {
     steps += nsteps[n];
   }
   const int l0 = left[nt], x = right[nt];
-  std::memcpy(U(x), D(l0), sizeof(std::uint32_t) * W);
-  std::memcpy(U(l0), D(x), sizeof(std::uint32_t) * W);
+  copy_bytes(U(x), D(l0), sizeof(std::uint32_t) * W);
+  copy_bytes(U(l0), D(x), sizeof(std::uint32_t) * W);
   for (int k = 1; k < cnt; ++k) {
     int n = order[k];
     fitch_sets(L, U(n), D(right[n]), U(left[n]));
@@ -565,7 +575,7 @@ void Engine::prepare_targets() {
   const int nb = (cnt + block_size - 1) / block_size;
   for (int b = 0; b < nb; ++b) {
     std::uint32_t* un = sunion.data() + b * WS;
-    std::memset(un, 0, sizeof(std::uint32_t) * WS);
+    fill_bytes(un, 0, sizeof(std::uint32_t) * WS);
     for (int k = b * block_size; k < std::min(cnt, (b + 1) * block_size); ++k) union_sets(W, tptr[k], un);
     uptr[b] = un;
   }
@@ -585,7 +595,7 @@ std::uint32_t* Engine::mark_target(int node, const std::uint32_t* set) {
   if (!block_mark[b]) {
     block_mark[b] = 1;
     dirty_blocks.push_back(b);
-    std::memcpy(un, sunion.data() + b * WS, sizeof(std::uint32_t) * WS);
+    copy_bytes(un, sunion.data() + b * WS, sizeof(std::uint32_t) * WS);
     uptr[b] = un;
   }
   return un;
@@ -690,7 +700,7 @@ const std::uint32_t* Engine::lazy_target(int k) {
   const std::uint64_t keep = full_mask & ~umask[v];
   for (std::uint64_t m = keep; m; m &= m - 1) {
     const int lo = __builtin_ctzll(m) * chunk_words, hi = std::min(W, lo + chunk_words);
-    std::memcpy(e2 + lo, e + lo, sizeof(std::uint32_t) * (hi - lo));
+    copy_bytes(e2 + lo, e + lo, sizeof(std::uint32_t) * (hi - lo));
   }
   tptr[k] = e2;
   return e2;
@@ -787,12 +797,12 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
   int top = 0;
   // Rerooting sets of the clip: the identity first.
   int nc = 0;
-  std::memcpy(cset.data(), D(n), sizeof(std::uint32_t) * WS);
+  copy_bytes(cset.data(), D(n), sizeof(std::uint32_t) * WS);
   cnode[nc++] = n < nt ? n : left[n];
   if (tbr && n >= nt) {
     const int a = left[n], b = right[n];
-    std::memcpy(upc.data() + a * WS, D(b), sizeof(std::uint32_t) * WS);
-    std::memcpy(upc.data() + b * WS, D(a), sizeof(std::uint32_t) * WS);
+    copy_bytes(upc.data() + a * WS, D(b), sizeof(std::uint32_t) * WS);
+    copy_bytes(upc.data() + b * WS, D(a), sizeof(std::uint32_t) * WS);
     top = 0;
     stack[top++] = b;
     stack[top++] = a;
@@ -814,7 +824,7 @@ std::int32_t Engine::evaluate_clip(int n, bool tbr, bool saving, std::int32_t sa
   const int ncb = (nc + block_size - 1) / block_size;
   for (int b = 0; b < ncb; ++b) {
     std::uint32_t* un = cunion.data() + b * WS;
-    std::memset(un, 0, sizeof(std::uint32_t) * WS);
+    fill_bytes(un, 0, sizeof(std::uint32_t) * WS);
     for (int k = b * block_size; k < std::min(nc, (b + 1) * block_size); ++k) union_sets(W, cset.data() + k * WS, un);
   }
   std::int32_t ok;

@@ -9,6 +9,16 @@
 
 namespace qax::search {
 
+namespace {
+// Copies and fills that accept empty ranges (the tables of a kind of column may be empty).
+inline void copy_bytes(void* to, const void* from, std::size_t n) {
+  if (n) std::memcpy(to, from, n);
+}
+inline void fill_bytes(void* to, int value, std::size_t n) {
+  if (n) std::memset(to, value, n);
+}
+}  // namespace
+
 using optim::SankoffColumn;
 using optim::wide_infinity;
 using qax::optim::packed;
@@ -111,9 +121,9 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
     std::uint32_t* m = wmask2.data() + static_cast<std::size_t>(v) * ns;
     std::int32_t* e = wide2.E(v);
     std::int32_t* ce = wide2.CE(v);
-    std::memcpy(e, wide.E(v), sizeof(std::int32_t) * V);
-    std::memcpy(ce, wide.CE(v), sizeof(std::int32_t) * 2 * C);
-    std::memcpy(m, wide.masks.data() + static_cast<std::size_t>(v) * ns, sizeof(std::uint32_t) * ns);
+    copy_bytes(e, wide.E(v), sizeof(std::int32_t) * V);
+    copy_bytes(ce, wide.CE(v), sizeof(std::int32_t) * 2 * C);
+    copy_bytes(m, wide.masks.data() + static_cast<std::size_t>(v) * ns, sizeof(std::uint32_t) * ns);
     for (int i = 0; i < count; ++i) {
       const int q = list[i];
       if (q < static_cast<int>(ns)) {
@@ -146,8 +156,8 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       if (v < nt) continue;
       for (int side = 0; side < 2; ++side) {
         const int c = side ? right[v] : left[v], sib = side ? left[v] : right[v];
-        std::memcpy(wide2.U(c), wide.U(c), sizeof(std::int32_t) * V);
-        std::memcpy(wide2.CU(c), wide.CU(c), sizeof(std::int32_t) * 2 * C);
+        copy_bytes(wide2.U(c), wide.U(c), sizeof(std::int32_t) * V);
+        copy_bytes(wide2.CU(c), wide.CU(c), sizeof(std::int32_t) * 2 * C);
         int* lc = list_of(c);
         int cc = 0;
         const int* lv = list_of(v);
@@ -164,8 +174,8 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
   if (whole) {
     const int z = left[nt];
     wide2.root_outside(wide.D(z), wide.CD(z), wide2.U(z), wide2.CU(z));
-    std::memcpy(wide2.E(z), wide2.U(z), sizeof(std::int32_t) * V);
-    std::memcpy(wide2.CE(z), wide.CD(z), sizeof(std::int32_t) * 2 * C);
+    copy_bytes(wide2.E(z), wide2.U(z), sizeof(std::int32_t) * V);
+    copy_bytes(wide2.CE(z), wide.CD(z), sizeof(std::int32_t) * 2 * C);
     std::uint32_t* m = wmask2.data() + static_cast<std::size_t>(z) * ns;
     for (std::size_t q = 0; q < ns; ++q) m[q] = zero_states(wide2.E(z) + cols[q].offset, cols[q].k);
     e2p[z] = wide2.E(z);
@@ -174,8 +184,8 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
     overlay.push_back(z);
   } else {
     // s takes p's place: its outside set is p's, different from its own in any column.
-    std::memcpy(wide2.U(s), wide.U(p), sizeof(std::int32_t) * V);
-    std::memcpy(wide2.CU(s), wide.CU(p), sizeof(std::int32_t) * 2 * C);
+    copy_bytes(wide2.U(s), wide.U(p), sizeof(std::int32_t) * V);
+    copy_bytes(wide2.CU(s), wide.CU(p), sizeof(std::int32_t) * 2 * C);
     {
       int* ls = list_of(s);
       int cc = 0;
@@ -201,8 +211,8 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       for (int q = 0; q < ncols; ++q)
         if (!same_col(q, dc, dorig, cdc, cdorig)) path_cols[pc++] = q;
       if (!pc) break;
-      std::memcpy(wide2.U(o), wide.U(o), sizeof(std::int32_t) * V);
-      std::memcpy(wide2.CU(o), wide.CU(o), sizeof(std::int32_t) * 2 * C);
+      copy_bytes(wide2.U(o), wide.U(o), sizeof(std::int32_t) * V);
+      copy_bytes(wide2.CU(o), wide.CU(o), sizeof(std::int32_t) * 2 * C);
       int* lo = list_of(o);
       int cc = 0;
       for (int i = 0; i < pc; ++i) {
@@ -213,8 +223,8 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       wcount[o] = cc;
       if (cc) follow(o);
       // The path node itself: first-pass set again in the changed columns.
-      std::memcpy(wide2.D(v), wide.D(v), sizeof(std::int32_t) * V);
-      std::memcpy(wide2.CD(v), wide.CD(v), sizeof(std::int32_t) * 2 * C);
+      copy_bytes(wide2.D(v), wide.D(v), sizeof(std::int32_t) * V);
+      copy_bytes(wide2.CD(v), wide.CD(v), sizeof(std::int32_t) * 2 * C);
       int* lv = list_of(v);
       int cv = 0;
       for (int i = 0; i < pc; ++i) {
@@ -260,10 +270,10 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
   auto KD = [&](int v, std::size_t q) -> std::int32_t { return v < nt ? 0 : wide.offsets[static_cast<std::size_t>(v) * ns + q]; };
   if (nc > 1 && n >= nt) {
     const int a = left[n], b = right[n];
-    std::memcpy(O(a), wide.D(b), sizeof(std::int32_t) * V);
-    std::memcpy(O(b), wide.D(a), sizeof(std::int32_t) * V);
-    std::memcpy(OR(a), wide.CD(b), sizeof(std::int32_t) * 2 * C);
-    std::memcpy(OR(b), wide.CD(a), sizeof(std::int32_t) * 2 * C);
+    copy_bytes(O(a), wide.D(b), sizeof(std::int32_t) * V);
+    copy_bytes(O(b), wide.D(a), sizeof(std::int32_t) * V);
+    copy_bytes(OR(a), wide.CD(b), sizeof(std::int32_t) * 2 * C);
+    copy_bytes(OR(b), wide.CD(a), sizeof(std::int32_t) * 2 * C);
     for (std::size_t q = 0; q < ns; ++q) {
       OK(a)[q] = KD(b, q);
       OK(b)[q] = KD(a, q);
@@ -322,7 +332,7 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       }
     }
     std::int32_t* R = wclip_range.data() + static_cast<std::size_t>(j) * 2 * C;
-    if (identity) std::memcpy(R, wide.CD(n), sizeof(std::int32_t) * 2 * C);
+    if (identity) copy_bytes(R, wide.CD(n), sizeof(std::int32_t) * 2 * C);
     else
       for (int q = 0; q < C; ++q) combine(wide.CD(v) + 2 * q, OR(v) + 2 * q, R + 2 * q);
     wclip_delta[j] = delta;
@@ -492,7 +502,7 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
           old_min = mn;
           std::int32_t* x = wide.D(v) + col.offset;
           if (std::memcmp(x, tc, sizeof(std::int32_t) * col.k) != 0) {
-            std::memcpy(x, tc, sizeof(std::int32_t) * col.k);
+            copy_bytes(x, tc, sizeof(std::int32_t) * col.k);
             dv[i] |= 1ull << (q % 64);
           }
         } else {
@@ -538,7 +548,7 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
       normalise(tc, col.k);
       std::int32_t* x = wide.U(c) + col.offset;
       if (std::memcmp(x, tc, sizeof(std::int32_t) * col.k) != 0) {
-        std::memcpy(x, tc, sizeof(std::int32_t) * col.k);
+        copy_bytes(x, tc, sizeof(std::int32_t) * col.k);
         uc[q / 64] |= 1ull << (q % 64);
       }
     } else {

@@ -18,6 +18,16 @@
 
 namespace qax::search {
 
+namespace {
+// Copies and fills that accept empty ranges (a data set may have no columns of a class).
+inline void copy_bytes(void* to, const void* from, std::size_t n) {
+  if (n) std::memcpy(to, from, n);
+}
+inline void fill_bytes(void* to, int value, std::size_t n) {
+  if (n) std::memset(to, value, n);
+}
+}  // namespace
+
 using qax::optim::packed;
 using qax::trees::tree_store;
 
@@ -91,7 +101,7 @@ int store_add(std::vector<std::int32_t>& tree, double score) {
   make_key(tree.data(), key_scratch);
   if (find_key(key_scratch, score) >= 0) return -1;
   const int k = trees::tree_store_add(-1, false);
-  std::memcpy(trees::tree_row(k), tree.data(), sizeof(std::int32_t) * tree_store.row_size);
+  copy_bytes(trees::tree_row(k), tree.data(), sizeof(std::int32_t) * tree_store.row_size);
   tree_store.scores[k] = score;
   if (static_cast<int>(keys.size()) <= k) keys.resize(k + 1);
   keys[k] = key_scratch;
