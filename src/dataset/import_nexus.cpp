@@ -831,7 +831,7 @@ std::vector<int> NexusReader::read_char_list(bool& ended) {
   std::vector<std::string> joined;
   for (std::size_t i = 0; i < words.size(); ++i) {
     if (words[i] == "-" && !joined.empty() && i + 1 < words.size()) { joined.back() += "-" + words[++i]; continue; }
-    if (!joined.empty() && joined.back().back() == '-') { joined.back() += words[i]; continue; }
+    if (!joined.empty() && !joined.back().empty() && joined.back().back() == '-') { joined.back() += words[i]; continue; }
     if (words[i].size() > 1 && words[i][0] == '-' && !joined.empty()) { joined.back() += words[i]; continue; }
     joined.push_back(words[i]);
   }
