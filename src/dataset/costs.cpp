@@ -55,7 +55,11 @@ std::uint32_t read_state_set(const char* context_error) {
     else if (std::isalpha(ch)) {
       const std::uint32_t s = dataset.symbols[ch & 0xFF];
       if (dataset.data_format == format_numeric || dataset.data_format == format_continuous)
-        v = 1u << (10 + (std::toupper(ch) - 'A'));
+      {
+        // Letters stand for states 10 to 31 (A to V); later letters are no state.
+        const int state = 10 + (std::toupper(ch) - 'A');
+        v = state < 32 ? 1u << state : 0;
+      }
       else v = s;
     }
     if (!v) {
