@@ -21,15 +21,6 @@
 
 namespace qax::search {
 
-namespace {
-// Copies and fills that accept empty ranges (a data set may have no columns of a class).
-inline void copy_bytes(void* to, const void* from, std::size_t n) {
-  if (n) std::memcpy(to, from, n);
-}
-inline void fill_bytes(void* to, int value, std::size_t n) {
-  if (n) std::memset(to, value, n);
-}
-}  // namespace
 
 using qax::optim::packed;
 

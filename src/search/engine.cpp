@@ -1,5 +1,6 @@
 // The engine's set passes, the evaluation of all moves of one clip, and moves on the
 // unrooted adjacency.
+#include "search/search_internal.h"
 #include "search/engine.h"
 
 #include <algorithm>
@@ -15,15 +16,6 @@
 
 namespace qax::search {
 
-namespace {
-// Copies and fills that accept empty ranges (a data set may have no columns of a class).
-inline void copy_bytes(void* to, const void* from, std::size_t n) {
-  if (n) std::memcpy(to, from, n);
-}
-inline void fill_bytes(void* to, int value, std::size_t n) {
-  if (n) std::memset(to, value, n);
-}
-}  // namespace
 
 using namespace qax::optim::ops;
 using qax::optim::packed;

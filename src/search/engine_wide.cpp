@@ -5,19 +5,11 @@
 #include <climits>
 #include <cstring>
 
+#include "search/search_internal.h"
 #include "search/engine.h"
 
 namespace qax::search {
 
-namespace {
-// Copies and fills that accept empty ranges (the tables of a kind of column may be empty).
-inline void copy_bytes(void* to, const void* from, std::size_t n) {
-  if (n) std::memcpy(to, from, n);
-}
-inline void fill_bytes(void* to, int value, std::size_t n) {
-  if (n) std::memset(to, value, n);
-}
-}  // namespace
 
 using optim::SankoffColumn;
 using optim::wide_infinity;

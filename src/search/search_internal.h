@@ -157,3 +157,16 @@ namespace qax::search {
 // with step-matrix or continuous characters active they refuse to run (error_exit).
 void require_narrow_data(const char* what);
 }  // namespace qax::search
+
+#include <cstring>
+
+namespace qax::search {
+// Copies and fills that accept empty ranges (a data set may have no columns of a class,
+// and the tables of an empty class have no storage).
+inline void copy_bytes(void* to, const void* from, std::size_t n) {
+  if (n) std::memcpy(to, from, n);
+}
+inline void fill_bytes(void* to, int value, std::size_t n) {
+  if (n) std::memset(to, value, n);
+}
+}  // namespace qax::search
