@@ -133,6 +133,53 @@ const std::uint32_t* final_of_node(const CollapseWork& w, int n) {
   return n < w.nterm ? w.ns[n].down_set : w.ns[n].final_set;
 }
 
+// The states the exact per-character passes give a terminal. In the packed view they are
+// the states the packed sets score, so that the set rules (rule 1, amb) reach the verdict of
+// the packed sets on every tree: characters left out of the packing (constant or
+// uninformative) support nothing, nonadditive cells made only of states seen once become
+// missing, additive cells are clamped to the kept range. In the raw view (rule 3, whether
+// any best reconstruction has a change) every active character counts as observed. Either
+// way an additive polymorphic cell is the range from its lowest to its highest state.
+struct ScoredCells {
+  std::vector<int> row;  // per character: its packing row, -1 none
+  bool raw = false;
+  void prepare(bool raw_view) {
+    raw = raw_view;
+    row.assign(dataset.nchar, -1);
+    if (raw) return;
+    for (int r = 0; r < static_cast<int>(packed.pack_plan.size()); ++r) {
+      const int c = packed.pack_plan[r].character;
+      if (c >= 0 && c < dataset.nchar) row[c] = r;
+    }
+  }
+  bool scored(int c) const {
+    return raw || (c < static_cast<int>(packed.char_packed.size()) && packed.char_packed[c] != 0);
+  }
+  // ~0u for a missing entry.
+  std::uint32_t cell(int c, int taxon) const {
+    std::uint32_t v = dataset.cell(taxon, c);
+    if (v == dataset.missing_value() || v == 0) return ~0u;
+    if (raw) {
+      const auto& ch = dataset.chars[c];
+      return ch.additive && !ch.sankoff ? range_of(v, 0, 31) : v;
+    }
+    if (row[c] < 0) return v;
+    const PackPlan& r = packed.pack_plan[row[c]];
+    if (!r.additive) {
+      v &= r.kept;
+      return v ? v : ~0u;
+    }
+    return range_of(v, r.low_state, r.low_state + r.columns);
+  }
+  // The states from the lowest to the highest of v, clamped to [lo_k, hi_k].
+  static std::uint32_t range_of(std::uint32_t v, int lo_k, int hi_k) {
+    const int lo = std::clamp(std::countr_zero(v), lo_k, hi_k);
+    const int hi = std::clamp(31 - std::countl_zero(v), lo_k, hi_k);
+    const std::uint32_t upto = hi >= 31 ? ~0u : (2u << hi) - 1;
+    return upto & ~((1u << lo) - 1);
+  }
+};
+
 // Maximum length above 0 on binary branch (anc[n], n): some reconstruction of some active
 // character puts a change there. Exact per character: down costs D, and for the ancestor
 // the cost of the rest of the tree R; the branch can change when some s != t has
@@ -143,14 +190,16 @@ void max_length_flags(const CollapseWork& w, std::vector<std::uint8_t>& changes)
   changes.assign(nodes, 0);
   std::vector<int> post(w.preorder.rbegin(), w.preorder.rend());
   std::vector<long long> D(static_cast<std::size_t>(nodes) * 32), Out(static_cast<std::size_t>(nodes) * 32);
+  ScoredCells sc;
+  sc.prepare(true);
   for (int c = 0; c < dataset.nchar; ++c) {
     const auto& ch = dataset.chars[c];
     if (!ch.active || ch.is_continuous) continue;
     // States from 0 to the highest one observed on the tree's terminals.
     int ns = 1;
     for (int t = 0; t < w.nterm; ++t) {
-      const std::uint32_t v = dataset.cell(packed.from_packed[t], c);
-      if (v != dataset.missing_value() && v != 0) ns = std::max(ns, 32 - std::countl_zero(v));
+      const std::uint32_t v = sc.cell(c, packed.from_packed[t]);
+      if (v != ~0u) ns = std::max(ns, 32 - std::countl_zero(v));
     }
     // Cost tables count from the parent's state s to the child's state t.
     const bool table = ch.sankoff != 0;
@@ -167,8 +216,7 @@ void max_length_flags(const CollapseWork& w, std::vector<std::uint8_t>& changes)
     auto o = [&](int n) { return Out.data() + static_cast<std::size_t>(n) * 32; };
     for (int t = 0; t < w.nterm; ++t) {
       if (w.anc[t] < 0 && t != w.root) continue;
-      std::uint32_t v = dataset.cell(packed.from_packed[t], c);
-      if (v == dataset.missing_value() || v == 0) v = ~0u;
+      const std::uint32_t v = sc.cell(c, packed.from_packed[t]);
       for (int s = 0; s < ns; ++s) d(t)[s] = (v >> s & 1) ? 0 : inf;
     }
     auto best_to = [&](const long long* x, int s) {
@@ -281,7 +329,7 @@ void continuous_facts(const std::vector<std::vector<int>>& kids, const std::vect
   }
 }
 
-void polytomy_facts(const std::int32_t* tree, int ntax, EdgeFacts& f) {
+void polytomy_facts(const std::int32_t* tree, int ntax, bool raw_view, EdgeFacts& f) {
   constexpr long long inf = LLONG_MAX / 8;
   const int end = std::max(tree[ntax], ntax + 1);
   std::vector<std::vector<int>> kids(end);
@@ -296,17 +344,18 @@ void polytomy_facts(const std::int32_t* tree, int ntax, EdgeFacts& f) {
   for (int v = 0; v < end; ++v) f.zero[v] = 1;
   std::vector<long long> D(static_cast<std::size_t>(end) * 32), O(static_cast<std::size_t>(end) * 32);
   std::vector<long long> R(32);
+  ScoredCells sc;
+  sc.prepare(raw_view);
   for (int c = 0; c < dataset.nchar; ++c) {
     const auto& ch = dataset.chars[c];
-    if (!ch.active) continue;
+    if (!ch.active || (!ch.is_continuous && !sc.scored(c))) continue;
     if (ch.is_continuous) {
       if (ch.format == dataset::format_continuous) continuous_facts(kids, pre, ntax, c, f);
       continue;
     }
     auto cell = [&](int t) -> std::uint32_t {
       const bool active = t < static_cast<int>(dataset.taxon_active.size()) ? dataset.taxon_active[t] != 0 : true;
-      std::uint32_t v = dataset.cell(t, c);
-      return (!active || v == dataset.missing_value() || v == 0) ? ~0u : v;
+      return active ? sc.cell(c, t) : ~0u;
     };
     int ns = 1;
     for (int t = 0; t < ntax; ++t) {
@@ -400,7 +449,7 @@ void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, co
   // one character at a time.
   if (w.polytomy || packed.wide.any()) {
     EdgeFacts f;
-    polytomy_facts(tree, ntax, f);
+    polytomy_facts(tree, ntax, rule == collapse_rule3, f);
     for (int v = ntax + 1; v < end; ++v) {
       if (tree[v] < ntax || tree[v] >= end || w.map[v] < 0 || w.selected[v] < 2) continue;
       if (tree[v] != ntax && w.selected[tree[v]] == w.selected[v]) continue;  // no branch of its own

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <climits>
 #include <cstdlib>
 #include <random>
@@ -29,8 +30,8 @@ namespace {
 
 std::vector<std::uint32_t>& cells = qax::test::matrix_cells();
 
-// Random matrix: nonadditive characters of 2-4 states with polymorphisms and missing
-// entries, additive ones with single states or missing.
+// Random matrix: nonadditive and additive characters of 2-4 states with polymorphisms and
+// missing entries (an additive polymorphism is scored as the range of its states).
 void random_matrix(std::mt19937& rng, int ntax, int nchar) {
   qax::test::install_matrix(ntax, nchar);
   ds::Dataset& d = ds::dataset;
@@ -44,7 +45,7 @@ void random_matrix(std::mt19937& rng, int ntax, int nchar) {
       std::uint32_t v = 1u << U(nst);
       const int r = U(12);
       if (r == 0) v = 0xFFFFFFFFu;
-      else if (r == 1 && !add) v |= 1u << U(nst);
+      else if (r == 1) v |= 1u << U(nst);
       cells[static_cast<std::size_t>(t) * nchar + c] = v;
     }
   }
@@ -81,6 +82,10 @@ BranchFacts reference(const std::vector<std::int32_t>& parent, int c) {
   for (int v : post) {
     if (v < ntax) {
       std::uint32_t x = d.cell(v, c);
+      if (d.chars[c].additive && x != 0xFFFFFFFFu) {
+        const int lo = std::countr_zero(x), hi = 31 - std::countl_zero(x);
+        for (int s = lo; s <= hi; ++s) x |= 1u << s;
+      }
       for (int s = 0; s < S; ++s) D[v][s] = (x >> s & 1) ? 0 : inf;
       continue;
     }
