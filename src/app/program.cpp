@@ -11,6 +11,7 @@
 
 #include "app/command_table.h"
 #include "support/command_helpers.h"
+#include "search/swap_collapse.h"
 #include "search/xmult.h"
 #include "script/commands.h"
 #include "search/settings.h"
@@ -149,6 +150,7 @@ void install_subsystems() {
   import_hooks.newick = qax::trees::import_newick_file;
   install_memory_hooks();
   qax::script::install_script_layer();
+  qax::optim::swap_collapse_hook = qax::search::swap_collapse;
   qax::search::xmult_consensus_hooks.strict = qax::support::strict_consensus;
   qax::search::xmult_consensus_hooks.read_excluded_taxa = qax::support::read_excluded_taxa;
   background_input_end = background_end_of_input;

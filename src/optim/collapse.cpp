@@ -432,6 +432,8 @@ void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, co
   if (rule == collapse_none) return;
   if (!dataset.loaded) shell::error_exit("Must read data first");
   ensure_packed();
+  const int asked = rule;
+  const bool swapping = asked == collapse_spr || asked == collapse_tbr;
   if (rule == collapse_rule4 || rule >= collapse_spr) rule = collapse_rule1;
   static CollapseWork w;
   if (!load_and_score(tree, ntax, w)) return;
@@ -444,6 +446,15 @@ void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, co
       ++w.selected[a];
       if (a == ntax) break;
     }
+  }
+  // SPR and TBR collapsing: the groups equal-score moves remove.
+  std::vector<std::uint8_t> gone;
+  if (swapping && !w.polytomy && swap_collapse_hook && swap_collapse_hook(tree, asked == collapse_tbr, gone)) {
+    for (int v = ntax + 1; v < end; ++v) {
+      if (tree[v] < ntax || tree[v] >= end || w.map[v] < 0 || w.selected[v] < 2) continue;
+      if (v < static_cast<int>(gone.size()) && gone[v]) keep[v] = 0;
+    }
+    return;
   }
   // Trees with polytomies, and any tree when cost tables are packed apart from the words:
   // one character at a time.
@@ -484,13 +495,20 @@ void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, co
   }
 }
 
+// The rule for trees a search stores: the swapping rules would need the search engine while
+// the search is using it, and rule 4 would make several trees of one.
+static int store_rule() noexcept {
+  const int r = collapse_settings.rule;
+  return r >= collapse_rule4 ? static_cast<int>(collapse_rule1) : r;
+}
+
 void collapse_marks(const std::int32_t* tree, std::uint8_t* collapsed) {
   const int ntax = dataset.ntax;
   const int n = 2 * ntax - 1;
   std::fill(collapsed, collapsed + n, 0);
   if (collapse_settings.rule == collapse_none) return;
   std::vector<std::uint8_t> keep;
-  collapse_tree(tree, keep, nullptr);
+  collapse_tree(tree, keep, nullptr, store_rule());
   for (int v = ntax + 1; v < n && v < static_cast<int>(keep.size()); ++v) collapsed[v] = keep[v] ? 0 : 1;
 }
 
@@ -528,7 +546,7 @@ int collapsed_copy(const std::int32_t* tree, std::vector<std::int32_t>& out, int
 void collapse_for_store(std::int32_t* tree) {
   if (collapse_settings.rule == collapse_none) return;
   std::vector<std::uint8_t> keep;
-  collapse_tree(tree, keep, nullptr);
+  collapse_tree(tree, keep, nullptr, store_rule());
   collapse_in_place(tree, dataset.ntax, keep);
 }
 

@@ -36,7 +36,7 @@ extern CollapseSettings collapse_settings;
 // the data when needed. `ignore` (one byte per taxon, may be null) names taxa whose
 // presence does not make a group: a node with fewer than 2 other taxa below is kept, and
 // a node is compared with its nearest ancestor that has more of the other taxa.
-// Rules 4 to 6 give the flags of rule 1 here (rule 4 needs condense, 5 and 6 a search).
+// Rule 4 gives the flags of rule 1 here (it needs condense); rules 5 and 6 swap the tree.
 // Fails by error_exit only when there is no data.
 void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, const std::uint8_t* ignore = nullptr,
                    int rule = -1);
@@ -51,7 +51,8 @@ void collapse_marks(const std::int32_t* tree, std::uint8_t* collapsed);
 int collapsed_copy(const std::int32_t* tree, std::vector<std::int32_t>& out, int rule = -1);
 
 // The search's store hook: collapses the tree in place under the current rule (rules 4 to 6
-// act as rule 1 here) and renumbers it canonically. Nothing happens under rule 0.
+// act as rule 1 here: trees are stored while the search engine is busy) and renumbers it
+// canonically. Nothing happens under rule 0.
 void collapse_for_store(std::int32_t* tree);
 
 // Removes the nodes with keep[v] == 0 from a parent array in place and renumbers it.
@@ -60,6 +61,13 @@ void collapse_in_place(std::int32_t* tree, int ntax, const std::vector<std::uint
 // For a search: rule-1 flags (1 stays) of a binary WorkTree whose final sets are current in
 // packed.node_sets (tree_score mode 2 or more). flags is sized tree.nnodes. No allocation.
 void collapse_work_flags(const WorkTree& tree, std::uint8_t* flags) noexcept;
+
+// Installed by the search: for a tree binary on the active taxa, marks in `gone` (sized to
+// the tree's nodes, data set numbering) the inner nodes whose group some SPR (tbr false) or
+// TBR move to a tree of the same score removes. False when the tree can't be swapped (not
+// binary on the active taxa); levels 5 and 6 then give the flags of rule 1.
+using SwapCollapseFn = bool (*)(const std::int32_t* tree, bool tbr, std::vector<std::uint8_t>& gone);
+extern SwapCollapseFn swap_collapse_hook;
 
 // Installed by the constraint code when constraints are defined: true when the taxa flagged
 // in `inside` (one byte per taxon of the data set) form a positive constraint group, so that

@@ -22,6 +22,7 @@ using qax::dataset::dataset;
 using qax::trees::tree_store;
 
 ConstrainedGroupFn constrained_group_hook = nullptr;
+SwapCollapseFn swap_collapse_hook = nullptr;
 
 namespace {
 

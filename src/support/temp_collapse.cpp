@@ -48,10 +48,6 @@ TempCollapse::TempCollapse(const char* command, bool enable) {
     --v.depth;
     shell::error_exitf("Error (%s): cannot use rule 4 to collapse during consensus calculation", command);
   }
-  if (rule == qax::optim::collapse_spr || rule == qax::optim::collapse_tbr) {
-    --v.depth;
-    shell::error_exitf("Error (%s): cannot use SPR or TBR to collapse during consensus calculation", command);
-  }
   // The pack is not marked stale when the matrix or its settings change, so it is made
   // afresh once for the command: the collapsing rules read the terminals' packed sets.
   qax::optim::pack_data(false, false);

@@ -18,11 +18,13 @@
 #include "app/command_table.h"
 #include "app/program.h"
 #include "dataset/dataset.h"
+#include "optim/collapse.h"
 #include "optim/kernels.h"
 #include "optim/packed.h"
 #include "search/engine.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
+#include "search/swap_collapse.h"
 #include "shell/arena.h"
 #include "shell/commands.h"
 #include "shell/input.h"
@@ -106,10 +108,9 @@ void enumerate(int n, const std::function<void(const Edges&)>& visit) {
   rec(3, e);
 }
 
-// All trees one TBR move away (the tree itself excluded), as split sets.
-std::set<std::set<std::vector<int>>> tbr_neighbours(const Edges& edges, int ntax, int nvert) {
-  std::set<std::set<std::vector<int>>> out;
-  const auto self = splits_of(parent_from_edges(edges, ntax, nvert), ntax);
+// Every tree one TBR move away (the tree itself too, and repeats), as parent arrays.
+void for_each_tbr_neighbour(const Edges& edges, int ntax, int nvert,
+                            const std::function<void(const std::vector<std::int32_t>&)>& visit) {
   for (std::size_t cut = 0; cut < edges.size(); ++cut) {
     Edges rest;
     for (std::size_t k = 0; k < edges.size(); ++k) if (k != cut) rest.push_back(edges[k]);
@@ -156,12 +157,50 @@ std::set<std::set<std::vector<int>>> tbr_neighbours(const Edges& edges, int ntax
       }
       int u = ia >= 0 ? x : -1 - ia, v = ib >= 0 ? y : -1 - ib;
       t.push_back({u, v});
-      // Renumber inner vertices without gaps (parent_from_edges ignores numbering).
-      auto s = splits_of(parent_from_edges(t, ntax, nvert + 2), ntax);
-      if (s != self) out.insert(s);
+      visit(parent_from_edges(t, ntax, nvert + 2));
     }
   }
+}
+
+// All trees one TBR move away (the tree itself excluded), as split sets.
+std::set<std::set<std::vector<int>>> tbr_neighbours(const Edges& edges, int ntax, int nvert) {
+  std::set<std::set<std::vector<int>>> out;
+  const auto self = splits_of(parent_from_edges(edges, ntax, nvert), ntax);
+  for_each_tbr_neighbour(edges, ntax, nvert, [&](const std::vector<std::int32_t>& p) {
+    auto s = splits_of(p, ntax);
+    if (s != self) out.insert(s);
+  });
   return out;
+}
+
+// Every tree one SPR move away with the tree rooted on taxon 0: a subtree without taxon 0
+// (not the whole side opposite it) pruned and regrafted on any branch of the rest.
+void for_each_spr_neighbour(const std::vector<std::int32_t>& parent, int ntax,
+                            const std::function<void(const std::vector<std::int32_t>&)>& visit) {
+  const int end = parent[ntax];
+  for (int v = 1; v < end; ++v) {
+    if (v == ntax || parent[v] == ntax) continue;
+    // Taxa and nodes below v.
+    std::vector<std::uint8_t> inside(end, 0);
+    for (int x = 0; x < end; ++x) {
+      if (x == ntax) continue;
+      for (int a = x; a != ntax; a = parent[a])
+        if (a == v) { inside[x] = 1; break; }
+    }
+    const int p = parent[v], g = parent[p];
+    for (int x = 0; x < end; ++x) {
+      if (x == ntax || inside[x] || x == p) continue;
+      std::vector<std::int32_t> t = parent;
+      // Remove p: v's sister goes up to g.
+      for (int y = 0; y < end; ++y)
+        if (y != ntax && y != v && t[y] == p) t[y] = g;
+      // p goes on the branch above x (x's parent as it is now, p's sister case included).
+      t[p] = t[x];
+      t[x] = p;
+      t[v] = p;
+      visit(t);
+    }
+  }
 }
 
 Edges random_edges(int n, std::mt19937& rng) {
@@ -532,4 +571,50 @@ TEST_F(Search, ClusteredAndInformativeBuildsPlaceAtCheapestBranches) {
   EXPECT_TRUE(has(run("mult=replic 1 wagner wcluster 10 cas 3;"), "Cannot use selected addseqs together with clusters"));
   EXPECT_TRUE(has(run("rseed [; mult=replic 1 wagner wcluster 10 ras;"),
                   "Sorry, wagner trees with node-clusters can't be done with random insertion sequence"));
+}
+
+// Collapsing by swapping against brute force: a group collapses when some neighbour of the
+// same score (by the slow scorer) lacks it.
+TEST_F(Search, SwapCollapsingMatchesEqualScoreNeighbours) {
+  std::mt19937 rng(23);
+  optim::swap_collapse_hook = search::swap_collapse;
+  int collapsed[2] = {0, 0}, kept[2] = {0, 0};
+  for (int round = 0; round < 24; ++round) {
+    const int n = 6 + round % 4;
+    Edges edges = random_edges(n, rng);
+    // Characters that fit the tree give supported groups, random ones mostly unsupported.
+    run(round % 3 ? tree_matrix(edges, n, 4 + round % 7, rng) : random_matrix(n, 3 + round % 5, 3, rng));
+    optim::pack_data();
+    const auto parent = parent_from_edges(edges, n, 2 * n - 2);
+    const int score = slow_length(parent.data());
+    for (int tbr = 0; tbr < 2; ++tbr) {
+      std::set<std::vector<int>> lost;
+      const auto own = splits_of(parent, n);
+      auto check = [&](const std::vector<std::int32_t>& t) {
+        if (slow_length(t.data()) != score) return;
+        const auto s = splits_of(t, n);
+        for (const auto& g : own) if (!s.count(g)) lost.insert(g);
+      };
+      if (tbr) for_each_tbr_neighbour(edges, n, 2 * n - 2, check);
+      else for_each_spr_neighbour(parent, n, check);
+      std::vector<std::uint8_t> keep;
+      optim::collapse_tree(parent.data(), keep, nullptr, tbr ? optim::collapse_tbr : optim::collapse_spr);
+      // Each inner node's group, on the side without taxon 0.
+      std::vector<std::vector<int>> below(parent[n]);
+      for (int t = 1; t < n; ++t)
+        for (int a = parent[t]; a != n; a = parent[a]) below[a].push_back(t);
+      for (int v = n + 1; v < parent[n]; ++v) {
+        auto g = below[v];
+        std::sort(g.begin(), g.end());
+        if (g.size() < 2 || static_cast<int>(g.size()) > n - 2) continue;
+        EXPECT_EQ(keep[v], lost.count(g) ? 0 : 1) << (tbr ? "TBR" : "SPR") << ", round " << round << ", node " << v;
+        ++(keep[v] ? kept : collapsed)[tbr];
+      }
+    }
+  }
+  // Both verdicts occur under both rules.
+  EXPECT_GT(collapsed[0], 10);
+  EXPECT_GT(kept[0], 10);
+  EXPECT_GT(collapsed[1], 10);
+  EXPECT_GT(kept[1], 10);
 }
