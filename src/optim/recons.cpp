@@ -150,6 +150,84 @@ Vec soft_additive(const std::vector<const Vec*>& kids, std::uint32_t states) {
   return out;
 }
 
+// Least number of states meeting every set of `sets` (each one non-empty), given the states
+// already `chosen` at `depth`; `best` is lowered to each smaller size found. Branches on the
+// states of the unmet set with fewest states; the count of pairwise disjoint unmet sets
+// bounds what remains.
+void hitting_search(const std::vector<std::uint32_t>& sets, std::uint32_t chosen, int depth, int& best) {
+  std::uint32_t smallest = 0;
+  int lower = 0;
+  std::uint32_t packed_states = 0;
+  for (std::uint32_t x : sets) {
+    if (x & chosen) continue;
+    if (!smallest || std::popcount(x) < std::popcount(smallest)) smallest = x;
+    if (!(x & packed_states)) { ++lower; packed_states |= x; }
+  }
+  if (!smallest) { best = std::min(best, depth); return; }
+  if (depth + lower >= best) return;
+  for (std::uint32_t a = smallest; a; a &= a - 1) hitting_search(sets, chosen | (a & -a), depth + 1, best);
+}
+
+// Soft polytomy, unordered states, any number of states. The least cost of a child is m_k,
+// reached in the states Z_k. With the enumeration of sets T above, the cost of the node in
+// state s comes to sum(m_k) + H - 1 when s belongs to some least set H of states meeting
+// every Z_k, and sum(m_k) + H otherwise (a child left unmet costs at least one step, as does
+// one more state in T). When one state meets every Z_k (H = 1), a node in another state s
+// costs the least of 2 (all children in that state), 1 plus the least excess of s in a
+// child (one subtree in s), and the children's summed excess of s (all in s).
+Vec soft_nonadditive_sets(const std::vector<const Vec*>& kids, std::uint32_t states) {
+  Vec out(32, cost_none);
+  std::int64_t sum = 0;
+  std::vector<std::uint32_t> zero;
+  std::vector<std::int64_t> low;
+  for (const Vec* k : kids) {
+    std::int64_t m = cost_none;
+    for (std::uint32_t a = states; a; a &= a - 1) m = std::min(m, (*k)[std::countr_zero(a)]);
+    std::uint32_t z = 0;
+    for (std::uint32_t a = states; a; a &= a - 1)
+      if ((*k)[std::countr_zero(a)] == m) z |= a & -a;
+    sum = cap(sum + m);
+    zero.push_back(z);
+    low.push_back(m);
+  }
+  // Sets that contain another are met with it.
+  std::vector<std::uint32_t> sets(zero);
+  std::sort(sets.begin(), sets.end(), [](std::uint32_t a, std::uint32_t b) {
+    return std::popcount(a) != std::popcount(b) ? std::popcount(a) < std::popcount(b) : a < b;
+  });
+  std::vector<std::uint32_t> minimal;
+  for (std::uint32_t x : sets) {
+    bool covered = false;
+    for (std::uint32_t y : minimal) if ((x & y) == y) { covered = true; break; }
+    if (!covered) minimal.push_back(x);
+  }
+  std::uint32_t all = states, any = 0;
+  for (std::uint32_t x : minimal) { all &= x; any |= x; }
+  if (all) {
+    for (std::uint32_t a = states; a; a &= a - 1) {
+      const int s = std::countr_zero(a);
+      if (all >> s & 1) { out[s] = sum; continue; }
+      std::int64_t total = 0, least = cost_none;
+      for (std::size_t k = 0; k < kids.size(); ++k) {
+        const std::int64_t excess = (*kids[k])[s] >= cost_none ? cost_none : (*kids[k])[s] - low[k];
+        total = cap(total + excess);
+        least = std::min(least, excess);
+      }
+      out[s] = cap(sum + std::min<std::int64_t>({2, total, least >= cost_none ? cost_none : 1 + least}));
+    }
+    return out;
+  }
+  int H = std::popcount(any) + 1;
+  hitting_search(minimal, 0, 0, H);
+  for (std::uint32_t a = states; a; a &= a - 1) {
+    const int s = std::countr_zero(a);
+    int with_s = H + 1;
+    if (any >> s & 1) hitting_search(minimal, a & -a, 1, with_s);
+    out[s] = cap(sum + H - (with_s <= H ? 1 : 0));
+  }
+  return out;
+}
+
 // Soft polytomy, unordered states. With the children in states D (distinct), a binary
 // resolution below a node of state s costs |D - {s}| changes, except when every child has
 // one state t != s: then both subtrees of the node need a change (2). Enumerating the sets
@@ -161,7 +239,7 @@ Vec soft_nonadditive(const std::vector<const Vec*>& kids, std::uint32_t states) 
   Vec out(32, cost_none);
   int idx[32], n = 0;
   for (std::uint32_t a = states; a; a &= a - 1) idx[n++] = std::countr_zero(a);
-  if (n > 16) qax::shell::error_exit("Cannot do \"soft\" polytomies for characters of more than 16 states");
+  if (n > 16) return soft_nonadditive_sets(kids, states);
   const std::uint32_t subsets = 1u << n;
   Vec f(subsets, 0), g(subsets);
   for (const Vec* k : kids) {

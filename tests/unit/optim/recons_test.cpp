@@ -77,13 +77,16 @@ Ref to_ref(const std::vector<int>& parent, int ntax) {
 
 int dist(int c, int s, int t) { return ds::dataset.chars[c].additive ? std::abs(s - t) : s != t; }
 
-// States a terminal may take (additive polymorphisms as intervals; missing: all four).
+// States the references consider: 0 .. num_states - 1.
+int num_states = 4;
+
+// States a terminal may take (additive polymorphisms as intervals; missing: all of them).
 std::vector<int> allowed(int x, int c) {
   std::uint32_t v = ds::dataset.cell(x, c);
-  if (v == 0xFFFFFFFFu) v = 0xF;
+  if (v == 0xFFFFFFFFu) v = num_states >= 32 ? ~0u : (1u << num_states) - 1;
   if (ds::dataset.chars[c].additive) v = (~0u >> std::countl_zero(v)) & (~0u << std::countr_zero(v));
   std::vector<int> out;
-  for (int s = 0; s < 4; ++s) if (v >> s & 1) out.push_back(s);
+  for (int s = 0; s < num_states; ++s) if (v >> s & 1) out.push_back(s);
   return out;
 }
 
@@ -136,19 +139,20 @@ Brute brute(const Ref& r, int ntax, int c, std::uint32_t from, std::uint32_t to)
   return b;
 }
 
-// Steps of the subtree of n in each of 4 states (hard polytomies), plain Sankoff.
+// Steps of the subtree of n in each state (hard polytomies), plain Sankoff.
 std::vector<int> sankoff(const Ref& r, int ntax, int c, int n) {
-  std::vector<int> out(4, 0);
+  const int S = num_states;
+  std::vector<int> out(S, 0);
   if (n < ntax) {
     const auto a = allowed(n, c);
-    for (int s = 0; s < 4; ++s) out[s] = std::find(a.begin(), a.end(), s) != a.end() ? 0 : 1000;
+    for (int s = 0; s < S; ++s) out[s] = std::find(a.begin(), a.end(), s) != a.end() ? 0 : 1000;
     return out;
   }
   for (int k : r.kids[n]) {
     const std::vector<int> below = sankoff(r, ntax, c, k);
-    for (int s = 0; s < 4; ++s) {
+    for (int s = 0; s < S; ++s) {
       int best = INT_MAX;
-      for (int t = 0; t < 4; ++t) best = std::min(best, below[t] + dist(c, s, t));
+      for (int t = 0; t < S; ++t) best = std::min(best, below[t] + dist(c, s, t));
       out[s] += best;
     }
   }
@@ -163,7 +167,7 @@ int sankoff_best(const Ref& r, int ntax, int c) {
 std::vector<int> best_resolution(Ref r, int ntax, int c) {
   for (int n = 0; n < static_cast<int>(r.kids.size()); ++n) {
     if (r.kids[n].size() <= 2) continue;
-    std::vector<int> best(4, INT_MAX);
+    std::vector<int> best(num_states, INT_MAX);
     const auto kids = r.kids[n];
     for (std::size_t i = 0; i < kids.size(); ++i)
       for (std::size_t j = i + 1; j < kids.size(); ++j) {
@@ -174,7 +178,7 @@ std::vector<int> best_resolution(Ref r, int ntax, int c) {
         for (std::size_t m = 0; m < kids.size(); ++m) if (m != i && m != j) q.kids[n].push_back(kids[m]);
         q.kids[n].push_back(node);
         const std::vector<int> v = best_resolution(q, ntax, c);
-        for (int st = 0; st < 4; ++st) best[st] = std::min(best[st], v[st]);
+        for (int st = 0; st < num_states; ++st) best[st] = std::min(best[st], v[st]);
       }
     return best;
   }
@@ -267,4 +271,45 @@ TEST(Recons, SoftStarReachesMinimumSteps) {
     soft_character_steps(star, steps);
     for (int c = 0; c < 20; ++c) ASSERT_EQ(steps[c], ds::dataset.chars[c].min_steps) << "rep " << rep << " char " << c;
   }
+}
+
+// Nonadditive characters of up to 32 states (protein data has 20 or 21): each character
+// takes its states from a few common ones and some rare ones, so that children's state
+// sets overlap in many ways; soft polytomies still give the best binary resolution.
+TEST(Recons, SoftPolytomiesOfManyStatesMatchBestResolution) {
+  std::mt19937 rng(19);
+  for (int rep = 0; rep < 40; ++rep) {
+    num_states = rep % 2 ? 20 : 32;
+    const int ntax = 5 + static_cast<int>(rng() % 3), nchar = 6;
+    qax::test::install_matrix(ntax, nchar);
+    for (int c = 0; c < nchar; ++c) {
+      int common[3];
+      for (int& x : common) x = static_cast<int>(rng() % num_states);
+      // Every state of the character is seen, so that it has more than 16 states.
+      for (int t = 0; t < ntax; ++t) {
+        std::uint32_t v = 1u << common[rng() % 3];
+        const int r = static_cast<int>(rng() % 10);
+        if (r == 0) v = 0xFFFFFFFFu;
+        else if (r < 3) v = 1u << (rng() % num_states);
+        else if (r == 3) v |= 1u << common[rng() % 3];
+        cells[static_cast<std::size_t>(t) * nchar + c] = v;
+      }
+      const std::uint32_t high = num_states >= 32 ? 0xFFFF0000u : 0x000FF000u;
+      cells[c] = cells[c] == 0xFFFFFFFFu ? high | 1u : cells[c] | high;
+    }
+    const std::vector<int> parent = random_tree(rng, ntax, 3 + static_cast<int>(rng() % 3));
+    const CharTree t = char_tree_from_parent(parent);
+    const Ref r = to_ref(parent, ntax);
+    std::vector<int> steps;
+    soft_character_steps(parent, steps);
+    for (int c = 0; c < nchar; ++c) {
+      const std::vector<int> root = best_resolution(r, ntax, c);
+      ASSERT_EQ(steps[c], *std::min_element(root.begin(), root.end())) << "rep " << rep << " char " << c;
+      CharCosts costs;
+      char_costs(t, c, true, costs);
+      for (std::uint32_t a = costs.states; a; a &= a - 1)
+        ASSERT_EQ(costs.down[ntax][std::countr_zero(a)], root[std::countr_zero(a)]) << "rep " << rep << " char " << c;
+    }
+  }
+  num_states = 4;
 }
