@@ -26,8 +26,10 @@ const HelpEntry help_entries[] = {
      "ancstates list;  states of the outgroup are ancestral for the listed characters\n"
      "ancstates;  report the characters so marked"},
     {"apo",
-     "apo [ list ];  list synapomorphies (changes on branches) of the given trees\n"
-     "apo- / apo=  ambiguous changes shown or not;  apo[ / apo]  as table"},
+     "apo [ N/L ];  changes on every best reconstruction, by branch, of trees N (characters L)\n"
+     "apo- N/L;  changes common to all trees N on the same groups;  apo[ N/L;  only changes\n"
+     "between single states;  apo= N/L;  also changes of some reconstructions (ambiguous);\n"
+     "apo] N/L;  ambiguous changes only"},
     {"bbreak",
      "bbreak [ = options ];  branch swapping of the trees in memory\n"
      "Options: tbr, spr, [no]mulpars, [no]fillonly, [no]safe, [no]skipspr, [no]randclip,\n"
@@ -42,8 +44,10 @@ const HelpEntry help_entries[] = {
      "Runs without console; report, break and beep off. Exit status: 0 after quit,\n"
      "1 when input runs out, 255 after an error."},
     {"blength",
-     "blength [ list ];  branch lengths of the given trees\n"
-     "blength *;  as trees with lengths as labels"},
+     "blength [ N/L ];  minimum branch lengths of trees N (characters L), by node\n"
+     "blength *N/L;  as trees with lengths as labels;  blength /N/L;  cost of collapsing\n"
+     "each branch;  blength >N/L, blength <N/L;  greatest increase or decrease of\n"
+     "continuous characters on each branch"},
     {"blocks",
      "blocks N0 N1 ...;  define data blocks starting at the given characters\n"
      "blocks;  report the blocks;  blocks *;  name blocks"},

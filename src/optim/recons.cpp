@@ -348,7 +348,7 @@ namespace {
 // node; fills the sets of states in best reconstructions and, when asked, the least change
 // over the branch above each node among the best reconstructions.
 void outside_pass(const CharTree& t, const CharCosts& costs, std::vector<std::uint32_t>& sets,
-                  std::vector<std::int64_t>* lengths) {
+                  std::vector<std::int64_t>* lengths, bool greatest = false) {
   const std::uint32_t states = costs.states;
   sets.assign(t.kids.size(), 0);
   if (lengths) lengths->assign(t.kids.size(), 0);
@@ -376,16 +376,19 @@ void outside_pass(const CharTree& t, const CharCosts& costs, std::vector<std::ui
       outside[kids[i]] = branch_costs_up(excl, states, metric);
       for (int s = 0; s < 32; ++s) before[s] = cap(before[s] + branch[i][s]);
       if (!lengths) continue;
-      std::int64_t least = cost_none;
+      std::int64_t least = cost_none, most = 0;
       const Vec& below = costs.down[kids[i]];
       for (std::uint32_t a = states; a; a &= a - 1)
         for (std::uint32_t b = states; b; b &= b - 1) {
           const int x = std::countr_zero(a), y = std::countr_zero(b);
           if (excl[x] >= cost_none || below[y] >= cost_none) continue;
           const std::int64_t d = distance(metric, x, y);
-          if (excl[x] + d + below[y] == costs.best) least = std::min(least, d);
+          if (excl[x] + d + below[y] == costs.best) {
+            least = std::min(least, d);
+            most = std::max(most, d);
+          }
         }
-      (*lengths)[kids[i]] = least >= cost_none ? 0 : least;
+      (*lengths)[kids[i]] = greatest ? most : least >= cost_none ? 0 : least;
     }
   }
 }
@@ -399,6 +402,11 @@ void best_state_sets(const CharTree& t, const CharCosts& costs, std::vector<std:
 void least_branch_changes(const CharTree& t, const CharCosts& costs, std::vector<std::int64_t>& lengths) {
   std::vector<std::uint32_t> sets;
   outside_pass(t, costs, sets, &lengths);
+}
+
+void greatest_branch_changes(const CharTree& t, const CharCosts& costs, std::vector<std::int64_t>& lengths) {
+  std::vector<std::uint32_t> sets;
+  outside_pass(t, costs, sets, &lengths, true);
 }
 
 namespace {

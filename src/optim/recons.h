@@ -32,8 +32,7 @@ CharTree char_tree_of(int k);
 std::uint32_t usable_states(int c);
 
 // Costs of the subtree of every node in every state (cost_none where impossible) and the
-// minimum steps of the character. `soft`: polytomies resolved in the best way; fails with
-// error_exit for soft polytomies on nonadditive characters of more than 16 usable states.
+// minimum steps of the character. `soft`: polytomies resolved in the best way.
 struct CharCosts {
   int character = 0;                          // data set character
   bool additive = false;                      // ordered states
@@ -55,6 +54,9 @@ void best_state_sets(const CharTree& t, const CharCosts& costs, std::vector<std:
 // Least number of steps on the branch above every node over all best reconstructions
 // (0 at the root); hard polytomies, down-pass costs from char_costs(t, c, false, costs).
 void least_branch_changes(const CharTree& t, const CharCosts& costs, std::vector<std::int64_t>& lengths);
+
+// Greatest number of steps on the branch above every node over all best reconstructions.
+void greatest_branch_changes(const CharTree& t, const CharCosts& costs, std::vector<std::int64_t>& lengths);
 
 // Least and greatest number of branches whose upper end is in `from` and lower end in `to`
 // (different states) over all best reconstructions; hard polytomies.
