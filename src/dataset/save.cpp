@@ -77,7 +77,11 @@ void save_matrix() {
     for (int c = 0; c < d.nchar; ++c)
       if (chars[c] == 1) columns.push_back(c);
   } else {
-    for (int t = 0; t < d.ntax; ++t) rows.push_back(t);
+    // Saving the active data leaves inactive taxa out too: with trees saved by `save -`
+    // (numbered over the active taxa) it reads back as a matching reduced data set.
+    const bool active_only = form == '-' || form == '[';
+    for (int t = 0; t < d.ntax; ++t)
+      if (!active_only || t >= static_cast<int>(d.taxon_active.size()) || d.taxon_active[t]) rows.push_back(t);
     for (int c = 0; c < d.nchar; ++c)
       if (form == '*' || d.chars[c].active) columns.push_back(c);
     if (form == '*' && shell::accept_char('*')) settings = true;
