@@ -432,8 +432,14 @@ const HelpEntry help_entries[] = {
     {"xpiwe",
      "xpiwe options;  extended implied weighting (proportion, factor)"},
     {"xread",
-     "xread N_chars N_taxa  name states ... ;  read a data matrix\n"
-     "xread /C T N;  random data;  xread -;  save the data;  in-file options: & [ dna | prot | num | cont ]"},
+     "xread N_chars N_taxa  name states ... ;  read a data matrix (blocks: & [ dna | prot | num | cont ])\n"
+     "xread *;  save all data (** with settings);  xread -;  active data;  xread [;  active, shuffled\n"
+     "xread !T/C;  taxa T, characters C;  xread :T/C;  the same with down-pass sets of tree 0's nodes\n"
+     "xread = C T S ...;  set cells;  xread =! C T S ...;  add states;  xread = ? Pc Pt;  make Pt% of\n"
+     "taxa missing in Pc% of characters;  xread ==;  cells as read;  xread /C T N;  random data\n"
+     "xread +T P C N;  data along tree T (stasis P%);  xread <T P L;  characters L again along tree T\n"
+     "xread >L;  along the tagged branch lengths;  xread &T C N M;  along tree T, each character's\n"
+     "probability of change drawn from an exponential of mean M%"},
     {"xwipe",
      "xwipe;  wipe the data and trees from memory"},
     {"unique",

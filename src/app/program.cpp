@@ -151,6 +151,7 @@ void install_subsystems() {
   install_memory_hooks();
   qax::script::install_script_layer();
   qax::optim::swap_collapse_hook = qax::search::swap_collapse;
+  qax::dataset::tree_link_hooks.downpass_sets = qax::optim::downpass_sets_of_tree0;
   qax::search::xmult_consensus_hooks.strict = qax::support::strict_consensus;
   qax::search::xmult_consensus_hooks.read_excluded_taxa = qax::support::read_excluded_taxa;
   background_input_end = background_end_of_input;

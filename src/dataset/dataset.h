@@ -148,7 +148,12 @@ void add_dataset_replaced_hook(DatasetHook hook);
 struct TreeLinkHooks {
   void (*outgroup_changed)(int outgroup) = nullptr;  // re-roots the stored trees
   void (*generate_from_tree)() = nullptr;            // xread +T P C N, positioned after '+'
+  // xread <T P L, xread >L (into characters L) and xread &T C N M, after the form character.
+  void (*generate_into_characters)(int form) = nullptr;
   void (*matrix_read)() = nullptr;                   // a matrix was read (trees of its file follow)
+  // Down-pass state sets of discrete character c at every node of tree 0 (data set
+  // numbering, 0 for nodes not on the tree); fails when there are no trees.
+  void (*downpass_sets)(int c, std::vector<std::uint32_t>& sets) = nullptr;
 };
 extern TreeLinkHooks tree_link_hooks;
 

@@ -20,6 +20,9 @@ void cmd_info();
 
 // The saving forms of xread ("*", "-", "[", "!", ":"), positioned at the form character.
 void save_matrix();
+// xread = forms: "=C T S ..." sets cells, "=!C T S ..." adds states, "= ? Pc Pt" makes
+// random cells missing, "==" restores the cells as read. Positioned after the "=".
+void edit_cells();
 // Next raw character without consuming it (blanks included).
 int peek_raw();
 

@@ -66,10 +66,19 @@ void save_matrix() {
   int form = shell::next_nonblank();
   bool settings = false;
   std::vector<int> columns, rows;
-  if (form == ':') error_exit_needs_trees();
-  if (form == '!') {
+  // ':' as '!', with a row of down-pass sets for each inner node of tree 0.
+  std::vector<int> nodes;
+  if (form == ':') {
+    if (!tree_link_hooks.downpass_sets) error_exit_needs_trees();
+    std::vector<std::uint32_t> probe;
+    tree_link_hooks.downpass_sets(-1, probe);   // fails without trees
+    for (int n = d.ntax; n < static_cast<int>(probe.size()); ++n)
+      if (probe[n]) nodes.push_back(n);
+  }
+  if (form == '!' || form == ':') {
     std::vector<std::int8_t> taxa, chars;
-    read_taxon_list(taxa);
+    if (shell::peek_char() == ';' || shell::peek_char() == '/') taxa.assign(d.ntax, 1);
+    else read_taxon_list(taxa);
     if (shell::accept_char('/')) read_character_list(chars);
     else chars.assign(d.nchar, 1);
     for (int t = 0; t < d.ntax; ++t)
@@ -96,9 +105,15 @@ void save_matrix() {
   }
   std::size_t width = 0;
   for (int t : rows) width = std::max(width, d.taxon_names[t].size());
+  if (!nodes.empty()) width = std::max(width, ("HTU_" + std::to_string(nodes.back())).size());
+  // Down-pass sets of every listed discrete character at the nodes.
+  std::vector<std::vector<std::uint32_t>> node_sets(nodes.empty() ? 0 : columns.size());
+  for (std::size_t k = 0; k < node_sets.size(); ++k)
+    if (d.chars[columns[k]].format != format_continuous && d.chars[columns[k]].format != format_landmark)
+      tree_link_hooks.downpass_sets(columns[k], node_sets[k]);
   shell::out_append("xread\n");
   if (!d.title.empty()) shell::out_append("'" + d.title + "'\n");
-  shell::out_append(std::to_string(columns.size()) + " " + std::to_string(rows.size()) + "\n");
+  shell::out_append(std::to_string(columns.size()) + " " + std::to_string(rows.size() + nodes.size()) + "\n");
   shell::send_line();
   std::size_t i = 0;
   while (i < columns.size()) {
@@ -140,6 +155,24 @@ void save_matrix() {
         } else {
           if (format == format_continuous && k > i) line += ' ';
           line += state_text(c, d.cell(t, c));
+        }
+      }
+      line += '\n';
+      shell::out_append(line);
+      shell::send_line();
+    }
+    for (int n : nodes) {
+      std::string line = "HTU_" + std::to_string(n);
+      line.append(width + 1 - line.size(), ' ');
+      for (std::size_t k = i; k < j; ++k) {
+        const int c = columns[k];
+        const std::uint32_t v = node_sets[k].size() > static_cast<std::size_t>(n) ? node_sets[k][n] : 0;
+        if (format == format_landmark) {
+          if (k > i) line += " | ";
+          line += "?";
+        } else {
+          if (format == format_continuous && k > i) line += ' ';
+          line += v ? state_text(c, v) : std::string("?");
         }
       }
       line += '\n';

@@ -886,8 +886,16 @@ void cmd_xread() {
       next_char();
       tree_link_hooks.generate_from_tree();
       return;
-    case '=': case '<': case '>': case '&':
-      shell::cmd_not_available();
+    case '=':
+      next_char();
+      edit_cells();
+      return;
+    case '<': case '>': case '&':
+      if (!tree_link_hooks.generate_into_characters) {
+        shell::cmd_not_available();
+        return;
+      }
+      tree_link_hooks.generate_into_characters(next_char());
       return;
     default:
       read_matrix();

@@ -109,6 +109,18 @@ std::vector<int> report_order(const CharTree& t) {
 
 MappingSettings mapping_settings;
 
+void downpass_sets_of_tree0(int c, std::vector<std::uint32_t>& sets) {
+  if (tree_store.ntrees == 0) error_exit("No trees in memory");
+  const CharTree t = char_tree_of(0);
+  sets.assign(t.kids.size(), 0);
+  if (c < 0) {
+    // Which nodes are on the tree.
+    for (int n : t.preorder) sets[n] = 1;
+    return;
+  }
+  sets = char_finals(t, c, true);
+}
+
 void cmd_map() {
   bool downpass = mapping_settings.downpass != 0;
   if (accept_char(':')) {

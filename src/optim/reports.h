@@ -37,6 +37,9 @@ extern MappingSettings mapping_settings;
 // lengths.
 void cmd_map();
 void cmd_apo();
+// Down-pass sets of character c at every node of tree 0 (c < 0: 1 for the nodes on the
+// tree); for saving the matrix with its nodes.
+void downpass_sets_of_tree0(int c, std::vector<std::uint32_t>& sets);
 void cmd_blength();
 
 }  // namespace qax::optim

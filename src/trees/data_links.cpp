@@ -2,6 +2,7 @@
 // when the outgroup changes, "@T N" in taxon lists, and data simulated along a tree
 // (xread +), and the diagram format of "naked [" / "naked ]". The lower layers reach these through hooks installed at start-up.
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 
 #include "dataset/dataset.h"
 #include "dataset/import.h"
+#include "dataset/lists_bridge.h"
 #include "trees/notation.h"
 #include "shell/failure.h"
 #include "shell/input.h"
@@ -65,26 +67,174 @@ double uniform01() { return std::rand() / (RAND_MAX + 1.0); }
 // Draws every character: a random state at the root, then down the tree each branch
 // keeps its parent's state or, with the branch's probability, takes another one
 // (each of the other states equally likely). Absent terminals stay missing.
+void draw_character(Simulation& sim, int ntax) {
+  const std::int32_t* tree = sim.tree.data();
+  for (int v : sim.order) {
+    if (v == ntax) {
+      sim.state[v] = std::rand() % sim.nstates;
+      continue;
+    }
+    int s = sim.state[tree[v]];
+    if (sim.nstates > 1 && uniform01() < sim.change[v]) {
+      int other = std::rand() % (sim.nstates - 1);
+      s = other >= s ? other + 1 : other;
+    }
+    sim.state[v] = s;
+  }
+}
+
+// Exponential homoplasy: each character draws its own probability of change, the same on
+// every branch, from an exponential distribution of the given mean.
+struct ExponentialRates {
+  Simulation* sim = nullptr;
+  double mean = 0;   // probability, 0-1
+};
+
 void fill_simulated(qax::dataset::Dataset& d, void* context) {
   Simulation& sim = *static_cast<Simulation*>(context);
   int ntax = d.ntax;
   const std::int32_t* tree = sim.tree.data();
   for (int ch = 0; ch < d.nchar; ++ch) {
-    for (int v : sim.order) {
-      if (v == ntax) {
-        sim.state[v] = std::rand() % sim.nstates;
-        continue;
-      }
-      int s = sim.state[tree[v]];
-      if (sim.nstates > 1 && uniform01() < sim.change[v]) {
-        int other = std::rand() % (sim.nstates - 1);
-        s = other >= s ? other + 1 : other;
-      }
-      sim.state[v] = s;
-    }
+    draw_character(sim, ntax);
     for (int x = 0; x < ntax; ++x)
       if (terminal_present(tree, x, ntax)) d.set_cell(x, ch, 1u << sim.state[x]);
   }
+}
+
+void fill_exponential(qax::dataset::Dataset& d, void* context) {
+  ExponentialRates& e = *static_cast<ExponentialRates*>(context);
+  Simulation& sim = *e.sim;
+  const int ntax = d.ntax;
+  for (int ch = 0; ch < d.nchar; ++ch) {
+    const double p = std::min(1.0, -e.mean * std::log(1.0 - uniform01()));
+    std::fill(sim.change.begin(), sim.change.end(), p);
+    draw_character(sim, ntax);
+    for (int x = 0; x < ntax; ++x)
+      if (terminal_present(sim.tree.data(), x, ntax)) d.set_cell(x, ch, 1u << sim.state[x]);
+  }
+}
+
+// Parents before children: the present nodes of the model tree sorted by depth.
+void order_nodes(Simulation& sim, int ntax) {
+  const std::int32_t* tree = sim.tree.data();
+  const int end = tree[ntax];
+  std::vector<int> depth(end, -1);
+  sim.order.clear();
+  for (int v = 0; v < end; ++v) {
+    if (v < ntax && !terminal_present(tree, v, ntax)) continue;
+    int d = 0;
+    for (int u = v; u != ntax; u = tree[u]) ++d;
+    depth[v] = d;
+    sim.order.push_back(v);
+  }
+  std::stable_sort(sim.order.begin(), sim.order.end(), [&](int a, int b) { return depth[a] < depth[b]; });
+  sim.change.assign(end, 0.0);
+  sim.state.assign(end, 0);
+}
+
+// Branch lengths written as tags on the tag tree, as probabilities of change (Jukes-Cantor
+// for the given number of states), into sim.tree and sim.change.
+void tag_tree_changes(Simulation& sim, int ntax, int nstates) {
+  std::vector<double> lengths;
+  bool any = false;
+  if (tree_store.ntax == ntax && !tree_store.tag_tree.empty()) {
+    lengths.assign(tree_store.tag_tree.size(), 0.0);
+    for (std::size_t v = 0; v < tree_store.tags.size() && v < lengths.size(); ++v) {
+      const std::string& tag = tree_store.tags[v];
+      if (tag.empty()) continue;
+      char* end = nullptr;
+      double x = std::strtod(tag.c_str(), &end);
+      if (end != tag.c_str() && x >= 0) {
+        lengths[v] = x;
+        any = true;
+      }
+    }
+  }
+  if (!any) error_exit("No messages written to tree branches");
+  sim.tree = tree_store.tag_tree;
+  order_nodes(sim, ntax);
+  const double n = nstates;
+  for (std::size_t v = 0; v < sim.change.size(); ++v) {
+    const double len = v < lengths.size() ? lengths[v] : 0.0;
+    sim.change[v] = nstates > 1 ? (n - 1) / n * (1 - std::exp(-n / (n - 1) * len)) : 0.0;
+  }
+}
+
+// xread <T P L : the characters of list L drawn again along tree T with stasis probability
+// P percent; xread >L : the same along the branch lengths written as tags. Each keeps the
+// number of states it has (at least 2); taxa not on the tree become missing.
+// xread &T C N M : C characters of N states along tree T, each with its own probability of
+// change drawn from an exponential distribution of mean M percent (most characters change
+// seldom, a few often). The model tree stays as tree 0, group "model_tree".
+void generate_into_characters(int form) {
+  if (!dataset.loaded) error_exit("Must read data first");
+  const int ntax = dataset.ntax;
+  Simulation sim;
+  if (form == '&') {
+    const int t = shell::read_int();
+    if (t < 0) error_exit("Expected a tree number after \"xread &\"");
+    sim.tree.assign(checked_tree_node(t, ntax), checked_tree_node(t, ntax) + 2 * ntax - 1);
+    const int nchar = shell::read_int();
+    if (nchar < 1) error_exit("Must specify number of characters");
+    const int nstates = shell::read_int();
+    if (nstates < 1 || nstates > qax::dataset::max_states) error_exit("Number of states must be 1-32");
+    const double mean = shell::read_real();
+    if (mean <= 0 || mean > 100) error_exit("Mean probability of change must be above 0 and up to 100");
+    sim.nstates = nstates;
+    order_nodes(sim, ntax);
+    ExponentialRates rates{&sim, mean / 100.0};
+    char title[80];
+    std::snprintf(title, sizeof title, "Data, exponential homoplasy (mean p(change)=%.2f)", mean / 100.0);
+    std::vector<std::string> names = dataset.taxon_names;
+    qax::dataset::generate_matrix(ntax, nchar, nstates, false, title, names, fill_exponential, &rates);
+    tree_store_reset_for(ntax);
+    group_wipe(0);
+    tree_store.group_defined[0] = 1;
+    tree_store.group_names[0] = "model_tree";
+    tree_store_append(sim.tree.data(), 0);
+    return;
+  }
+  double stasis = 0;
+  if (form == '<') {
+    const int t = shell::read_int();
+    if (t < 0) error_exit("Expected a tree number after \"xread <\"");
+    sim.tree.assign(checked_tree_node(t, ntax), checked_tree_node(t, ntax) + 2 * ntax - 1);
+    stasis = shell::read_real();
+    if (stasis < 0 || stasis > 100) error_exit("Probability of stasis must be 0-100");
+  }
+  std::vector<std::int8_t> listed;
+  if (shell::peek_char() != ';') qax::dataset::read_character_list(listed);
+  std::vector<int> chars;
+  for (int c = 0; c < dataset.nchar; ++c) {
+    if (!listed.empty() && listed[c] != 1) continue;
+    const auto fmt = dataset.chars[c].format;
+    if (fmt == qax::dataset::format_continuous || fmt == qax::dataset::format_landmark)
+      error_exitf("Cannot draw continuous or landmark characters along a tree (char. %i)", c);
+    chars.push_back(c);
+  }
+  if (chars.empty()) error_exit("No characters to generate");
+  if (form == '<') {
+    order_nodes(sim, ntax);
+    std::fill(sim.change.begin(), sim.change.end(), 1.0 - stasis / 100.0);
+  }
+  const std::uint32_t missing = dataset.missing_value();
+  for (int c : chars) {
+    std::uint32_t seen = 0;
+    for (int x = 0; x < ntax; ++x) {
+      const std::uint32_t v = dataset.cell(x, c);
+      if (v != missing) seen |= v;
+    }
+    sim.nstates = std::max(2, seen ? 32 - std::countl_zero(seen) : 2);
+    if (form == '>') tag_tree_changes(sim, ntax, sim.nstates);
+    draw_character(sim, ntax);
+    for (int x = 0; x < ntax; ++x)
+      dataset.set_cell(x, c, terminal_present(sim.tree.data(), x, ntax) ? 1u << sim.state[x] : missing);
+    dataset.chars[c].dirty = 1;
+  }
+  qax::dataset::minmax_check();
+  char text[80];
+  std::snprintf(text, sizeof text, "%i characters generated along the tree\n", static_cast<int>(chars.size()));
+  shell::out_text({text});
 }
 
 // xread +T P C N : C characters of N states along tree T with stasis probability P
@@ -130,29 +280,16 @@ void generate_data_from_tree() {
   if (nstates < 1 || nstates > qax::dataset::max_states) error_exit("Number of states must be 1-32");
   sim.nstates = nstates;
 
-  // Parents before children: sort the present nodes by depth.
-  const std::int32_t* tree = sim.tree.data();
-  int end = tree[ntax];
-  std::vector<int> depth(end, -1);
-  for (int v = 0; v < end; ++v) {
-    if (v < ntax && !terminal_present(tree, v, ntax)) continue;
-    int d = 0;
-    for (int u = v; u != ntax; u = tree[u]) ++d;
-    depth[v] = d;
-    sim.order.push_back(v);
-  }
-  std::stable_sort(sim.order.begin(), sim.order.end(), [&](int a, int b) { return depth[a] < depth[b]; });
-  sim.change.assign(end, 0.0);
-  for (int v = 0; v < end; ++v) {
+  order_nodes(sim, ntax);
+  for (std::size_t v = 0; v < sim.change.size(); ++v) {
     if (from_tags) {
-      double len = v < static_cast<int>(lengths.size()) ? lengths[v] : 0.0;
+      double len = v < lengths.size() ? lengths[v] : 0.0;
       double n = nstates;
       sim.change[v] = nstates > 1 ? (n - 1) / n * (1 - std::exp(-n / (n - 1) * len)) : 0.0;
     } else {
       sim.change[v] = 1.0 - stasis / 100.0;
     }
   }
-  sim.state.assign(end, 0);
 
   std::vector<std::string> names = dataset.taxon_names;
   qax::dataset::generate_matrix(ntax, nchar, nstates, false, title, names, fill_simulated, &sim);
@@ -201,6 +338,7 @@ void install_dataset_links() {
   shell::tree_format_hook = set_tree_format;
   qax::dataset::tree_link_hooks.outgroup_changed = tree_store_reroot_all;
   qax::dataset::tree_link_hooks.generate_from_tree = generate_data_from_tree;
+  qax::dataset::tree_link_hooks.generate_into_characters = generate_into_characters;
   shell::terminals_below = mark_terminals_below;
 }
 
