@@ -1,13 +1,17 @@
 // iterrecs: user instructions run for every most parsimonious reconstruction of a
-// character on a stored tree (nonadditive and additive characters; polytomies hard).
-// The states of all nodes go into an array indexed by node, recsteps holds the cost.
+// character on a stored tree (nonadditive, additive, step-matrix and continuous characters;
+// polytomies hard). The states of all nodes go into an array indexed by node, recsteps
+// holds the cost. Continuous characters take values on a grid: the ends of the observed
+// ranges (where best reconstructions can always be placed), or every multiple of a step.
 #include <algorithm>
+#include <bit>
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "dataset/costs.h"
 #include "dataset/dataset.h"
 #include "script/commands.h"
 #include "script/expr.h"
@@ -42,14 +46,21 @@ struct Problem {
   int ntax = 0;
   int root = 0;
   int nstates = 0;
+  int character = 0;
   bool additive = false;
+  bool table = false;                            // step matrix: costs from the table
+  std::vector<std::int64_t> values;              // continuous: the value of each state (thousandths)
   std::vector<std::vector<int>> kids;
-  std::vector<std::uint32_t> allowed;            // states a node may take (forcing, taxon data)
+  std::vector<std::vector<std::uint8_t>> allowed;// [node][state]: may take it (forcing, taxon data)
   std::vector<std::vector<std::int64_t>> cost;   // [node][state]: least cost of the subtree
   std::vector<std::vector<double>> count;        // [node][state]: optimal assignments below
 };
 
-std::int64_t change(const Problem& p, int a, int b) { return p.additive ? std::abs(a - b) : (a != b); }
+std::int64_t change(const Problem& p, int a, int b) {
+  if (!p.values.empty()) return std::llabs(p.values[a] - p.values[b]);
+  if (p.table) return qax::dataset::cost_of(p.character, a, b);
+  return p.additive ? std::abs(a - b) : (a != b);
+}
 
 void solve(Problem& p, int n) {
   auto& c = p.cost[n];
@@ -57,7 +68,7 @@ void solve(Problem& p, int n) {
   c.assign(p.nstates, 0);
   k.assign(p.nstates, 1);
   for (int s = 0; s < p.nstates; ++s)
-    if (!(p.allowed[n] >> s & 1)) c[s] = inf;
+    if (!p.allowed[n][s]) c[s] = inf;
   for (int child : p.kids[n]) {
     solve(p, child);
     for (int s = 0; s < p.nstates; ++s) {
@@ -96,8 +107,9 @@ void cmd_iterrecs() {
   if (rec_.active) error_exit("Cannot nest iterrecs (change mxproc)");
   const int tree = read_int_expr();
   const int character = read_int_expr();
-  bool honour = false;
-  int sample = 0;
+  bool honour = false, differences = false;
+  int sample = 0, resolve = 0;
+  double grid_step = 0;
   for (;;) {
     const int c = peek_char();
     if (c == '&') {
@@ -107,8 +119,17 @@ void cmd_iterrecs() {
       next_char();
       sample = read_int_expr();
       if (sample < 1) error_exit("Number of reconstructions to sample must be positive");
-    } else if (c == '\\' || c == '*' || c == '+') {
-      error_exit({"Option", std::string(1, static_cast<char>(c)), "of iterrecs is not available yet in this version"});
+    } else if (c == '\\') {
+      next_char();
+      resolve = read_int_expr();
+      if (resolve < 1) error_exit("Number of random resolutions must be positive");
+    } else if (c == '*') {
+      next_char();
+      grid_step = read_term();
+      if (!(grid_step > 0)) error_exit("Step between values must be above 0");
+    } else if (c == '+') {
+      next_char();
+      differences = true;
     } else {
       break;
     }
@@ -122,13 +143,16 @@ void cmd_iterrecs() {
     error_exitf("Character number required ( 0 - %i )", dataset.nchar - 1);
   }
   const auto& info = dataset.chars[character];
-  if (info.sankoff || info.is_continuous) {
-    error_exit("Reconstructions of step-matrix and continuous characters are not available yet in this version");
-  }
+  const bool continuous = info.is_continuous && info.format == qax::dataset::format_continuous;
+  if (info.is_continuous && !continuous) error_exit("Reconstructions of landmark characters cannot be iterated");
+  if (!continuous && (grid_step > 0 || differences))
+    error_exit("Options \"*\" and \"+\" of iterrecs apply only to continuous characters");
   // The tree.
   Problem p;
   p.ntax = dataset.ntax;
-  p.additive = info.additive != 0;
+  p.character = character;
+  p.additive = info.additive != 0 && !info.sankoff;
+  p.table = info.sankoff != 0;
   const std::int32_t* row = qax::trees::tree_row(tree);
   const int end = row[p.ntax];
   p.kids.assign(end, {});
@@ -140,30 +164,85 @@ void cmd_iterrecs() {
   }
   const int room = var && var->dims ? var->extent[var->dims - 1] : space.max_vars - base;
   if (end > room) error_exit({"Cannot store", number_text(end), "values in variable"});
-  // States: those up to the highest any terminal holds.
-  std::uint32_t seen = 0;
-  for (int t = 0; t < p.ntax; ++t) {
-    const std::uint32_t v = dataset.cell(t, character);
-    if (v != dataset.missing_value()) seen |= v;
-  }
-  p.nstates = seen ? 32 - __builtin_clz(seen) : 1;
-  p.nstates = std::min(p.nstates, max_states);
-  const std::uint32_t all = p.nstates >= 32 ? ~0u : (1u << p.nstates) - 1;
-  p.allowed.assign(end, all);
-  for (int t = 0; t < p.ntax; ++t) {
-    std::uint32_t v = dataset.cell(t, character);
-    if (v == dataset.missing_value() || v == 0) continue;
-    if (p.additive) v = (~0u >> __builtin_clz(v)) & (~0u << __builtin_ctz(v));
-    p.allowed[t] = v & all;
+  auto taxon_on = [&](int t) {
+    return qax::trees::terminal_present(row, t, p.ntax) &&
+           (t >= static_cast<int>(dataset.taxon_active.size()) || dataset.taxon_active[t] != 0);
+  };
+  if (continuous) {
+    // Values: the ends of the observed ranges, or the multiples of the step between the
+    // least and the greatest of them.
+    auto range_of = [&](int t, std::int64_t& lo, std::int64_t& hi) {
+      const std::uint32_t v = dataset.cell(t, character);
+      if (!taxon_on(t) || v == qax::dataset::continuous_missing || v == qax::dataset::continuous_inapplicable) return false;
+      lo = v & 0xFFFF;
+      hi = v >> 16;
+      return true;
+    };
+    std::vector<std::int64_t> ends;
+    for (int t = 0; t < p.ntax; ++t) {
+      std::int64_t lo, hi;
+      if (range_of(t, lo, hi)) { ends.push_back(lo); ends.push_back(hi); }
+    }
+    if (ends.empty()) error_exit("No observed values for that character");
+    std::sort(ends.begin(), ends.end());
+    ends.erase(std::unique(ends.begin(), ends.end()), ends.end());
+    if (grid_step > 0) {
+      const double step = grid_step * 1000.0;
+      const double count = std::floor((static_cast<double>(ends.back() - ends.front())) / step) + 1;
+      if (count > 500) error_exit("Step too small for the range of values (more than 500 values)");
+      const std::int64_t lowest = ends.front();
+      ends.clear();
+      for (int i = 0; i < static_cast<int>(count); ++i) ends.push_back(lowest + std::llround(i * step));
+    }
+    p.values = ends;
+    p.nstates = static_cast<int>(p.values.size());
+    p.allowed.assign(end, std::vector<std::uint8_t>(p.nstates, 1));
+    for (int t = 0; t < p.ntax; ++t) {
+      std::int64_t lo, hi;
+      if (!range_of(t, lo, hi)) continue;
+      // A terminal takes a value of its range; with a grid, the nearest grid values when
+      // none falls inside (the cost of reaching the range is then approximate).
+      bool any = false;
+      for (int s = 0; s < p.nstates; ++s) {
+        p.allowed[t][s] = p.values[s] >= lo && p.values[s] <= hi;
+        any = any || p.allowed[t][s];
+      }
+      if (!any) {
+        int nearest = 0;
+        for (int s = 1; s < p.nstates; ++s)
+          if (std::llabs(p.values[s] - lo) < std::llabs(p.values[nearest] - lo)) nearest = s;
+        p.allowed[t][nearest] = 1;
+      }
+    }
+  } else {
+    // States: those up to the highest any terminal holds.
+    std::uint32_t seen = 0;
+    for (int t = 0; t < p.ntax; ++t) {
+      const std::uint32_t v = dataset.cell(t, character);
+      if (v != dataset.missing_value()) seen |= v;
+    }
+    p.nstates = seen ? 32 - std::countl_zero(seen) : 1;
+    p.nstates = std::min(p.nstates, max_states);
+    p.allowed.assign(end, std::vector<std::uint8_t>(p.nstates, 1));
+    for (int t = 0; t < p.ntax; ++t) {
+      std::uint32_t v = dataset.cell(t, character);
+      if (v == dataset.missing_value() || v == 0 || !taxon_on(t)) continue;
+      if (p.additive) v = (~0u >> std::countl_zero(v)) & (~0u << std::countr_zero(v));
+      for (int s = 0; s < p.nstates; ++s) p.allowed[t][s] = v >> s & 1;
+    }
   }
   if (honour) {
     // A value N >= 0 forces state N at that node; a negative value (-0 included) forbids it.
+    // For continuous characters the state is the place of a value among the values.
     for (int n = 0; n < end; ++n) {
       const double v = cell_value(base + n);
       const int s = clamp_int(std::fabs(v));
       if (s >= p.nstates) continue;
-      if (std::signbit(v)) p.allowed[n] &= ~(1u << s);
-      else p.allowed[n] &= (1u << s);
+      if (std::signbit(v)) {
+        p.allowed[n][s] = 0;
+      } else {
+        for (int u = 0; u < p.nstates; ++u) if (u != s) p.allowed[n][u] = 0;
+      }
     }
   }
   p.cost.assign(end, {});
@@ -174,12 +253,20 @@ void cmd_iterrecs() {
   if (best >= inf) error_exit("No reconstruction agrees with the states given");
   rec_ = RecState();
   rec_.active = 1;
-  rec_.steps = static_cast<double>(best) * info.weight;
+  rec_.steps = static_cast<double>(best) * info.weight / (continuous ? 1000.0 : 1.0);
   std::vector<int> state(end, -1);
   const int events = shell_state.interrupt_events;
   bool failed = false;
+  std::vector<int> parent(end, -1);
+  auto value_of = [&](int n) -> double {
+    if (state[n] < 0) return -1;
+    if (!continuous) return state[n];
+    const double v = static_cast<double>(p.values[state[n]]) / 1000.0;
+    if (!differences) return v;
+    return parent[n] < 0 || state[parent[n]] < 0 ? 0.0 : v - static_cast<double>(p.values[state[parent[n]]]) / 1000.0;
+  };
   auto run_one = [&]() -> bool {
-    for (int n = 0; n < end; ++n) set_cell(base + n, state[n] < 0 ? -1 : state[n]);
+    for (int n = 0; n < end; ++n) set_cell(base + n, value_of(n));
     if (!run_inner_body(body, "iterrecs commands", true)) {
       failed = true;
       return false;
@@ -190,9 +277,24 @@ void cmd_iterrecs() {
   std::vector<int> order{p.root};
   for (std::size_t i = 0; i < order.size(); ++i)
     for (int k : p.kids[order[i]]) order.push_back(k);
-  std::vector<int> parent(end, -1);
   for (int n : order) for (int k : p.kids[n]) parent[k] = n;
-  if (sample > 0) {
+  if (resolve > 0) {
+    // Each time, every node takes one of the states compatible with its parent's, at random.
+    auto uniform = [&](const std::vector<int>& options) {
+      const double r = (static_cast<double>(macro_random()) * 32768 + macro_random()) / (32768.0 * 32768.0);
+      return options[std::min(options.size() - 1, static_cast<std::size_t>(r * static_cast<double>(options.size())))];
+    };
+    for (int i = 0; i < resolve; ++i) {
+      std::vector<int> roots;
+      for (int s = 0; s < p.nstates; ++s) if (p.cost[p.root][s] == best) roots.push_back(s);
+      state[p.root] = uniform(roots);
+      for (std::size_t j = 1; j < order.size(); ++j) {
+        const int n = order[j];
+        state[n] = uniform(child_states(p, n, state[parent[n]]));
+      }
+      if (!run_one()) break;
+    }
+  } else if (sample > 0) {
     // Random reconstructions drawn in proportion to the optimal assignments below.
     auto pick = [&](const std::vector<int>& options, int node) {
       double total = 0;

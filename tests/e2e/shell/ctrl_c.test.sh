@@ -34,9 +34,18 @@ wait_for 'qax\*>'
 type_line "proc $data/rbcl500.xread;"
 wait_for 'Matrix \(' 300
 type_line "mult=rep 100000 hold 1;"
-sleep 3
-tmux -S "$sock" send-keys -t qx C-c
-wait_for 'Best score' 600
+# On a loaded machine the search may not have started after a few seconds: a Ctrl-C at the
+# prompt does nothing, so it is sent again (more than a second apart, or two would quit).
+found=0
+for ((attempt = 0; attempt < 6 && !found; attempt++)); do
+  sleep 3
+  tmux -S "$sock" send-keys -t qx C-c
+  for ((i = 0; i < 100; i++)); do
+    if screen_text | grep -Eq -- 'Best score'; then found=1; break; fi
+    sleep 0.1
+  done
+done
+[ "$found" = 1 ] || fail "no match for /Best score/ on the screen"
 type_line "quote still here with trees;"
 wait_for '^still here with trees' 100
 type_line "tsize;"
