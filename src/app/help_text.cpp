@@ -489,7 +489,10 @@ const HelpEntry help_entries[] = {
     {"iternucrecs",
      "iternucrecs;  iterate over nucleotide reconstructions"},
     {"iterrecs",
-     "iterrecs;  iterate over reconstructions"},
+     "iterrecs T C [&] [/N] [\\N] [*D] [+] var actions endrecs;  run actions for each best\n"
+     "reconstruction of character C on tree T, node states in var (& honours forced states in var,\n"
+     "/N a random sample of N, \\N N random resolutions, *D continuous values every D, + differences);\n"
+     "killrecs;  ends the loop"},
     {"killfiles",
      "killfiles;  ends a forfiles loop"},
     {"label",
