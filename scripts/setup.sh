@@ -2,10 +2,10 @@
 # Installs the Debian packages the build needs, when they are missing.
 set -euo pipefail
 need=()
-# "setup.sh --tests" adds what only the tests use: R with ape, to check that trees
+# "setup.sh --tests" adds what only the tests use: python3 for scripted checks, and R with ape, to check that trees
 # written by the program are read by it.
 extra=()
-[ "${1:-}" = "--tests" ] && extra=(r-base-core r-cran-ape)
+[ "${1:-}" = "--tests" ] && extra=(r-base-core r-cran-ape python3)
 for pkg in build-essential cmake libncurses-dev libgtest-dev libbenchmark-dev pvm pvm-dev tmux clang "${extra[@]}"; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need+=("$pkg")
 done

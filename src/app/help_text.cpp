@@ -46,11 +46,11 @@ const HelpEntry help_entries[] = {
     {"blength",
      "blength [ N/L ];  minimum branch lengths of trees N (characters L), by node\n"
      "blength *N/L;  as trees with lengths as labels;  blength /N/L;  cost of collapsing\n"
-     "each branch;  blength >N/L, blength <N/L;  greatest increase or decrease of\n"
-     "continuous characters on each branch"},
+     "each branch;  blength >N/L;  greatest increase of continuous characters on each\n"
+     "branch;  blength <N/L;  greatest decrease"},
     {"blocks",
      "blocks N0 N1 ...;  define data blocks starting at the given characters\n"
-     "blocks;  report the blocks;  blocks *;  name blocks"},
+     "blocks;  report the blocks;  blocks = name1 name2 ...;  name the blocks after the first (all)"},
     {"break",
      "break =;  keyboard polled at every printed line (ESC interrupts)\n"
      "break -;  not polled;  break /;  toggle\n"
@@ -98,9 +98,10 @@ const HelpEntry help_entries[] = {
      "constrain -;  do not enforce them;  constrain /;  toggle;  constrain;  report"},
     {"costs",
      "costs list = s>t cost s/t cost ...;  costs for the listed characters (/ both ways)\n"
-     "costs * / -  save all costs / those of active characters;  costs [ / ]  format saved\n"
-     "costs < / >  disallow / allow Sankoff (before xread);  costs & / |  exact / approximate\n"
-     "asymmetric costs during TBR;  costs;  report"},
+     "costs *;  save all costs;  costs -;  save those of active characters\n"
+     "costs [;  saved in this program's format;  costs ];  saved as a compact list;  costs <;  disallow Sankoff\n"
+     "characters (before xread);  costs >;  allow them;  costs &;  exact asymmetric costs\n"
+     "during TBR;  costs |;  approximate;  costs;  report"},
     {"cscores",
      "cscores [ list ];  score of each character on the given trees"},
     {"cstree",
@@ -147,10 +148,10 @@ const HelpEntry help_entries[] = {
      "freqdifs [ list ];  frequency differences (group supported / contradicted)"},
     {"help",
      "help;  list commands;  help name;  help on commands starting with name\n"
-     "help*;  help on all commands;  help+;  macro commands and expressions\n"
+     "help*;  the help of every command;  help+;  macro commands and expressions\n"
      "help [ topics ];  commands on all the given topics\n"
      "help !N / help >N;  closest-string matching (threshold N);  help <;  exact match\n"
-     "name ?;  help on a command without running it"},
+     "name ?;  shows the help of command name without running it"},
     {"hold",
      "hold N;  maximum number of trees in memory (rebuilds the tree buffer)\n"
      "hold /N;  tree vault of N trees;  hold;  report"},
@@ -295,7 +296,7 @@ const HelpEntry help_entries[] = {
     {"resols",
      "resols [ list ];  resolution of the given trees"},
     {"rfreqs",
-     "rfreqs [ list ];  frequencies of groups of a reference tree in the others"},
+     "rfreqs [J] [ list ];  frequencies in the listed trees of the groups of reference tree J"},
     {"riddup",
      "riddup;  delete duplicate trees (after collapsing)"},
     {"rseed",
@@ -393,7 +394,8 @@ const HelpEntry help_entries[] = {
     {"ttags",
      "ttags =;  start storing tree tags;  ttags );  stop;  ttags -;  clear;  ttags;  show them\n"
      "ttags +N txt;  write to node N;  ttags <N;  erase;  ttags *N;  target tree N;  ttags /;  save\n"
-     "ttags &file [ options ];  SVG diagram;  ttags &+ ...;  additions;  ttags &;  close"},
+     "ttags &file [ options ];  SVG diagram (option xysave name keeps it open);  ttags &+ text X Y txt;\n"
+     "write txt at X Y on the open diagram;  ttags &;  close it"},
     {"tvault",
      "tvault options;  move trees between memory and the vault"},
     {"txtsize",
@@ -475,7 +477,7 @@ const HelpEntry help_entries[] = {
     {"endloop",
      "endloop;  ends the current loop now"},
     {"endswap",
-     "endswap;  ends a swap loop"},
+     "endswap;  inside sprit or tbrit: ends the loop"},
     {"errmsg",
      "errmsg text;  print text and fail"},
     {"forfiles",
@@ -508,15 +510,16 @@ const HelpEntry help_entries[] = {
     {"macseed",
      "macseed N;  seed of macro random numbers"},
     {"maketable",
-     "maketable name title;  print an array as a table;  maketable + name;  copy tables to it;  maketable -;  stop"},
+     "maketable name title;  print a one-dimensional array as a table;  maketable + name;\n"
+     "copy the tables of later commands into array name;  maketable -;  stop copying"},
     {"private",
      "private N;  private variables of a file"},
     {"progress",
-     "progress N M text;  show progress from a macro"},
+     "progress N M text;  show progress N of M with text (with report off)"},
     {"recurse",
      "recurse arguments;  run the current file again with arguments"},
     {"resetswap",
-     "resetswap;  restart a swap loop"},
+     "resetswap;  inside sprit or tbrit: starts the moves again from the present tree"},
     {"resettime",
      "resettime;  reset the base of the time expression"},
     {"return",
@@ -528,15 +531,15 @@ const HelpEntry help_entries[] = {
     {"setarray",
      "setarray dims name values;  fill an array"},
     {"setloop",
-     "setloop N;  next iteration has value N"},
+     "setloop N;  inside a loop: the next pass has value N"},
     {"slaveget",
      "slaveget;  get data from the parent"},
     {"slaveset",
      "slaveset;  send data to the parent"},
     {"sprit",
-     "sprit;  SPR iteration loop"},
+     "sprit T actions stop;  runs the actions for every SPR move of tree T (the tree moved)"},
     {"tbrit",
-     "tbrit;  TBR iteration loop"},
+     "tbrit T actions stop;  runs the actions for every TBR move of tree T (the tree moved)"},
     {"travtree",
      "travtree type T N varname actions endtrav;  traverse a tree"},
     {"var",

@@ -1,7 +1,8 @@
 // qnelsen: the consensus estimated from repeated quick searches. The command pushes
 // the search text of every replication on the input stack, each followed by the
 // internal step "qnelsen @;" that counts the groups of that replication's strict
-// consensus, and a final "qnelsen @@;" that builds and keeps the estimate.
+// consensus, and a final "qnelsen @!;" that builds and keeps the estimate (not "@@", which
+// the macro reader takes for an in-line jump).
 #include <chrono>
 #include <cctype>
 #include <cstring>
@@ -133,7 +134,7 @@ int read_setting_value(const char* word) {
 
 void cmd_qnelsen() {
   if (accept_char('@')) {
-    if (accept_char('@')) estimate_finish();
+    if (accept_char('!')) estimate_finish();
     else estimate_step();
     return;
   }
@@ -217,7 +218,7 @@ void cmd_qnelsen() {
   if (search.empty() || search.back() != ';') search += ';';
   std::string text;
   for (int k = 0; k < s.replications; ++k) text += search + "\nqnelsen @;\n";
-  text += "qnelsen @@;\n";
+  text += "qnelsen @!;\n";
   push_text_level(text, "qnelsen");
 }
 
