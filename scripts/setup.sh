@@ -2,10 +2,11 @@
 # Installs the Debian packages the build needs, when they are missing.
 set -euo pipefail
 need=()
-# "setup.sh --tests" adds what only the tests use: python3 for scripted checks, and R with ape, to check that trees
-# written by the program are read by it.
+# "setup.sh --tests" adds what only the tests use: python3 for scripted checks, and R with
+# ape and phangorn, to check that trees and data written by the program are read by it and
+# scored the same.
 extra=()
-[ "${1:-}" = "--tests" ] && extra=(r-base-core r-cran-ape python3)
+[ "${1:-}" = "--tests" ] && extra=(r-base-core r-cran-ape r-cran-phangorn python3)
 for pkg in build-essential cmake libncurses-dev libgtest-dev libbenchmark-dev pvm pvm-dev tmux clang "${extra[@]}"; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need+=("$pkg")
 done
