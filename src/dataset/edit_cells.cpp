@@ -59,7 +59,7 @@ std::uint32_t read_cell_value(int c) {
     const double lo = shell::read_real();
     double hi = lo;
     if (shell::accept_char('-')) hi = shell::read_real();
-    if (lo < 0 || hi < 0 || lo > 65.535 || hi > 65.535) error_exit("Continuous values must be 0-65.535");
+    if (!(lo >= 0 && hi >= 0 && lo <= 65.535 && hi <= 65.535)) error_exit("Continuous values must be 0-65.535");
     auto a = static_cast<std::uint32_t>(std::min(lo, hi) * 1000 + 0.5), b = static_cast<std::uint32_t>(std::max(lo, hi) * 1000 + 0.5);
     return a | b << 16;
   }
@@ -90,7 +90,7 @@ void changed(int c) {
 void random_missing() {
   Dataset& d = dataset;
   const double pc = shell::read_real(), pt = shell::read_real();
-  if (pc < 0 || pc > 100 || pt < 0 || pt > 100) error_exit("Percentages of characters and taxa must be 0-100");
+  if (!(pc >= 0 && pc <= 100 && pt >= 0 && pt <= 100)) error_exit("Percentages of characters and taxa must be 0-100");
   std::vector<int> chars, taxa;
   for (int c = 0; c < d.nchar; ++c) if (d.chars[c].active) chars.push_back(c);
   for (int t = 0; t < d.ntax; ++t)

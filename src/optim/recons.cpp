@@ -154,7 +154,10 @@ Vec soft_additive(const std::vector<const Vec*>& kids, std::uint32_t states) {
 // already `chosen` at `depth`; `best` is lowered to each smaller size found. Branches on the
 // states of the unmet set with fewest states; the count of pairwise disjoint unmet sets
 // bounds what remains.
-void hitting_search(const std::vector<std::uint32_t>& sets, std::uint32_t chosen, int depth, int& best) {
+void hitting_search(const std::vector<std::uint32_t>& sets, std::uint32_t chosen, int depth, int& best,
+                    long long& budget) {
+  if (--budget < 0)
+    qax::shell::error_exit("Too many combinations of states for a soft polytomy (use hard polytomies)");
   std::uint32_t smallest = 0;
   int lower = 0;
   std::uint32_t packed_states = 0;
@@ -165,7 +168,7 @@ void hitting_search(const std::vector<std::uint32_t>& sets, std::uint32_t chosen
   }
   if (!smallest) { best = std::min(best, depth); return; }
   if (depth + lower >= best) return;
-  for (std::uint32_t a = smallest; a; a &= a - 1) hitting_search(sets, chosen | (a & -a), depth + 1, best);
+  for (std::uint32_t a = smallest; a; a &= a - 1) hitting_search(sets, chosen | (a & -a), depth + 1, best, budget);
 }
 
 // Soft polytomy, unordered states, any number of states. The least cost of a child is m_k,
@@ -218,11 +221,12 @@ Vec soft_nonadditive_sets(const std::vector<const Vec*>& kids, std::uint32_t sta
     return out;
   }
   int H = std::popcount(any) + 1;
-  hitting_search(minimal, 0, 0, H);
+  long long budget = 20'000'000;
+  hitting_search(minimal, 0, 0, H, budget);
   for (std::uint32_t a = states; a; a &= a - 1) {
     const int s = std::countr_zero(a);
     int with_s = H + 1;
-    if (any >> s & 1) hitting_search(minimal, a & -a, 1, with_s);
+    if (any >> s & 1) hitting_search(minimal, a & -a, 1, with_s, budget);
     out[s] = cap(sum + H - (with_s <= H ? 1 : 0));
   }
   return out;

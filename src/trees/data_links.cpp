@@ -179,7 +179,7 @@ void generate_into_characters(int form) {
     const int nstates = shell::read_int();
     if (nstates < 1 || nstates > qax::dataset::max_states) error_exit("Number of states must be 1-32");
     const double mean = shell::read_real();
-    if (mean <= 0 || mean > 100) error_exit("Mean probability of change must be above 0 and up to 100");
+    if (!(mean > 0 && mean <= 100)) error_exit("Mean probability of change must be above 0 and up to 100");
     sim.nstates = nstates;
     order_nodes(sim, ntax);
     ExponentialRates rates{&sim, mean / 100.0};
@@ -200,7 +200,7 @@ void generate_into_characters(int form) {
     if (t < 0) error_exit("Expected a tree number after \"xread <\"");
     sim.tree.assign(checked_tree_node(t, ntax), checked_tree_node(t, ntax) + 2 * ntax - 1);
     stasis = shell::read_real();
-    if (stasis < 0 || stasis > 100) error_exit("Probability of stasis must be 0-100");
+    if (!(stasis >= 0 && stasis <= 100)) error_exit("Probability of stasis must be 0-100");
   }
   std::vector<std::int8_t> listed;
   if (shell::peek_char() != ';') qax::dataset::read_character_list(listed);
@@ -271,7 +271,7 @@ void generate_data_from_tree() {
     if (t < 0) error_exit("Expected a tree number after \"xread +\"");
     sim.tree.assign(checked_tree_node(t, ntax), checked_tree_node(t, ntax) + 2 * ntax - 1);
     stasis = shell::read_real();
-    if (stasis < 0 || stasis > 100) error_exit("Probability of stasis must be 0-100");
+    if (!(stasis >= 0 && stasis <= 100)) error_exit("Probability of stasis must be 0-100");
     std::snprintf(title, sizeof title, "Data, p(stasis)=%.2f", stasis / 100.0);
   }
   int nchar = shell::read_int();
