@@ -14,6 +14,7 @@
 #include "dataset/dataset.h"
 #include "optim/field_ops.h"
 #include "optim/packed.h"
+#include "optim/recons.h"
 #include "shell/failure.h"
 #include "trees/store.h"
 
@@ -255,78 +256,28 @@ struct EdgeFacts {
   std::vector<std::uint8_t> zero, change, differ;
 };
 
-// A continuous character in the same terms: the values of best reconstructions can be
-// taken among the ends of the observed ranges, so these values are its states, and a change
-// costs the difference of the values.
+// A continuous character in the same terms, its values serving as states.
 void continuous_facts(const std::vector<std::vector<int>>& kids, const std::vector<int>& pre, int ntax, int c,
                       EdgeFacts& f) {
-  constexpr long long inf = LLONG_MAX / 8;
-  auto known = [&](int t, long long& lo, long long& hi) {
-    const bool active = t < static_cast<int>(dataset.taxon_active.size()) ? dataset.taxon_active[t] != 0 : true;
-    const std::uint32_t v = dataset.cell(t, c);
-    if (!active || v == dataset::continuous_missing || v == dataset::continuous_inapplicable) return false;
-    lo = v & 0xFFFF;
-    hi = v >> 16;
-    return true;
-  };
-  std::vector<long long> values;
-  for (int t = 0; t < ntax; ++t) {
-    long long lo, hi;
-    if (known(t, lo, hi)) { values.push_back(lo); values.push_back(hi); }
-  }
-  std::sort(values.begin(), values.end());
-  values.erase(std::unique(values.begin(), values.end()), values.end());
-  const int m = static_cast<int>(values.size());
-  if (m < 2) return;
-  const std::size_t end = kids.size();
-  std::vector<long long> D(end * m, 0), O(end * m, 0), R(m);
-  auto d = [&](int n) { return D.data() + static_cast<std::size_t>(n) * m; };
-  auto o = [&](int n) { return O.data() + static_cast<std::size_t>(n) * m; };
-  auto cost = [&](int i, int j) { return std::llabs(values[i] - values[j]); };
-  auto best_to = [&](const long long* x, int i) {
-    long long b = inf;
-    for (int j = 0; j < m; ++j) if (x[j] < inf) b = std::min(b, x[j] + cost(i, j));
-    return b;
-  };
-  for (auto it = pre.rbegin(); it != pre.rend(); ++it) {
-    const int n = *it;
-    if (n < ntax) {
-      long long lo, hi;
-      const bool k = known(n, lo, hi);
-      for (int i = 0; i < m; ++i) d(n)[i] = !k ? 0 : values[i] < lo ? lo - values[i] : values[i] > hi ? values[i] - hi : 0;
-      continue;
+  continuous_branches(kids, pre, ntax, c, [&](const ContinuousBranch& b) {
+    const int v = b.child;
+    if (v < ntax) return;
+    const auto& values = *b.values;
+    const int m = static_cast<int>(values.size());
+    bool zero = false, change = false;
+    for (int i = 0; i < m; ++i)
+      for (int j = 0; j < m; ++j)
+        if (b.R[i] < continuous_none && b.down[j] < continuous_none &&
+            b.R[i] + std::llabs(values[i] - values[j]) + b.down[j] == b.length)
+          (i == j ? zero : change) = true;
+    if (!zero) f.zero[v] = 0;
+    if (change) f.change[v] = 1;
+    for (int i = 0; i < m && !f.differ[v]; ++i) {
+      const bool at_v = b.out_child[i] + b.down[i] == b.length;
+      const bool at_n = b.out_parent[i] + b.down_parent[i] == b.length;
+      if (at_v != at_n) f.differ[v] = 1;
     }
-    for (int i = 0; i < m; ++i) {
-      long long sum = 0;
-      for (int k : kids[n]) sum = std::min(inf, sum + best_to(d(k), i));
-      d(n)[i] = sum;
-    }
-  }
-  long long length = inf;
-  for (int i = 0; i < m; ++i) { length = std::min(length, d(ntax)[i]); o(ntax)[i] = 0; }
-  for (int n : pre) {
-    if (n < ntax) continue;
-    for (int v : kids[n]) {
-      for (int i = 0; i < m; ++i) {
-        long long r = o(n)[i];
-        for (int k : kids[n]) if (k != v) r = std::min(inf, r + best_to(d(k), i));
-        R[i] = r;
-      }
-      for (int j = 0; j < m; ++j) o(v)[j] = best_to(R.data(), j);
-      if (v < ntax) continue;
-      bool zero = false, change = false;
-      for (int i = 0; i < m; ++i)
-        for (int j = 0; j < m; ++j)
-          if (R[i] < inf && d(v)[j] < inf && R[i] + cost(i, j) + d(v)[j] == length) (i == j ? zero : change) = true;
-      if (!zero) f.zero[v] = 0;
-      if (change) f.change[v] = 1;
-      for (int i = 0; i < m && !f.differ[v]; ++i) {
-        const bool at_v = o(v)[i] + d(v)[i] == length;
-        const bool at_n = o(n)[i] + d(n)[i] == length;
-        if (at_v != at_n) f.differ[v] = 1;
-      }
-    }
-  }
+  });
 }
 
 void polytomy_facts(const std::int32_t* tree, int ntax, bool raw_view, EdgeFacts& f) {

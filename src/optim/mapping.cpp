@@ -355,66 +355,17 @@ void show_by_node(int k, const CharTree& t, const std::vector<std::string>& text
 // observed ranges, so these are the states of an exact pass with costs |x - y|.
 std::vector<double> continuous_extremes(const CharTree& t, int c, bool increase) {
   std::vector<double> out(t.kids.size(), 0.0);
-  auto known = [&](int x, long long& lo, long long& hi) {
-    const bool active = x >= static_cast<int>(dataset.taxon_active.size()) || dataset.taxon_active[x] != 0;
-    const std::uint32_t v = dataset.cell(x, c);
-    if (!active || v == qax::dataset::continuous_missing || v == qax::dataset::continuous_inapplicable) return false;
-    lo = v & 0xFFFF;
-    hi = v >> 16;
-    return true;
-  };
-  std::vector<long long> values;
-  for (int n : t.preorder) {
-    long long lo, hi;
-    if (n < t.ntax && known(n, lo, hi)) { values.push_back(lo); values.push_back(hi); }
-  }
-  std::sort(values.begin(), values.end());
-  values.erase(std::unique(values.begin(), values.end()), values.end());
-  const int m = static_cast<int>(values.size());
-  if (m < 2) return out;
-  constexpr long long inf = LLONG_MAX / 8;
-  const std::size_t nodes = t.kids.size();
-  std::vector<long long> D(nodes * m, 0), O(nodes * m, 0), R(m);
-  auto d = [&](int n) { return D.data() + static_cast<std::size_t>(n) * m; };
-  auto o = [&](int n) { return O.data() + static_cast<std::size_t>(n) * m; };
-  auto best_to = [&](const long long* x, int i) {
-    long long b = inf;
-    for (int j = 0; j < m; ++j) if (x[j] < inf) b = std::min(b, x[j] + std::llabs(values[i] - values[j]));
-    return b;
-  };
-  for (auto it = t.preorder.rbegin(); it != t.preorder.rend(); ++it) {
-    const int n = *it;
-    if (n < t.ntax) {
-      long long lo, hi;
-      const bool k = known(n, lo, hi);
-      for (int i = 0; i < m; ++i) d(n)[i] = !k ? 0 : values[i] < lo ? lo - values[i] : values[i] > hi ? values[i] - hi : 0;
-      continue;
-    }
-    for (int i = 0; i < m; ++i) {
-      long long sum = 0;
-      for (int k : t.kids[n]) sum = std::min(inf, sum + best_to(d(k), i));
-      d(n)[i] = sum;
-    }
-  }
-  long long length = inf;
-  for (int i = 0; i < m; ++i) length = std::min(length, d(t.ntax)[i]);
-  for (int n : t.preorder) {
-    if (n < t.ntax) continue;
-    for (int v : t.kids[n]) {
-      for (int i = 0; i < m; ++i) {
-        long long r = o(n)[i];
-        for (int k : t.kids[n]) if (k != v) r = std::min(inf, r + best_to(d(k), i));
-        R[i] = r;
-      }
-      for (int j = 0; j < m; ++j) o(v)[j] = best_to(R.data(), j);
-      long long most = 0;
-      for (int i = 0; i < m; ++i)
-        for (int j = 0; j < m; ++j)
-          if (R[i] < inf && d(v)[j] < inf && R[i] + std::llabs(values[i] - values[j]) + d(v)[j] == length)
-            most = std::max(most, increase ? values[j] - values[i] : values[i] - values[j]);
-      out[v] = static_cast<double>(most) / 1000.0;
-    }
-  }
+  continuous_branches(t.kids, t.preorder, t.ntax, c, [&](const ContinuousBranch& b) {
+    const auto& values = *b.values;
+    const int m = static_cast<int>(values.size());
+    long long most = 0;
+    for (int i = 0; i < m; ++i)
+      for (int j = 0; j < m; ++j)
+        if (b.R[i] < continuous_none && b.down[j] < continuous_none &&
+            b.R[i] + std::llabs(values[i] - values[j]) + b.down[j] == b.length)
+          most = std::max(most, increase ? values[j] - values[i] : values[i] - values[j]);
+    out[b.child] = static_cast<double>(most) / 1000.0;
+  });
   return out;
 }
 

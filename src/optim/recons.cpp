@@ -408,6 +408,76 @@ void least_branch_changes(const CharTree& t, const CharCosts& costs, std::vector
   outside_pass(t, costs, sets, &lengths);
 }
 
+void continuous_branches(const std::vector<std::vector<int>>& kids, const std::vector<int>& preorder, int ntax, int c,
+                         const std::function<void(const ContinuousBranch&)>& visit) {
+  constexpr long long inf = continuous_none;
+  auto known = [&](int t, long long& lo, long long& hi) {
+    const bool active = t >= static_cast<int>(dataset.taxon_active.size()) || dataset.taxon_active[t] != 0;
+    const std::uint32_t v = dataset.cell(t, c);
+    if (!active || v == qax::dataset::continuous_missing || v == qax::dataset::continuous_inapplicable) return false;
+    lo = v & 0xFFFF;
+    hi = v >> 16;
+    return true;
+  };
+  std::vector<long long> values;
+  for (int n : preorder) {
+    long long lo, hi;
+    if (n < ntax && known(n, lo, hi)) { values.push_back(lo); values.push_back(hi); }
+  }
+  std::sort(values.begin(), values.end());
+  values.erase(std::unique(values.begin(), values.end()), values.end());
+  const int m = static_cast<int>(values.size());
+  if (m < 2) return;
+  const std::size_t nodes = kids.size();
+  std::vector<long long> D(nodes * m, 0), O(nodes * m, 0), R(m);
+  auto d = [&](int n) { return D.data() + static_cast<std::size_t>(n) * m; };
+  auto o = [&](int n) { return O.data() + static_cast<std::size_t>(n) * m; };
+  auto best_to = [&](const long long* x, int i) {
+    long long b = inf;
+    for (int j = 0; j < m; ++j) if (x[j] < inf) b = std::min(b, x[j] + std::llabs(values[i] - values[j]));
+    return b;
+  };
+  for (auto it = preorder.rbegin(); it != preorder.rend(); ++it) {
+    const int n = *it;
+    if (n < ntax) {
+      long long lo, hi;
+      const bool k = known(n, lo, hi);
+      for (int i = 0; i < m; ++i) d(n)[i] = !k ? 0 : values[i] < lo ? lo - values[i] : values[i] > hi ? values[i] - hi : 0;
+      continue;
+    }
+    for (int i = 0; i < m; ++i) {
+      long long sum = 0;
+      for (int k : kids[n]) sum = std::min(inf, sum + best_to(d(k), i));
+      d(n)[i] = sum;
+    }
+  }
+  const int root = preorder.empty() ? ntax : preorder.front();
+  long long length = inf;
+  for (int i = 0; i < m; ++i) { length = std::min(length, d(root)[i]); o(root)[i] = 0; }
+  ContinuousBranch b;
+  b.values = &values;
+  b.length = length;
+  for (int n : preorder) {
+    if (n < ntax) continue;
+    for (int v : kids[n]) {
+      for (int i = 0; i < m; ++i) {
+        long long r = o(n)[i];
+        for (int k : kids[n]) if (k != v) r = std::min(inf, r + best_to(d(k), i));
+        R[i] = r;
+      }
+      for (int j = 0; j < m; ++j) o(v)[j] = best_to(R.data(), j);
+      b.parent = n;
+      b.child = v;
+      b.R = R.data();
+      b.down = d(v);
+      b.out_child = o(v);
+      b.out_parent = o(n);
+      b.down_parent = d(n);
+      visit(b);
+    }
+  }
+}
+
 void greatest_branch_changes(const CharTree& t, const CharCosts& costs, std::vector<std::int64_t>& lengths) {
   std::vector<std::uint32_t> sets;
   outside_pass(t, costs, sets, &lengths, true);

@@ -5,7 +5,9 @@
 // Invariant: costs are in unweighted steps, cost_none marks a state no reconstruction takes.
 #pragma once
 
+#include <climits>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -61,6 +63,25 @@ void greatest_branch_changes(const CharTree& t, const CharCosts& costs, std::vec
 // Least and greatest number of branches whose upper end is in `from` and lower end in `to`
 // (different states) over all best reconstructions; hard polytomies.
 void count_changes(const CharTree& t, int c, std::uint32_t from, std::uint32_t to, int& least, int& most);
+
+// A continuous character, exactly: best reconstructions can take their values among the ends
+// of the observed ranges (thousandths), so these values serve as states and a change costs
+// their difference. For every branch from `parent` down to `child` (children lists, nodes
+// in preorder, terminals below ntax, inactive taxa missing), `visit` gets the values and,
+// over them: R, the cost of everything but the child's subtree with the parent at each
+// value; down, the cost of the child's subtree; out_child and out_parent, the cost of the
+// rest of the tree with the child or the parent at each value; down_parent; and the
+// length. Costs no reconstruction reaches are continuous_none. Nothing is visited when
+// fewer than two values are observed.
+constexpr long long continuous_none = LLONG_MAX / 8;
+struct ContinuousBranch {
+  int parent = 0, child = 0;
+  const std::vector<long long>* values = nullptr;
+  const long long *R = nullptr, *down = nullptr, *out_child = nullptr, *out_parent = nullptr, *down_parent = nullptr;
+  long long length = 0;
+};
+void continuous_branches(const std::vector<std::vector<int>>& kids, const std::vector<int>& preorder, int ntax, int c,
+                         const std::function<void(const ContinuousBranch&)>& visit);
 
 // Text of a state set of character c: the state names given with cnames (cut to `width`
 // letters, 0 for whole names) or the symbols of the data; "?" for the empty set.

@@ -114,6 +114,21 @@ void fill_exponential(qax::dataset::Dataset& d, void* context) {
   }
 }
 
+// The data replaced with generated characters (same taxa); the model tree stays as tree 0,
+// in the tree group "model_tree".
+void replace_with_generated(const Simulation& sim, int nchar, int nstates, const char* title,
+                            void (*fill)(qax::dataset::Dataset&, void*), void* context) {
+  const int ntax = dataset.ntax;
+  const std::vector<std::int32_t> model = sim.tree;
+  std::vector<std::string> names = dataset.taxon_names;
+  qax::dataset::generate_matrix(ntax, nchar, nstates, false, title, names, fill, context);
+  tree_store_reset_for(ntax);
+  group_wipe(0);
+  tree_store.group_defined[0] = 1;
+  tree_store.group_names[0] = "model_tree";
+  tree_store_append(model.data(), 0);
+}
+
 // Parents before children: the present nodes of the model tree sorted by depth.
 void order_nodes(Simulation& sim, int ntax) {
   const std::int32_t* tree = sim.tree.data();
@@ -132,9 +147,8 @@ void order_nodes(Simulation& sim, int ntax) {
   sim.state.assign(end, 0);
 }
 
-// Branch lengths written as tags on the tag tree, as probabilities of change (Jukes-Cantor
-// for the given number of states), into sim.tree and sim.change.
-void tag_tree_changes(Simulation& sim, int ntax, int nstates) {
+// Branch lengths written as tags on the tag tree, which becomes the model tree.
+std::vector<double> tag_branch_lengths(Simulation& sim, int ntax) {
   std::vector<double> lengths;
   bool any = false;
   if (tree_store.ntax == ntax && !tree_store.tag_tree.empty()) {
@@ -152,6 +166,11 @@ void tag_tree_changes(Simulation& sim, int ntax, int nstates) {
   }
   if (!any) error_exit("No messages written to tree branches");
   sim.tree = tree_store.tag_tree;
+  return lengths;
+}
+
+// Branch lengths as probabilities of change (Jukes-Cantor for the number of states).
+void jukes_cantor_changes(Simulation& sim, int ntax, const std::vector<double>& lengths, int nstates) {
   order_nodes(sim, ntax);
   const double n = nstates;
   for (std::size_t v = 0; v < sim.change.size(); ++v) {
@@ -185,13 +204,7 @@ void generate_into_characters(int form) {
     ExponentialRates rates{&sim, mean / 100.0};
     char title[80];
     std::snprintf(title, sizeof title, "Data, exponential homoplasy (mean p(change)=%.2f)", mean / 100.0);
-    std::vector<std::string> names = dataset.taxon_names;
-    qax::dataset::generate_matrix(ntax, nchar, nstates, false, title, names, fill_exponential, &rates);
-    tree_store_reset_for(ntax);
-    group_wipe(0);
-    tree_store.group_defined[0] = 1;
-    tree_store.group_names[0] = "model_tree";
-    tree_store_append(sim.tree.data(), 0);
+    replace_with_generated(sim, nchar, nstates, title, fill_exponential, &rates);
     return;
   }
   double stasis = 0;
@@ -225,7 +238,7 @@ void generate_into_characters(int form) {
       if (v != missing) seen |= v;
     }
     sim.nstates = std::max(2, seen ? 32 - std::countl_zero(seen) : 2);
-    if (form == '>') tag_tree_changes(sim, ntax, sim.nstates);
+    if (form == '>') jukes_cantor_changes(sim, ntax, tag_branch_lengths(sim, ntax), sim.nstates);
     draw_character(sim, ntax);
     for (int x = 0; x < ntax; ++x)
       dataset.set_cell(x, c, terminal_present(sim.tree.data(), x, ntax) ? 1u << sim.state[x] : missing);
@@ -249,22 +262,7 @@ void generate_data_from_tree() {
   std::vector<double> lengths;
   double stasis = 0;
   if (from_tags) {
-    bool any = false;
-    if (tree_store.ntax == ntax && !tree_store.tag_tree.empty()) {
-      lengths.assign(tree_store.tag_tree.size(), 0.0);
-      for (std::size_t v = 0; v < tree_store.tags.size() && v < lengths.size(); ++v) {
-        const std::string& tag = tree_store.tags[v];
-        if (tag.empty()) continue;
-        char* end = nullptr;
-        double x = std::strtod(tag.c_str(), &end);
-        if (end != tag.c_str() && x >= 0) {
-          lengths[v] = x;
-          any = true;
-        }
-      }
-    }
-    if (!any) error_exit("No messages written to tree branches");
-    sim.tree = tree_store.tag_tree;
+    lengths = tag_branch_lengths(sim, ntax);
     std::snprintf(title, sizeof title, "Data (jukes-cantor)");
   } else {
     int t = shell::read_int();
@@ -280,24 +278,14 @@ void generate_data_from_tree() {
   if (nstates < 1 || nstates > qax::dataset::max_states) error_exit("Number of states must be 1-32");
   sim.nstates = nstates;
 
-  order_nodes(sim, ntax);
-  for (std::size_t v = 0; v < sim.change.size(); ++v) {
-    if (from_tags) {
-      double len = v < lengths.size() ? lengths[v] : 0.0;
-      double n = nstates;
-      sim.change[v] = nstates > 1 ? (n - 1) / n * (1 - std::exp(-n / (n - 1) * len)) : 0.0;
-    } else {
-      sim.change[v] = 1.0 - stasis / 100.0;
-    }
+  if (from_tags) {
+    jukes_cantor_changes(sim, ntax, lengths, nstates);
+  } else {
+    order_nodes(sim, ntax);
+    std::fill(sim.change.begin(), sim.change.end(), 1.0 - stasis / 100.0);
   }
 
-  std::vector<std::string> names = dataset.taxon_names;
-  qax::dataset::generate_matrix(ntax, nchar, nstates, false, title, names, fill_simulated, &sim);
-  tree_store_reset_for(ntax);
-  group_wipe(0);
-  tree_store.group_defined[0] = 1;
-  tree_store.group_names[0] = "model_tree";
-  tree_store_append(sim.tree.data(), 0);
+  replace_with_generated(sim, nchar, nstates, title, fill_simulated, &sim);
 }
 
 void set_tree_format(bool narrow) {
