@@ -33,6 +33,12 @@ tmux -S "$sock" -f /dev/null new-session -d -s qx -x 100 -y 40 \
 wait_for 'qax\*>'
 type_line "proc $data/rbcl500.xread;"
 wait_for 'Matrix \(' 300
+# The next prompt: keys typed before it (while the data are checked) could be lost.
+for ((i = 0; i < 600; i++)); do
+  [ "$(screen_text | grep -c 'qax\*>')" -ge 2 ] && break
+  sleep 0.1
+done
+sleep 0.5
 type_line "mult=rep 100000 hold 1;"
 # On a loaded machine the search may not have started after a few seconds: a Ctrl-C at the
 # prompt does nothing, so it is sent again (more than a second apart, or two would quit).
