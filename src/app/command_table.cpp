@@ -119,7 +119,7 @@ const CommandRecord command_records[] = {
     {"shortread", qax::trees::cmd_shortread, 1, topic_input | topic_trees},
     {"shpcomp", cmd_not_available, 1, topic_diagnosis | topic_various},
     {"silent", cmd_silent, 0, topic_output | topic_settings},
-    {"slfwt", cmd_not_available, 0, topic_searching | topic_settings | topic_various | topic_weights},
+    {"slfwt", qax::optim::cmd_slfwt, 0, topic_searching | topic_settings | topic_various | topic_weights},
     {"slaveproc", cmd_bground, 0, topic_scripts},
     {"smatrix", qax::dataset::cmd_smatrix, 0, topic_input | topic_settings | topic_characters | topic_weights},
     {"sort", qax::trees::cmd_sort, 1, topic_diagnosis | topic_compare | topic_trees},

@@ -239,3 +239,39 @@ void cmd_piwe() {
 }
 
 }  // namespace qax::optim
+
+namespace qax::optim {
+
+SelfWeightSettings self_weight_settings;
+
+void cmd_slfwt() {
+  static const char* const words[] = {"exops", "setlim", "verbose", "noverbose", "quickrat", "noquickrat",
+                                      "maxdist", "maxrepeat", "maxtbr", "backbuf", "timeout", "errmargin",
+                                      "tolerance", "useminset", "nouseminset", "polymorphisms",
+                                      "nopolymorphisms", "autotune", "noautotune"};
+  auto& s = self_weight_settings;
+  while (peek_char() != ';' && peek_char() != 0) {
+    if (read_token() == 0) break;
+    std::string word = token_buffer, value;
+    const auto eq = word.find('=');
+    if (eq != std::string::npos) { value = word.substr(eq + 1); word.resize(eq); }
+    bool known = false;
+    for (const char* w : words) known = known || word == w;
+    if (!known) error_exitf("Unrecognized option of slfwt: %s", word.c_str());
+    // A "no" word switches its option off; others take a value (1 when none is given).
+    std::string name = word;
+    if (word.rfind("no", 0) == 0) {
+      name = word.substr(2);
+      value = "0";
+    } else if (value.empty()) {
+      value = "1";
+    }
+    s.options[name] = value;
+  }
+  out_line({"Options of auto-weighted optimization:"});
+  if (s.options.empty()) out_line({"  (all defaults)"});
+  for (const auto& [name, value] : s.options) out_line({" ", name, "=", value});
+  if (!implied_settings.auto_weighted) out_line({"(they apply when auto-weighted optimization is ON: piwe +N)"});
+}
+
+}  // namespace qax::optim

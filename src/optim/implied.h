@@ -3,6 +3,8 @@
 // tree is the weighted sum of the fits of its characters, to be minimised.
 #pragma once
 
+#include <map>
+#include <string>
 #include <vector>
 
 namespace qax::optim {
@@ -29,5 +31,12 @@ double implied_total(const std::vector<int>& steps);
 int largest_homoplasy();
 
 void cmd_piwe();
+
+// Options of auto-weighted optimisation as the user set them (name to value).
+struct SelfWeightSettings {
+  std::map<std::string, std::string> options;
+};
+extern SelfWeightSettings self_weight_settings;
+void cmd_slfwt();
 
 }  // namespace qax::optim
