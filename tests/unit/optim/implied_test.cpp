@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <functional>
 #include <random>
 #include <vector>
 
@@ -16,6 +17,8 @@
 #include "optim/implied.h"
 #include "optim/packed.h"
 #include "optim/reports.h"
+#include "search/implied_swap.h"
+#include "trees/store.h"
 
 using namespace qax;
 namespace ds = qax::dataset;
@@ -189,6 +192,70 @@ TEST_F(Implied, EdgeValuesOfTheFitFunction) {
   EXPECT_EQ(optim::fit_of_homoplasy(0), 0.0);
   optim::implied_settings.concavity = 1000;
   EXPECT_EQ(optim::fit_of_homoplasy(0), 0.0);
+}
+
+// Every rooted binary tree with taxon 0 beside the root, by inserting taxa 2.. on each
+// branch in turn (some trees come more than once, which is harmless for a minimum).
+void each_tree(std::vector<std::int32_t>& par, int k, int n, int next_inner,
+               const std::function<void(const std::vector<std::int32_t>&)>& fn) {
+  if (k == n) { fn(par); return; }
+  for (int v = 1; v < next_inner; ++v) {
+    if (v == n || (v >= k && v < n)) continue;
+    const int q = next_inner;
+    par[q] = par[v];
+    par[v] = q;
+    par[k] = q;
+    each_tree(par, k + 1, n, next_inner + 1, fn);
+    par[v] = par[q];
+  }
+}
+
+double best_fit_of_all_trees(const Ref& m, int ntax, double K) {
+  std::vector<std::int32_t> par(2 * ntax - 1, 0);
+  par[0] = par[1] = ntax;
+  par[ntax] = 2 * ntax - 1;
+  double best = 1e300;
+  each_tree(par, 2, ntax, ntax + 1, [&](const std::vector<std::int32_t>& t) {
+    best = std::min(best, reference_fit(m, t, ntax, K, nullptr));
+  });
+  return best;
+}
+
+TEST_F(Implied, MultReachesTheBestFitOfAllTrees) {
+  std::mt19937 rng(909);
+  for (int round = 0; round < 6; ++round) {
+    const int ntax = 6 + round % 3;
+    const Ref m = random_matrix(rng, ntax, 10);
+    const double K = round % 2 ? 3.0 : 10.0;
+    const double best = best_fit_of_all_trees(m, ntax, K);
+    const std::string out = qax::test::run(std::string("piwe =") + (round % 2 ? "3" : "10") + "; mult=replic 10;");
+    ASSERT_GT(trees::tree_store.ntrees, 0) << out;
+    for (int k = 0; k < trees::tree_store.ntrees; ++k) {
+      EXPECT_NEAR(trees::tree_store.scores[k], best, 1e-9) << "round " << round << "\n" << out;
+      std::vector<std::int32_t> parent(trees::tree_store.row_size);
+      std::copy_n(trees::tree_row(k), parent.size(), parent.begin());
+      EXPECT_NEAR(reference_fit(m, parent, ntax, K, nullptr), best, 1e-9) << "round " << round;
+    }
+  }
+}
+
+TEST_F(Implied, SwappingNeverReportsAFitOtherThanTheTreesOwn) {
+  std::mt19937 rng(31);
+  for (int round = 0; round < 6; ++round) {
+    const int ntax = 9 + static_cast<int>(rng() % 16);
+    const Ref m = random_matrix(rng, ntax, 15);
+    ds::minmax_check();
+    optim::pack_data();
+    optim::implied_settings.implied_on = 1;
+    optim::implied_settings.concavity = 2 + round;
+    auto parent = qax::test::random_binary_parent(rng, ntax);
+    const double start = reference_fit(m, parent, ntax, 2 + round, nullptr);
+    long long examined = 0;
+    const double f = search::implied_swap(parent, round % 2 == 0, examined);
+    EXPECT_NEAR(f, reference_fit(m, parent, ntax, 2 + round, nullptr), 1e-9) << round;
+    EXPECT_LE(f, start + 1e-12);
+    EXPECT_GT(examined, 0);
+  }
 }
 
 }  // namespace
