@@ -228,7 +228,7 @@ TEST_F(Implied, MultReachesTheBestFitOfAllTrees) {
     const Ref m = random_matrix(rng, ntax, 10);
     const double K = round % 2 ? 3.0 : 10.0;
     const double best = best_fit_of_all_trees(m, ntax, K);
-    const std::string out = qax::test::run(std::string("piwe =") + (round % 2 ? "3" : "10") + "; mult=replic 10;");
+    const std::string out = qax::test::run(std::string("piwe =") + (round % 2 ? "3" : "10") + (round < 3 ? "; mult=replic 10;" : "; mult=replic 10 ratchet;"));
     ASSERT_GT(trees::tree_store.ntrees, 0) << out;
     for (int k = 0; k < trees::tree_store.ntrees; ++k) {
       EXPECT_NEAR(trees::tree_store.scores[k], best, 1e-9) << "round " << round << "\n" << out;
