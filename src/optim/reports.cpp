@@ -292,7 +292,8 @@ void total_report(int force) {
       bool fractional = false;
       const double total = weighted_total(steps, &fractional);
       std::snprintf(text, sizeof text, fractional ? "%.3f" : "%.0f", total);
-      if (!soft && !some_chars) tree_store.scores[k] = total;
+      // Under implied weighting the stored scores are fits: steps are only reported.
+      if (!soft && !some_chars && !implied_settings.implied_on) tree_store.scores[k] = total;
     }
     values.push_back(text);
   }
