@@ -24,3 +24,18 @@
 #include "search/fusing.h"
 #include "search/sectors.h"
 #include "search/xmult.h"
+#include "optim/implied.h"
+#include "shell/failure.h"
+
+namespace qax::app {
+
+// Searches and supports whose engines count steps: under implied weighting they would
+// optimise the wrong score, so they refuse until weighting is turned off.
+template <void (*F)()>
+void steps_only() {
+  if (qax::optim::implied_settings.implied_on)
+    qax::shell::error_exit("Sorry, this search is not available yet under implied weighting (piwe- turns it off)");
+  F();
+}
+
+}  // namespace qax::app

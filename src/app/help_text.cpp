@@ -246,7 +246,10 @@ const HelpEntry help_entries[] = {
      "Options: numsels N, phtus K, chunksize N, drift N F R, autofuse N R, goback, keepall, slack N"},
     {"piwe",
      "piwe =N;  implied weighting with concavity N;  piwe -;  equal weights\n"
-     "piwe :N;  set concavity only;  piwe;  report"},
+     "piwe :N;  set concavity only;  piwe;  report;  piwe +N;  auto-weighted (options: slfwt)\n"
+     "piwe [ w0 w1 ...;  weight of each extra step;  piwe [;  show them;  piwe ];  remove them\n"
+     "piwe |N;  cost of N steps of homoplasy;  piwe <R N;  concavity for a ratio R of first to Nth step\n"
+     "piwe &;  concavity of each character"},
     {"pruncom",
      "pruncom [ list ];  taxa whose pruning improves the combinable consensus"},
     {"prunmajor",

@@ -240,13 +240,15 @@ void prepare() {
 }
 
 double fit_total(const std::vector<int>& steps, bool concave) {
+  if (!concave) return implied_total(steps);
   const double k = implied_settings.concavity;
   double total = 0;
   for (int c = 0; c < dataset.nchar; ++c) {
     if (steps[c] < 0) continue;
     const auto& r = dataset.chars[c];
-    const double h = std::max(0, steps[c] - r.min_steps + r.internal_steps);
-    total += r.weight * (concave ? k / (k + h) : h / (k + h));
+    if (!r.active || r.weight == 0) continue;
+    const double h = character_homoplasy(c, steps[c]);
+    total += r.weight * k / (k + h);
   }
   return total;
 }
@@ -264,6 +266,7 @@ void total_report(int force) {
   if (special_and && special_or) error_exit("You have to choose either \"&\" or \"|\"");
   if (soft && (special_and || special_or)) error_exit("Cannot do \"soft\" polytomies with \"&\" or \"|\"");
   if (soft && concave) error_exit("Cannot do \"soft\" polytomies with \"*\"");
+  if (concave && implied_settings.user_weighted) error_exit("With user weighting functions, cannot do fits");
   if (special_and || special_or) error_exit("The \"&\" and \"|\" reports are not available yet");
   std::vector<int> trees = read_trees_argument();
   // "N/L": only the characters of L count; such partial totals are not stored as tree scores.
@@ -289,7 +292,8 @@ void total_report(int force) {
       bool fractional = false;
       const double total = weighted_total(steps, &fractional);
       std::snprintf(text, sizeof text, fractional ? "%.3f" : "%.0f", total);
-      if (!soft && !some_chars) tree_store.scores[k] = total;
+      // Under implied weighting the stored scores are fits: steps are only reported.
+      if (!soft && !some_chars && !implied_settings.implied_on) tree_store.scores[k] = total;
     }
     values.push_back(text);
   }
@@ -314,6 +318,23 @@ void character_report(bool homoplasy) {
     std::vector<std::string> values;
     double total = 0;
     bool fractional = false;
+    if (!homoplasy && implied_settings.implied_on) {
+      // Under implied weighting each character reports its weighted fit.
+      for (int c : chars) {
+        const auto& r = dataset.chars[c];
+        if (steps[c] < 0) { values.push_back("--"); continue; }
+        const double f = r.active ? r.weight * fit_of_homoplasy(character_homoplasy(c, steps[c])) : 0.0;
+        total += f;
+        char cell[32];
+        std::snprintf(cell, sizeof cell, "%.5f", f);
+        values.push_back(cell);
+      }
+      char title[96];
+      std::snprintf(title, sizeof title, "Tree %i, total adjusted homoplasy %f", k, total);
+      out_line({title});
+      print_table(chars, values);
+      continue;
+    }
     for (int c : chars) {
       const auto& r = dataset.chars[c];
       if (steps[c] < 0) { values.push_back("--"); continue; }

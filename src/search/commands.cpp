@@ -12,7 +12,9 @@
 
 #include "optim/collapse.h"
 #include "dataset/dataset.h"
+#include "optim/implied.h"
 #include "optim/kernels.h"
+#include "search/implied_swap.h"
 #include "optim/packed.h"
 #include "search/constraints.h"
 #include "search/search_internal.h"
@@ -222,6 +224,7 @@ std::uint32_t command_seed() {
 namespace {
 
 void run_mult(int replications) {
+  if (optim::implied_settings.implied_on) { run_implied_mult(replications); return; }
   search_prepare();
   const auto& s = search_settings;
   SearchRunning running;
@@ -351,6 +354,7 @@ void run_mult(int replications) {
 void run_bbreak() {
   qax::trees::require_data();
   if (tree_store.ntrees == 0) error_exit("No trees to swap");
+  if (optim::implied_settings.implied_on) { run_implied_bbreak(); return; }
   search_prepare();
   const auto& s = search_settings;
   SearchRunning running;

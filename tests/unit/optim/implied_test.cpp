@@ -1,0 +1,261 @@
+// Fits under implied weighting against a plain computation written here: steps of each
+// character by a direct pass over the tree (nonadditive sets, additive and continuous
+// intervals), minimum steps from the states observed, and the fit h / (K + h) (or the
+// running sum of user weights) times the character's weight.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "common/data_fixtures.h"
+#include "common/harness.h"
+#include "dataset/dataset.h"
+#include "optim/implied.h"
+#include "optim/packed.h"
+#include "optim/reports.h"
+#include "search/implied_swap.h"
+#include "trees/store.h"
+
+using namespace qax;
+namespace ds = qax::dataset;
+
+namespace {
+
+constexpr std::uint32_t missing = 0xFFFFFFFFu;
+enum Kind { plain, additive, continuous };
+
+struct Ref {
+  std::vector<int> kind;
+  std::vector<std::vector<std::uint32_t>> col;  // per character, per taxon
+};
+
+Ref random_matrix(std::mt19937& rng, int ntax, int nchar) {
+  qax::test::install_matrix(ntax, nchar);
+  auto& cells = qax::test::matrix_cells();
+  Ref m;
+  m.kind.resize(nchar);
+  m.col.assign(nchar, std::vector<std::uint32_t>(ntax));
+  for (int c = 0; c < nchar; ++c) {
+    auto& r = ds::dataset.chars[c];
+    const int k = static_cast<int>(rng() % 5);
+    m.kind[c] = k < 2 ? plain : k < 4 ? additive : continuous;
+    r.weight = 1 + static_cast<int>(rng() % 3);
+    for (int t = 0; t < ntax; ++t) {
+      std::uint32_t v;
+      if (m.kind[c] == continuous) {
+        v = static_cast<std::uint32_t>(rng() % 6000);
+        v |= v << 16;
+      } else {
+        v = rng() % 8 == 0 ? missing : 1u << (rng() % 5);
+      }
+      m.col[c][t] = v;
+      cells[static_cast<std::size_t>(t) * nchar + c] = v;
+    }
+    if (m.kind[c] == continuous) { r.is_continuous = 1; r.format = ds::format_continuous; }
+    if (m.kind[c] == additive) r.additive = 1;
+  }
+  return m;
+}
+
+using Kids = std::vector<std::vector<int>>;
+Kids kids_of(const std::vector<std::int32_t>& parent, int ntax) {
+  Kids k(2 * ntax - 1);
+  for (int n = 0; n < 2 * ntax - 1; ++n)
+    if (n != ntax) k[parent[n]].push_back(n);
+  return k;
+}
+
+// Steps of a nonadditive character: Fitch's sets, a step where children don't meet.
+std::uint32_t fitch(const Kids& k, int ntax, const std::vector<std::uint32_t>& v, int n, long long& steps) {
+  if (n < ntax) return v[n] == missing ? 0xFFu : v[n];
+  std::uint32_t a = fitch(k, ntax, v, k[n][0], steps), b = fitch(k, ntax, v, k[n][1], steps);
+  if (a & b) return a & b;
+  ++steps;
+  return a | b;
+}
+
+// Steps of an additive or continuous character: intervals, the gap where they don't meet.
+std::pair<long long, long long> interval(const Kids& k, int ntax, const Ref& m, int c, int n, long long& steps) {
+  if (n < ntax) {
+    const std::uint32_t v = m.col[c][n];
+    if (m.kind[c] == continuous) return {v & 0xFFFF, v >> 16};
+    if (v == missing) return {-1000000, 1000000};
+    return {std::countr_zero(v), std::countr_zero(v)};
+  }
+  auto a = interval(k, ntax, m, c, k[n][0], steps), b = interval(k, ntax, m, c, k[n][1], steps);
+  const long long lo = std::max(a.first, b.first), hi = std::min(a.second, b.second);
+  if (lo <= hi) return {lo, hi};
+  steps += lo - hi;
+  return {std::min(a.second, b.second), std::max(a.first, b.first)};
+}
+
+double reference_fit(const Ref& m, const std::vector<std::int32_t>& parent, int ntax, double K,
+                     const std::vector<double>* user) {
+  const Kids k = kids_of(parent, ntax);
+  double total = 0;
+  for (std::size_t c = 0; c < m.kind.size(); ++c) {
+    long long steps = 0;
+    if (m.kind[c] == plain) fitch(k, ntax, m.col[c], ntax, steps);
+    else interval(k, ntax, m, static_cast<int>(c), ntax, steps);
+    long long lo = 1 << 30, hi = -1;
+    std::uint32_t seen = 0;
+    for (auto v : m.col[c]) {
+      if (m.kind[c] == continuous) { lo = std::min<long long>(lo, v >> 16); hi = std::max<long long>(hi, v & 0xFFFF); continue; }
+      if (v == missing) continue;
+      seen |= v;
+      lo = std::min<long long>(lo, std::countr_zero(v));
+      hi = std::max<long long>(hi, std::countr_zero(v));
+    }
+    const long long min_steps = m.kind[c] == plain ? std::max(0, std::popcount(seen) - 1) : std::max(0LL, hi - lo);
+    double h = static_cast<double>(steps - min_steps);
+    if (m.kind[c] == continuous) h /= 1000.0;
+    double f = 0;
+    if (user) {
+      const double top = *std::max_element(user->begin(), user->end());
+      for (int i = 0; i < static_cast<int>(h); ++i) f += (*user)[std::min<std::size_t>(i, user->size() - 1)] / top;
+    } else if (h > 0) {
+      f = h / (K + h);
+    }
+    total += ds::dataset.chars[c].weight * f;
+  }
+  return total;
+}
+
+class Implied : public ::testing::Test {
+ protected:
+  void SetUp() override { qax::test::setup_shell(); }
+  void TearDown() override { optim::implied_settings = optim::ImpliedSettings{}; }
+};
+
+TEST_F(Implied, FitsOfRandomTreesMatchThePlainComputation) {
+  std::mt19937 rng(77);
+  int checked = 0;
+  for (int round = 0; round < 40; ++round) {
+    const int ntax = 5 + static_cast<int>(rng() % 20);
+    const Ref m = random_matrix(rng, ntax, 12);
+    ds::minmax_check();
+    optim::pack_data();
+    const double K = round % 3 == 0 ? 3.0 : 0.5 + (rng() % 2000) / 100.0;
+    optim::implied_settings.concavity = K;
+    optim::implied_settings.implied_on = 1;
+    for (int tr = 0; tr < 6; ++tr) {
+      const auto parent = qax::test::random_binary_parent(rng, ntax);
+      std::vector<int> steps;
+      optim::character_steps(parent, steps);
+      EXPECT_NEAR(optim::implied_total(steps), reference_fit(m, parent, ntax, K, nullptr), 1e-9)
+          << "round " << round << " tree " << tr;
+      ++checked;
+    }
+  }
+  EXPECT_EQ(checked, 240);
+}
+
+TEST_F(Implied, UserWeightingFunctionIsTheRunningSumOfTheWeights) {
+  std::mt19937 rng(5);
+  const std::vector<double> user = {1, 0.8, 0.5, 0.4, 0.3, 0.2, 0.1, 0.1, 0.1, 0.05};
+  for (int round = 0; round < 20; ++round) {
+    const int ntax = 6 + static_cast<int>(rng() % 10);
+    Ref m = random_matrix(rng, ntax, 8);
+    // Whole steps only: continuous columns would take fractions of a step.
+    for (int c = 0; c < 8; ++c)
+      if (m.kind[c] == continuous) {
+        ds::dataset.chars[c].is_continuous = 0;
+        ds::dataset.chars[c].format = ds::format_numeric;
+        m.kind[c] = plain;
+        for (int t = 0; t < ntax; ++t) {
+          m.col[c][t] = 1u << (t % 3);
+          qax::test::matrix_cells()[static_cast<std::size_t>(t) * 8 + c] = m.col[c][t];
+        }
+      }
+    ds::minmax_check();
+    optim::pack_data();
+    optim::implied_settings.implied_on = 1;
+    optim::implied_settings.user_weighted = 1;
+    optim::implied_settings.user_weights = user;
+    for (int tr = 0; tr < 5; ++tr) {
+      const auto parent = qax::test::random_binary_parent(rng, ntax);
+      std::vector<int> steps;
+      optim::character_steps(parent, steps);
+      EXPECT_NEAR(optim::implied_total(steps), reference_fit(m, parent, ntax, 3.0, &user), 1e-9) << round;
+    }
+  }
+}
+
+TEST_F(Implied, EdgeValuesOfTheFitFunction) {
+  optim::implied_settings.concavity = 3;
+  EXPECT_DOUBLE_EQ(optim::fit_of_homoplasy(2), 0.4);
+  EXPECT_NEAR(optim::fit_of_homoplasy(3) - optim::fit_of_homoplasy(2), 0.1, 1e-12);
+  EXPECT_EQ(optim::fit_of_homoplasy(0), 0.0);
+  optim::implied_settings.concavity = 1000;
+  EXPECT_EQ(optim::fit_of_homoplasy(0), 0.0);
+}
+
+// Every rooted binary tree with taxon 0 beside the root, by inserting taxa 2.. on each
+// branch in turn (some trees come more than once, which is harmless for a minimum).
+void each_tree(std::vector<std::int32_t>& par, int k, int n, int next_inner,
+               const std::function<void(const std::vector<std::int32_t>&)>& fn) {
+  if (k == n) { fn(par); return; }
+  for (int v = 1; v < next_inner; ++v) {
+    if (v == n || (v >= k && v < n)) continue;
+    const int q = next_inner;
+    par[q] = par[v];
+    par[v] = q;
+    par[k] = q;
+    each_tree(par, k + 1, n, next_inner + 1, fn);
+    par[v] = par[q];
+  }
+}
+
+double best_fit_of_all_trees(const Ref& m, int ntax, double K) {
+  std::vector<std::int32_t> par(2 * ntax - 1, 0);
+  par[0] = par[1] = ntax;
+  par[ntax] = 2 * ntax - 1;
+  double best = 1e300;
+  each_tree(par, 2, ntax, ntax + 1, [&](const std::vector<std::int32_t>& t) {
+    best = std::min(best, reference_fit(m, t, ntax, K, nullptr));
+  });
+  return best;
+}
+
+TEST_F(Implied, MultReachesTheBestFitOfAllTrees) {
+  std::mt19937 rng(909);
+  for (int round = 0; round < 6; ++round) {
+    const int ntax = 6 + round % 3;
+    const Ref m = random_matrix(rng, ntax, 10);
+    const double K = round % 2 ? 3.0 : 10.0;
+    const double best = best_fit_of_all_trees(m, ntax, K);
+    const std::string out = qax::test::run(std::string("piwe =") + (round % 2 ? "3" : "10") + (round < 3 ? "; mult=replic 10;" : "; mult=replic 10 ratchet;"));
+    ASSERT_GT(trees::tree_store.ntrees, 0) << out;
+    for (int k = 0; k < trees::tree_store.ntrees; ++k) {
+      EXPECT_NEAR(trees::tree_store.scores[k], best, 1e-9) << "round " << round << "\n" << out;
+      std::vector<std::int32_t> parent(trees::tree_store.row_size);
+      std::copy_n(trees::tree_row(k), parent.size(), parent.begin());
+      EXPECT_NEAR(reference_fit(m, parent, ntax, K, nullptr), best, 1e-9) << "round " << round;
+    }
+  }
+}
+
+TEST_F(Implied, SwappingNeverReportsAFitOtherThanTheTreesOwn) {
+  std::mt19937 rng(31);
+  for (int round = 0; round < 6; ++round) {
+    const int ntax = 9 + static_cast<int>(rng() % 16);
+    const Ref m = random_matrix(rng, ntax, 15);
+    ds::minmax_check();
+    optim::pack_data();
+    optim::implied_settings.implied_on = 1;
+    optim::implied_settings.concavity = 2 + round;
+    auto parent = qax::test::random_binary_parent(rng, ntax);
+    const double start = reference_fit(m, parent, ntax, 2 + round, nullptr);
+    long long examined = 0;
+    const double f = search::implied_swap(parent, round % 2 == 0, examined);
+    EXPECT_NEAR(f, reference_fit(m, parent, ntax, 2 + round, nullptr), 1e-9) << round;
+    EXPECT_LE(f, start + 1e-12);
+    EXPECT_GT(examined, 0);
+  }
+}
+
+}  // namespace
