@@ -307,20 +307,15 @@ double tree_cost(const CharTree& t, const std::vector<int>& chars, bool fits) {
   CharCosts costs;
   for (int c : chars) {
     const auto& r = dataset.chars[c];
-    double steps;
+    long long units;   // continuous: thousandths
     if (r.is_continuous) {
-      const std::int64_t v = wide_character_steps(t, c);
-      steps = v < 0 ? 0.0 : static_cast<double>(v) / 1000.0;
+      units = std::max<std::int64_t>(0, wide_character_steps(t, c));
     } else {
       char_costs(t, c, false, costs);
-      steps = static_cast<double>(costs.best);
+      units = costs.best;
     }
-    if (fits) {
-      const double h = std::max(0.0, steps - r.min_steps);
-      total += r.weight * h / (implied_settings.concavity + h);
-    } else {
-      total += r.weight * steps;
-    }
+    if (fits) total += r.weight * fit_of_homoplasy(character_homoplasy(c, static_cast<int>(std::min<long long>(units, INT_MAX))));
+    else total += r.weight * (r.is_continuous ? static_cast<double>(units) / 1000.0 : static_cast<double>(units));
   }
   return total;
 }
@@ -418,7 +413,8 @@ void cmd_blength() {
         text[n] = amount_text(tree_cost(u, chars, fits) - base, fits);
       }
       char title[96];
-      if (fits) std::snprintf(title, sizeof title, "Tree %i, cost of branch collapsing (under k=%.5f)", k, implied_settings.concavity);
+      if (fits && implied_settings.user_weighted) std::snprintf(title, sizeof title, "Tree %i, cost of branch collapsing (user weighting function)", k);
+      else if (fits) std::snprintf(title, sizeof title, "Tree %i, cost of branch collapsing (under k=%.5f)", k, implied_settings.concavity);
       else std::snprintf(title, sizeof title, "Tree %i, cost of branch collapsing", k);
       show_by_node(k, t, text, as_tree, title);
     }
