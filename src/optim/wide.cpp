@@ -175,6 +175,13 @@ void sankoff_from_parent(const SankoffColumn& col, const std::int32_t* v, std::i
   transfer<true>(col, v, out);
 }
 
+void WideState::lift_all() {
+  const WideColumns& w = packed.wide;
+  lifted.resize(static_cast<std::size_t>(nn) * V);
+  for (int n = 0; n < nn; ++n)
+    for (const SankoffColumn& col : w.sankoff) sankoff_from_child(col, D(n) + col.offset, L(n) + col.offset);
+}
+
 void WideState::init() {
   const WideColumns& w = packed.wide;
   nt = packed.nterm;
