@@ -119,33 +119,67 @@ void pack_wide_columns(WideColumns& w, const std::vector<int>& from_packed, cons
     }
 }
 
-void sankoff_from_child(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept {
-  const int k = col.k;
-  const std::int32_t* c = col.cost.data();
-  for (int t = 0; t < k; ++t) {
+namespace {
+
+// The two transfers with the number of states known when compiling, so that the loops over
+// states unroll; a row whose own entry is 0 is a state of least cost and needs no search.
+template <int K, bool FromParent>
+inline void transfer_fixed(const std::int32_t* __restrict c, const std::int32_t* __restrict v,
+                           std::int32_t* __restrict out) noexcept {
+  for (int t = 0; t < K; ++t) {
     std::int32_t best = v[t];   // cost[t][t] is 0
     if (best == 0) {            // a state of least cost (costs are never negative)
       out[t] = 0;
       continue;
     }
-    const std::int32_t* row = c + t * k;
-    for (int a = 0; a < k; ++a) best = std::min(best, row[a] + v[a]);
+    for (int a = 0; a < K; ++a) best = std::min(best, (FromParent ? c[a * K + t] : c[t * K + a]) + v[a]);
     out[t] = best >= wide_infinity ? wide_infinity : best;
   }
 }
 
-void sankoff_from_parent(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept {
-  const int k = col.k;
-  const std::int32_t* c = col.cost.data();
+template <bool FromParent>
+inline void transfer_any(int k, const std::int32_t* c, const std::int32_t* v, std::int32_t* out) noexcept {
   for (int t = 0; t < k; ++t) {
     std::int32_t best = v[t];
     if (best == 0) {
       out[t] = 0;
       continue;
     }
-    for (int a = 0; a < k; ++a) best = std::min(best, c[a * k + t] + v[a]);
+    for (int a = 0; a < k; ++a) best = std::min(best, (FromParent ? c[a * k + t] : c[t * k + a]) + v[a]);
     out[t] = best >= wide_infinity ? wide_infinity : best;
   }
+}
+
+template <bool FromParent>
+inline void transfer(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept {
+  const std::int32_t* c = col.cost.data();
+  switch (col.k) {
+    case 2: transfer_fixed<2, FromParent>(c, v, out); return;
+    case 3: transfer_fixed<3, FromParent>(c, v, out); return;
+    case 4: transfer_fixed<4, FromParent>(c, v, out); return;
+    case 5: transfer_fixed<5, FromParent>(c, v, out); return;
+    case 6: transfer_fixed<6, FromParent>(c, v, out); return;
+    case 7: transfer_fixed<7, FromParent>(c, v, out); return;
+    case 8: transfer_fixed<8, FromParent>(c, v, out); return;
+    default: transfer_any<FromParent>(col.k, c, v, out); return;
+  }
+}
+
+}  // namespace
+
+void sankoff_from_child(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept {
+  transfer<false>(col, v, out);
+}
+
+void sankoff_from_parent(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept {
+  transfer<true>(col, v, out);
+}
+
+void WideState::lift_all() {
+  const WideColumns& w = packed.wide;
+  lifted.resize(static_cast<std::size_t>(nn) * V);
+  for (int n = 0; n < nn; ++n)
+    for (const SankoffColumn& col : w.sankoff) sankoff_from_child(col, D(n) + col.offset, L(n) + col.offset);
 }
 
 void WideState::init() {

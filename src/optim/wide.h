@@ -87,6 +87,11 @@ struct WideState {
   std::vector<std::int32_t> node_min;              // per inner node and column: what normalising took off there
   std::vector<std::int32_t> root_best;             // per column: least cost of the allowed root states
   std::vector<std::int32_t> node_gap;              // per inner node and continuous column: the gap paid there
+  // Per node: its first-pass set seen from a parent (sankoff_from_child of D), kept by
+  // whoever changes D; rerooting and joining read it instead of transferring again.
+  std::vector<std::int32_t> lifted;
+  std::int32_t* L(int n) { return lifted.data() + static_cast<std::size_t>(n) * V; }
+  void lift_all();
   // Down set of inner node n from its children (vector and range), for one node.
   void down_node(int n, int l, int r);
   // The passes on given vectors (all normalised: the least cost of each column is 0):

@@ -51,6 +51,7 @@ inline std::uint32_t zero_states(const std::int32_t* x, int k) {
 void Engine::wide_compute() {
   const int cnt = inner_preorder();
   wide.compute(left.data(), right.data(), order.data(), cnt, true);
+  wide.lift_all();
   wide_score = wide.score();
   const std::size_t ns = packed.wide.sankoff.size();
   e2p.resize(nn);
@@ -224,9 +225,9 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
         if (q < static_cast<int>(ns)) {
           const SankoffColumn& col = cols[q];
           optim::sankoff_from_child(col, dc + col.offset, ta0 + col.offset);
-          optim::sankoff_from_child(col, wide.D(o) + col.offset, tb0 + col.offset);
+          const std::int32_t* lo2 = wide.L(o) + col.offset;
           std::int32_t* x = wide2.D(v) + col.offset;
-          for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{ta0[col.offset + st]} + tb0[col.offset + st]);
+          for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{ta0[col.offset + st]} + lo2[st]);
           normalise(x, col.k);
         } else {
           const int j = q - static_cast<int>(ns);
@@ -280,10 +281,10 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
         const int c = side ? right[v] : left[v], sib = side ? left[v] : right[v];
         for (std::size_t q = 0; q < ns; ++q) {
           const SankoffColumn& col = cols[q];
-          optim::sankoff_from_child(col, wide.D(sib) + col.offset, ta + col.offset);
+          const std::int32_t* la = wide.L(sib) + col.offset;
           optim::sankoff_from_child(col, O(v) + col.offset, tb + col.offset);
           std::int32_t* x = O(c) + col.offset;
-          for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{ta[col.offset + st]} + tb[col.offset + st]);
+          for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{la[st]} + tb[col.offset + st]);
           const std::int32_t m = normalise(x, col.k);
           OK(c)[q] = sat(std::int64_t{m} + KD(sib, q) + OK(v)[q]);
         }
@@ -308,13 +309,14 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       const std::int32_t* root = dn + col.offset;
       std::int32_t m_root = 0;
       if (!identity) {
-        optim::sankoff_from_child(col, wide.D(v) + col.offset, ta + col.offset);
+        const std::int32_t* la = wide.L(v) + col.offset;
         optim::sankoff_from_child(col, O(v) + col.offset, tb + col.offset);
-        for (int st = 0; st < col.k; ++st) tc[col.offset + st] = sat(std::int64_t{ta[col.offset + st]} + tb[col.offset + st]);
+        for (int st = 0; st < col.k; ++st) tc[col.offset + st] = sat(std::int64_t{la[st]} + tb[col.offset + st]);
         m_root = normalise(tc + col.offset, col.k);
         root = tc + col.offset;
       }
-      optim::sankoff_from_child(col, root, F + col.offset);
+      if (identity) copy_bytes(F + col.offset, wide.L(n) + col.offset, sizeof(std::int32_t) * col.k);
+      else optim::sankoff_from_child(col, root, F + col.offset);
       const std::int32_t m_f = normalise(F + col.offset, col.k);
       wclip_mask[static_cast<std::size_t>(j) * ns + q] = zero_states(F + col.offset, col.k);
       if (asymmetric && col.asymmetric && !identity) {
@@ -434,6 +436,7 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
   const int ncols = ns + C;
   const int B = (ncols + 63) / 64;
   const int cnt = inner_preorder();
+  if (wide.lifted.size() != static_cast<std::size_t>(nn) * wide.V) wide.lift_all();
   dbits.assign(static_cast<std::size_t>(nn) * B, 0);
   ubits.assign(static_cast<std::size_t>(nn) * B, 0);
   std::vector<std::uint64_t>& need = need_bits;
@@ -474,9 +477,9 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
         const int q = i * 64 + __builtin_ctzll(m);
         if (q < ns) {
           const SankoffColumn& col = cols[q];
-          optim::sankoff_from_child(col, wide.D(a) + col.offset, ta);
-          optim::sankoff_from_child(col, wide.D(b) + col.offset, tb);
-          for (int st = 0; st < col.k; ++st) tc[st] = sat(std::int64_t{ta[st]} + tb[st]);
+          const std::int32_t* la = wide.L(a) + col.offset;
+          const std::int32_t* lb = wide.L(b) + col.offset;
+          for (int st = 0; st < col.k; ++st) tc[st] = sat(std::int64_t{la[st]} + lb[st]);
           const std::int32_t mn = normalise(tc, col.k);
           std::int32_t& old_min = wide.node_min[static_cast<std::size_t>(v) * ns + q];
           if (v == nt) {
@@ -495,6 +498,7 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
           std::int32_t* x = wide.D(v) + col.offset;
           if (std::memcmp(x, tc, sizeof(std::int32_t) * col.k) != 0) {
             copy_bytes(x, tc, sizeof(std::int32_t) * col.k);
+            optim::sankoff_from_child(col, x, wide.L(v) + col.offset);
             dv[i] |= 1ull << (q % 64);
           }
         } else {
@@ -530,7 +534,7 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
     std::uint64_t* uc = bits_of(ubits, c);
     if (q < ns) {
       const SankoffColumn& col = cols[q];
-      optim::sankoff_from_child(col, wide.D(sib) + col.offset, ta);
+      copy_bytes(ta, wide.L(sib) + col.offset, sizeof(std::int32_t) * col.k);
       if (v == nt) {
         for (int st = 0; st < col.k; ++st) tc[st] = (col.root_mask >> st & 1) ? ta[st] : wide_infinity;
       } else {
@@ -596,10 +600,10 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
           const int q = i * 64 + __builtin_ctzll(m);
           if (q < ns) {
             const SankoffColumn& col = cols[q];
-            optim::sankoff_from_child(col, wide.D(c) + col.offset, ta);
+            const std::int32_t* lc = wide.L(c) + col.offset;
             optim::sankoff_from_parent(col, wide.U(c) + col.offset, tb);
             std::int32_t* x = wide.E(c) + col.offset;
-            for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{ta[st]} + tb[st]);
+            for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{lc[st]} + tb[st]);
             normalise(x, col.k);
             masks[q] = zero_states(x, col.k);
           } else {
