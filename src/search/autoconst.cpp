@@ -59,6 +59,7 @@ void AutoConstraint::set(const std::vector<std::int32_t>& a, const std::vector<s
   }
   constraint_defs.defined = 1;
   constraint_defs.active = 1;
+  if (constraint_defs.auto_from < 0) constraint_defs.auto_from = static_cast<int>(constraint_defs.positive.size());
   for (auto& g : groups) constraint_defs.positive.push_back(std::move(g));
 }
 

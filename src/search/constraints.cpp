@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <unordered_map>
 
 #include "dataset/dataset.h"
 #include "optim/packed.h"
@@ -291,7 +292,10 @@ void check_constraint_conflicts() {
   const ConstraintDefs& d = constraint_defs;
   const int pos_tree = d.tree_kind == 1 || d.tree_kind == 2 ? d.tree_groups : 0;
   const int neg_tree = d.tree_kind == 3 ? d.tree_groups : 0;
-  const int pos_user = static_cast<int>(d.positive.size()) - pos_tree;
+  // Groups taken from a tree that met the other constraints can't contradict them.
+  const int npos = d.auto_from >= 0 ? std::min(d.auto_from, static_cast<int>(d.positive.size()))
+                                    : static_cast<int>(d.positive.size());
+  const int pos_user = npos - pos_tree;
   const int neg_user = static_cast<int>(d.negative.size()) - neg_tree;
   auto nontrivial = [](const ConstraintGroup& g) { return !trivial_group(g); };
   // Tree groups follow the user's groups in both lists.
@@ -482,9 +486,37 @@ int count_violations(const std::int32_t* tree, int ntax, std::vector<std::uint8_
   int bad = 0;
   const auto& d = constraint_defs;
   if (which) which->assign(d.positive.size() + d.negative.size(), 0);
+  // A group whose present taxa are all firm is kept exactly when its inside or its outside
+  // is a cluster of the tree: a look-up instead of a scan of every cluster.
+  auto row_hash = [](const std::vector<std::uint64_t>& bits) {
+    std::uint64_t h = 1469598103934665603ull;
+    for (auto w : bits) h = (h ^ w) * 1099511628211ull;
+    return h;
+  };
+  std::unordered_multimap<std::uint64_t, std::size_t> by_hash;
+  by_hash.reserve(clusters.size());
+  for (std::size_t c = 0; c < clusters.size(); ++c) by_hash.emplace(row_hash(clusters[c]), c);
+  auto is_cluster = [&](const std::vector<std::uint64_t>& bits) {
+    const auto range = by_hash.equal_range(row_hash(bits));
+    for (auto it = range.first; it != range.second; ++it)
+      if (clusters[it->second] == bits) return true;
+    return false;
+  };
+  auto all_firm = [&] {
+    for (int w = 0; w < words; ++w)
+      if ((in[w] | out[w]) != present[w]) return false;
+    return true;
+  };
+  auto kept = [&] {
+    int nin = 0, nout = 0;
+    for (int w = 0; w < words; ++w) { nin += std::popcount(in[w]); nout += std::popcount(out[w]); }
+    if (nin <= 1 || nout <= 1) return true;
+    if (all_firm()) return is_cluster(in) || is_cluster(out);
+    return group_is_split(clusters, in, out);
+  };
   for (std::size_t g = 0; g < d.positive.size(); ++g) {
     sides(d.positive[g], in, out);
-    if (!group_is_split(clusters, in, out)) {
+    if (!kept()) {
       ++bad;
       if (which) (*which)[g] = 1;
     }
@@ -499,7 +531,7 @@ int count_violations(const std::int32_t* tree, int ntax, std::vector<std::uint8_
           !(present[t / 64] >> (t % 64) & 1))
         complete = false;
     if (!complete || trivial_group(d.negative[g])) continue;
-    if (group_is_split(clusters, in, out)) {
+    if (kept()) {
       ++bad;
       if (which) (*which)[d.positive.size() + g] = 1;
     }

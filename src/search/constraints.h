@@ -33,6 +33,9 @@ struct ConstraintDefs {
                                             // `negative` (force :) come from a tree
   int tree_kind = 0;                        // 0 none, 1 force =, 2 force /, 3 force :
   std::vector<std::int32_t> tree;           // the constraint tree (parent array), empty: none
+  int auto_from = -1;                       // groups of `positive` from here on are taken from a
+                                            // tree the other constraints allowed (compatible by
+                                            // construction, not checked again); -1 none
 };
 extern ConstraintDefs constraint_defs;
 

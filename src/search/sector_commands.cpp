@@ -139,16 +139,24 @@ bool sector_option(const std::string& w, bool set_only) {
     const int n = number_or("slack");
     if (n > 1000) error_exit("Slack must be 0-1000");
     s.slack = n;
+    // Reduced data sets are allocated to the size of each sector as it is made.
+    if (n > 0) out_printf("NOTE: sectors take the memory they need as they are made: slack %i has no effect\n", n);
   } else if (is("xbuffer", 3) || is("noxbuffer", 4)) {
     if (!set_only) error_exit("Usage of private buffer for sectors can't be changed with '=' --use ':' instead");
     s.xbuffer = w[0] != 'n';
+    if (!s.xbuffer) out_printf("NOTE: sectors are always packed in a private buffer: noxbuffer not applied\n");
   } else if (is("safesank", 3)) {
     s.safesank = 1;
   } else if (is("nosafesank", 4)) {
     s.safesank = 0;
+    // Only columns that cost the same on every tree of the sector are dropped, whatever their kind.
+    out_printf("NOTE: sectors drop only columns of constant cost: nosafesank not applied\n");
   } else if (is("recurse", 3)) {
     if (!set_only) error_exit("Maximum recursion level can't be changed with '=' --use ':' instead");
     s.recurse = number_or("recurse");
+    if (s.recurse > 0)
+      out_printf("NOTE: sectors are searched without user instructions, so they never recurse: recurse %i not applied\n",
+                 s.recurse);
   } else if (is("track", 3)) {
     error_exit("The \"track\" option requires user-instructions for each sector...");
   } else if (is("tree", 2)) {

@@ -687,8 +687,10 @@ struct SectorRun {
 
   // Cuts the tree into parts of about `each` terminals, from the tips down: a node becomes
   // the root of a part once it holds that many terminals not yet in a part. The roots are
-  // marked with the returned stamp, lower parts first, the rest of the tree last.
-  int partition(int each, std::vector<int>& roots) {
+  // marked with the returned stamp, lower parts first, the rest of the tree last. With
+  // `even`, a part is cut at the larger child instead when that child's count is nearer
+  // to `each` than the node's, so parts stay closer to the size asked for.
+  int partition(int each, std::vector<int>& roots, bool even = false) {
     const int nt = big.nt;
     ++mark_now;
     roots.clear();
@@ -701,6 +703,15 @@ struct SectorRun {
       if (v == nt) continue;
       const int l = big.left[v], r = big.right[v];
       left[v] = (mark[l] == mark_now ? 1 : left[l]) + (mark[r] == mark_now ? 1 : left[r]);
+      if (even && left[v] >= each) {
+        int c = l;
+        if (r >= nt && mark[r] != mark_now && (c < nt || mark[c] == mark_now || left[r] > left[c])) c = r;
+        if (c >= nt && mark[c] != mark_now && left[c] >= 5 && each - left[c] < left[v] - each) {
+          mark[c] = mark_now;
+          roots.push_back(c);
+          left[v] -= left[c] - 1;
+        }
+      }
       if (left[v] >= each && v != big.right[nt] && v != big.left[nt]) {
         mark[v] = mark_now;
         roots.push_back(v);
@@ -711,9 +722,12 @@ struct SectorRun {
   }
 
   // Exclusive sectors: about `chunks` parts, each searched with the parts below it as HTUs.
+  // The last part, the one holding the tree's base, is searched only with `chkroot`.
   void run_exclusive(int chunks) {
     std::vector<int> roots;
-    const int stamp = partition(std::max(5, big.nt / std::max(2, chunks)), roots);
+    const SectorSettings& ss = sector_settings;
+    const int stamp = partition(std::max(5, big.nt / std::max(2, chunks)), roots, ss.xeven != 0);
+    if (!ss.chkroot && roots.size() > 1) roots.pop_back();
     for (int root : roots) {
       if (shell_state.stop_search_flag || at_findscore()) return;
       if (root < big.nt) continue;

@@ -145,7 +145,7 @@ struct Xmult {
       if (have_prev && x.autoconst == 2) ac.set(prev, t);
     }
     sc = swap_tbr(t, 0, 0, 0);
-    if (have_prev && x.autoconst == 3) ac.set(prev, t);
+    if (have_prev && x.autoconst >= 3) ac.set(prev, t);
     // The groups of the autoconstraint (or the user's) make the sectors of css: the parts
     // where this tree and the previous one disagree.
     if (x.css && constraints_in_force() && !constraint_defs.positive.empty() && !shell_state.stop_search_flag)
@@ -260,7 +260,6 @@ double real_after(const char* what) {
   return read_real();
 }
 
-int pending_hybrid = 0;
 
 bool xmult_option(std::string w) {
   XmultSettings& x = xmult_settings;
@@ -407,6 +406,11 @@ void run_xmult() {
     out_printf("To stabilize consensus, tree collapsing will be re-set to TBR\n");
     optim::collapse_settings.rule = optim::collapse_tbr;
   }
+  // Settings the replications can't follow are named before the search starts.
+  if (x.hold > 1)
+    out_printf("NOTE: each replication keeps its best tree only: hold %i not applied (fusing gathers the batch)\n",
+               x.hold);
+  if (x.autoconst > 3) out_printf("NOTE: autoconstraints are taken after TBR at most: autoconst %i acts as 3\n", x.autoconst);
   tree_store.ntrees = 0;
   tree_store.trees_changed = 1;
   store_begin();

@@ -176,6 +176,12 @@ TEST_F(Fusing, SectorSubstitutionsAreExact) {
     EXPECT_TRUE(has(out, "Sectorial search (XSS), best score: ")) << out;
     EXPECT_EQ(search::sector_mismatches, 0);
     check_store_scores();
+    // Even chunks, and the chunk at the tree's base searched too.
+    out = run("sectsch=xss 2-6+3-2 xeven chkroot equals;");
+    EXPECT_TRUE(has(out, "Sectorial search (XSS), best score: ")) << out;
+    EXPECT_EQ(search::sector_mismatches, 0);
+    check_store_scores();
+    run("sectsch:noxeven nochkroot noequals;");
     // Large sectors are drifted.
     out = run("sectsch=rss minsize 12 maxsize 12 godrift 10 drift 2 global 2;");
     EXPECT_EQ(search::sector_mismatches, 0);
@@ -212,6 +218,16 @@ TEST_F(Fusing, SectorSettingsMessages) {
   out = run("sectsch:slack 10 minsize 10;");
   EXPECT_EQ(search::sector_settings.slack, 10);
   EXPECT_EQ(search::sector_settings.minsize, 10);
+  // Settings that sectors can't follow are named on the console.
+  EXPECT_TRUE(has(out, "slack 10 has no effect")) << out;
+  out = run("sectsch:noxbuffer nosafesank recurse 2;");
+  EXPECT_TRUE(has(out, "noxbuffer not applied")) << out;
+  EXPECT_TRUE(has(out, "nosafesank not applied")) << out;
+  EXPECT_TRUE(has(out, "recurse 2 not applied")) << out;
+  out = run("xmult=hold 3 autoconst 4 replic 2;");
+  EXPECT_TRUE(has(out, "hold 3 not applied")) << out;
+  EXPECT_TRUE(has(out, "autoconst 4 acts as 3")) << out;
+  run("sectsch:slack 0 xbuffer safesank recurse 0; xmult:hold 1 autoconst 1 replic 4;");
 }
 
 TEST_F(Fusing, SearchLevelsForOneHundredTaxa) {
@@ -395,7 +411,9 @@ TEST_F(Fusing, DriversPutSettingsBackAfterAnInterrupt) {
   for (const auto& c : dataset::dataset.chars) weights.push_back(c.weight);
   const search::SearchSettings before = search::search_settings;
   for (const char* cmd : {"xmult=level 10 hits 50 ratchet 20;", "sectsch=rss minsize 10 maxsize 30 selfactor 1;",
-                          "pfijo=numsels 500 chunksize 10;", "ratchet=iter 2000 fusefreq 5 autoconst 3;"}) {
+                          "pfijo=numsels 500 chunksize 10;", "ratchet=iter 2000 fusefreq 5 autoconst 3;",
+                          "drift=iter 3000 fusefreq 5 autoconst 2;", "sectsch=xss 2-8+400-3 xeven chkroot;",
+                          "tfuse=rounds 100 hybrid 1000*100/20;"}) {
     shell::set_interrupt_deadline(shell::now_seconds() + 0.2);
     out = run(cmd);
     shell::set_interrupt_deadline(0);
@@ -414,6 +432,20 @@ TEST_F(Fusing, DriversPutSettingsBackAfterAnInterrupt) {
       EXPECT_EQ(slow_length(trees::tree_row(k)), trees::tree_store.scores[k]) << cmd << " tree " << k;
     shell::shell_state.stop_search_flag = 0;
   }
+  // A command refused part way through its options leaves every setting as it was.
+  const search::XmultSettings xm = search::xmult_settings;
+  out = run("xmult=replic 9 hold 5 level 7 nosuchoption;");
+  EXPECT_TRUE(has(out, "Unidentified string in xmult options: nosuchoption")) << out;
+  EXPECT_EQ(search::xmult_settings.replications, xm.replications);
+  EXPECT_EQ(search::xmult_settings.hold, xm.hold);
+  EXPECT_EQ(search::xmult_settings.drift, xm.drift);
+  out = run("ratchet=iter 5 upfactor 0 downfactor 0 noequals;");
+  EXPECT_TRUE(has(out, "Ratchet must do at least one of equals, up, or down --all three are off!")) << out;
+  std::vector<int> after;
+  for (const auto& c : dataset::dataset.chars) after.push_back(c.weight);
+  EXPECT_EQ(after, weights);
+  EXPECT_EQ(search::search_settings.suboptimal, before.suboptimal);
+  EXPECT_EQ(trees::tree_store.maxtrees, 400);
 }
 
 TEST_F(Fusing, LevelWithoutDataNeedsTheTaxa) {
