@@ -89,6 +89,8 @@ EXAMPLES = {
     "tfuse / N D R": "tfuse / 11 0 1",
     "timeout h:m:s": "timeout 1:00:00; timeout 0",
     "tplot = L T R B": "tplot = < / < \\",
+    "piwe [": "piwe [ 1 0.8 0.5 0.3 0.1; piwe [",
+    "piwe <R N": "piwe <5 3",
     "tread trees": "tread (a (b (c (d (e (f (g h)))))))",
     "tsave /": "tsave hx.out; tsave /",
     "ttags": "ttags =; majority; ttags",
