@@ -3,9 +3,10 @@
 set -euo pipefail
 need=()
 # "setup.sh --tests" adds what only the tests use: R with ape, to check that trees
-# written by the program are read by it.
+# written by the program are read by it and that tree distances agree, and a headless
+# browser that renders the SVG diagrams (about a minute and a half to install).
 extra=()
-[ "${1:-}" = "--tests" ] && extra=(r-base-core r-cran-ape)
+[ "${1:-}" = "--tests" ] && extra=(r-base-core r-cran-ape chromium)
 for pkg in build-essential cmake libncurses-dev libgtest-dev libbenchmark-dev pvm pvm-dev tmux clang "${extra[@]}"; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need+=("$pkg")
 done
