@@ -24,4 +24,9 @@ extern ListTarget list_target;
 // and sets `listsize`. `function` names the list function in the messages.
 void store_list(const std::string& function, const std::vector<double>& values);
 
+// One-dimensional named arrays as a whole, for commands that copy values to and from
+// them: false when there is no such name; writing checks that the values fit.
+bool read_named_array(const std::string& name, std::vector<double>& values);
+void write_named_array(const std::string& name, const std::vector<double>& values);
+
 }  // namespace qax::script
