@@ -2,11 +2,12 @@
 # Installs the Debian packages the build needs, when they are missing.
 set -euo pipefail
 need=()
-# "setup.sh --tests" adds what only the tests use: python3 for scripted checks, and R with
-# ape and phangorn, to check that trees and data written by the program are read by it and
-# scored the same.
+# "setup.sh --tests" adds what only the tests use: python3 for scripted checks; R with ape
+# and phangorn, to check that trees and data written by the program are read by it, scored
+# the same and that tree distances agree; and a headless browser that renders the SVG
+# diagrams (about a minute and a half to install).
 extra=()
-[ "${1:-}" = "--tests" ] && extra=(r-base-core r-cran-ape r-cran-phangorn python3)
+[ "${1:-}" = "--tests" ] && extra=(r-base-core r-cran-ape r-cran-phangorn python3 chromium)
 for pkg in build-essential cmake libncurses-dev libgtest-dev libbenchmark-dev pvm pvm-dev tmux clang "${extra[@]}"; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need+=("$pkg")
 done

@@ -31,6 +31,7 @@
 #include "trees/store.h"
 #include "support/consensus.h"
 #include "support/resample.h"
+#include "script/list_store.h"
 #include "trees/tags.h"
 #include "graphics/svg.h"
 #include "search/constraints.h"
@@ -157,6 +158,8 @@ void install_subsystems() {
   background_input_end = background_end_of_input;
   qax::trees::install_dataset_links();
   qax::trees::svg_tag_output = qax::graphics::svg_tags_command;
+  qax::trees::tag_array_read = qax::script::read_named_array;
+  qax::trees::tag_array_write = qax::script::write_named_array;
   qax::trees::tree_services = {qax::optim::collapsed_copy, [] { return qax::search::constraint_defs.defined != 0; }, qax::search::tree_violations, qax::optim::ensure_packed, qax::optim::character_steps};
   // Hooks kept in lists are added once per process, however often the program runs.
   static bool lists_filled = false;

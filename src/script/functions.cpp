@@ -20,6 +20,8 @@
 #include "shell/output.h"
 #include "shell/state.h"
 #include "trees/store.h"
+#include "script/list_store.h"
+#include "support/bremer.h"
 #include "support/supports.h"
 #include "support/tree_compare.h"
 
@@ -266,6 +268,13 @@ bool internal_function(const std::string& w, double& v) {
         return true;
       }
     }
+  }
+  if (w == "bremlist") {
+    // The options, trees and "/" taxa of bsupport follow, up to the end of the command.
+    const std::vector<double> values = qax::support::bremer_list();
+    store_list(w, values);
+    v = static_cast<double>(values.size());
+    return true;
   }
   if (w == "lastsupp") { v = qax::support::last_support(); return true; }
   if (w == "recsteps") { v = iterrecs_steps(); return true; }

@@ -10,6 +10,7 @@
 #include "script/expr.h"
 #include "script/reader.h"
 #include "script/scan.h"
+#include "script/list_store.h"
 #include "script/space.h"
 #include "shell/commands.h"
 #include "shell/failure.h"
@@ -380,7 +381,21 @@ void cmd_set() {
     unread_char();
   }
   if (peek_nb() == ';') error_exit("Set requires a value or expression");
-  double value = negated_first ? evaluate_from(-read_term()) : evaluate();
+  // A list function in the expression writes into the target itself.
+  list_target = ListTarget{true, var, cell, false};
+  double value = 0;
+  try {
+    value = negated_first ? evaluate_from(-read_term()) : evaluate();
+  } catch (...) {
+    list_target = ListTarget{};
+    throw;
+  }
+  const bool list_written = list_target.written;
+  list_target = ListTarget{};
+  if (list_written) {
+    if (op) error_exit("Lists cannot be combined with compound assignments");
+    return;
+  }
   if (op) {
     const double old = cell_value(cell);
     if (op == '/' && !space.float_mode) {

@@ -53,7 +53,11 @@ struct BremerOptions {
   double quick_proportion = -1;
   double x = 0.36;
   double factor = 1.0;
+  bool quiet = false;          // for the list expression: values kept, nothing shown
 };
+
+// Values by node of the last quiet run (-1 for nodes without a group).
+std::vector<double> list_values;
 
 // "*F" after the probability of & and |.
 double read_factor() {
@@ -237,6 +241,13 @@ void present(const BremerOptions& o, BremerResult& r, const std::vector<std::int
   int intree = 0;
   for (int t = 0; t < ntax; ++t) intree += shown[t] >= ntax && !excluded[t];
   set_last_support(intree > 2 ? sum / (intree - 2) : 0);
+  if (o.quiet) {
+    list_values.assign(shown[ntax], -1.0);
+    for (int v = ntax + 1; v < shown[ntax]; ++v)
+      if (has[v]) list_values[v] = value[v];
+    if (o.keep) keep_tree(shown, "Bremer_support_tree");
+    return;
+  }
   const double cut = r.worst - r.best;
   char title[256];
   if (o.formula) {
@@ -343,9 +354,13 @@ void quick_estimate(const BremerOptions& o) {
 
 }  // namespace
 
-void cmd_bsupport() {
+namespace {
+
+void run_bsupport(bool quiet) {
   qax::dataset::require_data();
   BremerOptions o = read_options();
+  o.quiet = quiet;
+  if (o.quick && quiet) error_exit("The quick estimate of suboptimal gives no list of supports");
   if (o.quick) {
     quick_estimate(o);
     return;
@@ -390,6 +405,16 @@ void cmd_bsupport() {
   BremerResult r = bremer_from_trees(rows, scores, char_scores, excluded, consensus.data(), o.relative == 2);
   clear_progress();
   present(o, r, consensus, excluded, n, implied);
+}
+
+}  // namespace
+
+void cmd_bsupport() { run_bsupport(false); }
+
+std::vector<double> bremer_list() {
+  list_values.clear();
+  run_bsupport(true);
+  return list_values;
 }
 
 }  // namespace qax::support

@@ -50,4 +50,10 @@ BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, co
 
 void cmd_bsupport();
 
+// The same calculation, read from the same options, trees and "/" taxa, without output:
+// the values by node of the tree the supports refer to (the consensus, or the reference
+// tree of "!N"), -1 for the terminals, the root and nodes without a group. Under "*" the
+// tree is kept as with the command, so that its node numbers can be read.
+std::vector<double> bremer_list();
+
 }  // namespace qax::support

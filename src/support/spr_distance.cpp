@@ -271,6 +271,7 @@ std::vector<std::int32_t> to_parent(const Unrooted& u, int ntax) {
 
 struct Candidate {
   int x, y, c, d, dist;
+  int value;   // target groups the tree keeps after the move
 };
 
 // One greedy replication from a binary tree; moves made and their node distances.
@@ -288,8 +289,12 @@ struct Regraft {
   std::uint64_t* row(int v) { return dn.data() + static_cast<std::size_t>(v) * words; }
 };
 
+// `level` > 0 stratifies the choice: a move may keep up to `level` target groups fewer
+// than the best move, as long as it still gains on the tree as it is, so that a
+// replication can leave the greedy path where the best immediate gain leads nowhere.
 int replicate(Unrooted u, const TargetGroups& target, int taxa, int cap, std::mt19937& rng,
-              std::vector<int>& dists, std::vector<std::vector<std::int32_t>>* steps, bool ancestor_moves) {
+              std::vector<int>& dists, std::vector<std::vector<std::int32_t>>* steps, bool ancestor_moves,
+              int level) {
   const int goal = target.size();
   Splits s;
   int now = shared_count(u, s, target, taxa);
@@ -411,11 +416,17 @@ int replicate(Unrooted u, const TargetGroups& target, int taxa, int cap, std::mt
           if (v == b) continue;   // where the part was
           if (restrict_path && on_path[v] && on_path[rg.par[v]]) continue;   // onto an ancestor
           const int value = base + H + rg.prefix[v] + rg.g[v];
+          if (level > 0) {
+            best.push_back({x, y, rg.par[v], v, std::min(dist[rg.par[v]], dist[v]) + 1, value});
+            if (value > best_value) best_value = value;
+            continue;
+          }
           if (value > best_value) {
             best_value = value;
             best.clear();
           }
-          if (value == best_value) best.push_back({x, y, rg.par[v], v, std::min(dist[rg.par[v]], dist[v]) + 1});
+          if (value == best_value)
+            best.push_back({x, y, rg.par[v], v, std::min(dist[rg.par[v]], dist[v]) + 1, value});
         }
         if (restrict_path)
           for (int v = x;; v = toward_ref[v]) {
@@ -431,6 +442,13 @@ int replicate(Unrooted u, const TargetGroups& target, int taxa, int cap, std::mt
         u.adj[x][(k + 1) % 3] = a;
         u.adj[x][(k + 2) % 3] = b;
       }
+    }
+    if (level > 0) {
+      // Stratified: the moves within `level` of the best gain; none gaining, the best.
+      std::size_t kept = 0;
+      for (const Candidate& m : best)
+        if (m.value == best_value || (m.value >= best_value - level && m.value > now)) best[kept++] = m;
+      best.resize(kept);
     }
     if (best.empty()) break;
     const Candidate m = best[rng() % best.size()];
@@ -458,7 +476,8 @@ int replicate(Unrooted u, const TargetGroups& target, int taxa, int cap, std::mt
 }  // namespace
 
 SprResult spr_distance(const std::int32_t* a, const std::int32_t* b, int ntax, int replications,
-                       double weight_constant, std::uint32_t seed, bool keep_steps, bool ancestor_moves) {
+                       double weight_constant, std::uint32_t seed, bool keep_steps, bool ancestor_moves,
+                       int levels, bool alternate) {
   SprResult r;
   const std::vector<std::uint8_t> include = shared_taxa(a, b, ntax, {});
   int taxa = 0;
@@ -477,10 +496,17 @@ SprResult spr_distance(const std::int32_t* a, const std::int32_t* b, int ntax, i
   const int cap = taxa - 3;
   const double far = weight_constant > 0 ? (taxa - 3) / (weight_constant + taxa - 3) : 1.0;
   bool first = true;
-  for (int rep = 0; rep < std::max(1, replications); ++rep) {
+  // Each replication runs at one level of stratification: with "x" every level from 0
+  // (plain greedy) to `levels` gets the replications in turn, with "+" plain and
+  // stratified replications alternate, the stratified ones cycling through the levels.
+  const int runs = std::max(1, replications) * (levels > 0 && !alternate ? levels + 1 : 1);
+  for (int rep = 0; rep < runs; ++rep) {
+    int level = 0;
+    if (levels > 0) level = alternate ? (rep % 2 ? 1 + (rep / 2) % levels : 0) : rep % (levels + 1);
     std::vector<int> dists;
     std::vector<std::vector<std::int32_t>> steps;
-    int moves = replicate(ua, target, taxa, cap + 1, rng, dists, keep_steps ? &steps : nullptr, ancestor_moves);
+    int moves = replicate(ua, target, taxa, cap + 1, rng, dists, keep_steps ? &steps : nullptr, ancestor_moves,
+                          level);
     if (moves > cap) {
       // The greedy path went astray: the bound for any pair of trees holds.
       moves = cap;

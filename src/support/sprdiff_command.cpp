@@ -92,18 +92,18 @@ void cmd_sprdiff() {
   if (j >= tree_store.ntrees) error_exit({"No tree", number_text(j)});
   if (k >= tree_store.ntrees) error_exit({"No tree", number_text(k)});
   int reps = 10, passes = 0;
+  bool alternate = false;
   if (std::isdigit(peek_char())) {
     const long long n = read_int();
     if (n < 1 || n > 1000000) error_exit("Number of replications must be 1-1000000");
     reps = static_cast<int>(n);
     if (peek_char() == 'x' || peek_char() == '+') {
-      next_char();
+      alternate = next_char() == '+';
       const int p = read_int();
       if (p < 1 || p > 1000) error_exit("Passes must be 1-1000");
       passes = p;
     }
   }
-  (void)passes;
   if (peek_char() != ';') {
     read_token();
     error_exitf("Unexpected \"%s\"...", token_buffer);
@@ -112,7 +112,8 @@ void cmd_sprdiff() {
   if (dataset::dataset.outgroup != 0)
     out_printf("To calculate SPR distances, taxon 0 (=%s)\nwill be made outgroup temporarily\n", taxon_name(0).c_str());
   const SprResult r = spr_distance(tree_row(j), tree_row(k), ntax, reps, s.weight_constant,
-                                   static_cast<std::uint32_t>(search::search_settings.seed + 1), show, s.violations != 0);
+                                   static_cast<std::uint32_t>(search::search_settings.seed + 1), show, s.violations != 0,
+                                   passes, alternate);
   const std::vector<std::uint8_t> inc = shared_taxa(tree_row(j), tree_row(k), ntax, {});
   int taxa = 0;
   for (auto f : inc) taxa += f != 0;

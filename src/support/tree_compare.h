@@ -82,8 +82,12 @@ struct SprResult {
 };
 // `ancestor_moves` false: no part goes onto a branch between its old place and the
 // first taxon in the tree (the root side), so that no node moves to an ancestor.
+// `levels` > 0 adds stratified replications, whose moves may gain up to that many groups
+// less than the best move (every level gets the replications, or, with `alternate`,
+// plain and stratified replications take turns); the best count of all is kept.
 SprResult spr_distance(const std::int32_t* a, const std::int32_t* b, int ntax, int replications,
-                       double weight_constant, std::uint32_t seed, bool keep_steps, bool ancestor_moves = true);
+                       double weight_constant, std::uint32_t seed, bool keep_steps, bool ancestor_moves = true,
+                       int levels = 0, bool alternate = false);
 
 // Matrix representation of a tree's groups (each a binary character, with an all-absent
 // external root) mapped onto another tree. `source` groups are those of tree_groups

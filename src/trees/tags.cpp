@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "dataset/dataset.h"
@@ -192,7 +194,85 @@ void set_target(bool last) {
   tag_settings.title.clear();
 }
 
+// Codes of "<<" and ">>": -1 to -5 stand for these tags.
+const char* const tag_codes[] = {"-", "Y", "N", " ", "X"};
+
+std::string read_array_name() {
+  read_token();
+  const std::string name = token_buffer;
+  if (name.empty() || name == ";") error_exit("Expected name of array");
+  return name;
+}
+
+// "<ray", "<<ray", "[ray", "[<ray": tags from the values of an array, by node.
+void tags_from_array() {
+  const bool internal_only = accept_char('[') != 0;
+  if (!internal_only && !accept_char('<')) error_exit("Expected \"<\" or \"[\"");
+  const bool codes = accept_char('<') != 0;
+  if (!tags_defined()) error_exit("Must set target tree (ttag*N ) before writing to a node");
+  const std::string name = read_array_name();
+  std::vector<double> values;
+  if (!tag_array_read || !tag_array_read(name, values)) error_exit({"Unrecognized variable:", name});
+  const int ntax = tree_store.ntax;
+  const int nodes = tree_store.tag_tree.empty() ? 2 * ntax - 1 : tree_store.tag_tree[ntax];
+  auto& tags = tree_store.tags;
+  tags.resize(2 * ntax - 1);
+  std::vector<std::string> text(nodes);
+  for (int v = 0; v < nodes && v < static_cast<int>(values.size()); ++v) {
+    if (internal_only && v <= ntax) continue;
+    const double x = values[v];
+    if (codes && x < 0) {
+      if (x != std::floor(x) || x < -5) error_exit("Only integer values -1 to -5 translate into tags");
+      text[v] = tag_codes[static_cast<int>(-x) - 1];
+      continue;
+    }
+    char buf[64];
+    if (x == std::floor(x) && std::fabs(x) < 1e15) std::snprintf(buf, sizeof buf, "%.0f", x);
+    else std::snprintf(buf, sizeof buf, "%g", x);
+    text[v] = buf;
+  }
+  for (int v = 0; v < nodes; ++v)
+    if (!internal_only || v > ntax) tags[v] = text[v];
+  out_text({"Copied values from user-variable ", name, " to tree-tags\n"});
+}
+
+// ">ray", ">>ray": the tags, which must be numbers (or, with ">>", the codes), into an
+// array by node; an empty tag gives -1 (-4, the blank code, with ">>").
+void tags_to_array() {
+  const bool codes = accept_char('>') != 0;
+  require_tags();
+  const std::string name = read_array_name();
+  const int ntax = tree_store.ntax;
+  const int nodes = tree_store.tag_tree.empty() ? 2 * ntax - 1 : tree_store.tag_tree[ntax];
+  std::vector<double> values(nodes, -1);
+  for (int v = 0; v < nodes && v < static_cast<int>(tree_store.tags.size()); ++v) {
+    const std::string& t = tree_store.tags[v];
+    if (t.empty()) {
+      values[v] = codes ? -4 : -1;
+      continue;
+    }
+    if (codes) {
+      int code = 0;
+      for (int k = 0; k < 5; ++k)
+        if (t == tag_codes[k]) code = -(k + 1);
+      if (code) {
+        values[v] = code;
+        continue;
+      }
+    }
+    char* end = nullptr;
+    const double x = std::strtod(t.c_str(), &end);
+    if (end == t.c_str() || *end) error_exit({"Wrong code in tags:", t});
+    values[v] = x;
+  }
+  if (!tag_array_write) error_exit({"Unrecognized variable:", name});
+  tag_array_write(name, values);
+}
+
 }  // namespace
+
+bool (*tag_array_read)(const std::string& name, std::vector<double>& values) = nullptr;
+void (*tag_array_write)(const std::string& name, const std::vector<double>& values) = nullptr;
 
 void cmd_ttags() {
   auto& ts = tag_settings;
@@ -210,7 +290,13 @@ void cmd_ttags() {
     case '(':
       if (peek_char() == '<' || peek_char() == '>' || peek_char() == '[') {
         if (!shell_state.macros_on) error_exit("This option is valid only when macros are enabled");
-        error_exit("Setting tags from arrays is not available yet");
+        if (peek_char() == '>') {
+          next_char();
+          tags_to_array();
+        } else {
+          tags_from_array();
+        }
+        return;
       }
       require_data();
       if (tags_defined() && any_tag()) out_text({"Existing tree-tags will be erased\n"});
@@ -268,7 +354,7 @@ void cmd_ttags() {
       else set_target(false);
       if (peek_char() == '<' || peek_char() == '[') {
         if (!shell_state.macros_on) error_exit("This option is valid only when macros are enabled");
-        error_exit("Setting tags from arrays is not available yet");
+        tags_from_array();
       }
       return;
     case '/':

@@ -33,6 +33,12 @@ std::vector<std::string> tag_lines(const std::string& tag);
 // Writer of "ttags &file" (the diagrams live in a later layer, which installs it).
 extern void (*svg_tag_output)();
 
+// Reading and writing one-dimensional arrays of the macro language, for the tag forms
+// that copy values between tags and arrays (the scripting layer installs them). The
+// reader returns false when no such array exists.
+extern bool (*tag_array_read)(const std::string& name, std::vector<double>& values);
+extern void (*tag_array_write)(const std::string& name, const std::vector<double>& values);
+
 void cmd_ttags();
 
 }  // namespace qax::trees

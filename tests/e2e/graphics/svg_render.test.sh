@@ -25,7 +25,7 @@ if [ -n "$browser" ] && [ "$fail" = 0 ]; then
   timeout 60 "$browser" --headless --no-sandbox --disable-gpu --screenshot="$work/shot.png" --window-size=600,500 \
     "file://$work/plain.svg" >/dev/null 2>&1
   if [ -s shot.png ]; then
-    # Not blank: the picture holds more than one colour.
+    # Not blank: enough pixels differ from the background.
     python3 - shot.png <<'PY' || { echo "rendered picture is blank"; fail=1; }
 import sys, zlib, struct
 data = open(sys.argv[1], 'rb').read()
@@ -40,14 +40,30 @@ while pos < len(data):
     pos += 12 + n
 raw = zlib.decompress(idat)
 bpp = {2: 3, 6: 4, 0: 1, 4: 2}.get(ctype, 4)
-stride = width * bpp + 1
-rows = [raw[i * stride + 1:(i + 1) * stride] for i in range(height)]
-# Filters aside, a blank picture is one byte value everywhere after unfiltering; count
-# distinct raw bytes of the unfiltered first rows and the filter types used.
-values = set()
-for r in rows:
-    values.update(r[:4096])
-sys.exit(0 if len(values) > 2 else 1)
+stride = width * bpp
+# Undo the row filters to get the pixels.
+prev = bytearray(stride)
+pixels = []
+pos = 0
+for y in range(height):
+    ftype = raw[pos]; row = bytearray(raw[pos + 1:pos + 1 + stride]); pos += 1 + stride
+    for i in range(stride):
+        a = row[i - bpp] if i >= bpp else 0
+        b = prev[i]
+        c = prev[i - bpp] if i >= bpp else 0
+        if ftype == 1: row[i] = (row[i] + a) & 255
+        elif ftype == 2: row[i] = (row[i] + b) & 255
+        elif ftype == 3: row[i] = (row[i] + (a + b) // 2) & 255
+        elif ftype == 4:
+            p = a + b - c; pa, pb, pc = abs(p - a), abs(p - b), abs(p - c)
+            row[i] = (row[i] + (a if pa <= pb and pa <= pc else b if pb <= pc else c)) & 255
+    pixels.append(row)
+    prev = row
+# Not blank: some pixels differ from the background (the top-left pixel), and enough of
+# them to be lines and text rather than a stray dot.
+background = bytes(pixels[0][:bpp])
+drawn = sum(1 for r in pixels for x in range(0, stride, bpp) if bytes(r[x:x + bpp]) != background)
+sys.exit(0 if drawn > 200 else 1)
 PY
   else
     echo "browser produced no picture"; fail=1

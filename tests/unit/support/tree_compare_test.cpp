@@ -334,7 +334,7 @@ Edges random_edges(int n, std::mt19937& rng) {
 
 TEST_F(TreeCompare, SprEstimateIsExactAtOneMoveAndNeverBelowTheTrueDistance) {
   std::mt19937 rng(8);
-  int pairs = 0, equal = 0;
+  int pairs = 0, equal = 0, equal_stratified = 0;
   const int sizes[] = {6, 7, 8, 7};
   for (int round = 0; round < 4; ++round) {
     const int ntax = sizes[round];
@@ -368,14 +368,23 @@ TEST_F(TreeCompare, SprEstimateIsExactAtOneMoveAndNeverBelowTheTrueDistance) {
       const auto r2 = support::spr_distance(a.data(), b.data(), ntax, 3, 0, 7 + tested, false, false);
       EXPECT_GE(r2.moves, d) << "ntax " << ntax;
       if (d <= 1) EXPECT_EQ(r.moves, d) << "ntax " << ntax;
+      // Stratified replications (every level, or alternating with plain ones) still count
+      // real moves.
+      const auto rs = support::spr_distance(a.data(), b.data(), ntax, 10, 0, 1 + tested, false, true, 2, false);
+      EXPECT_GE(rs.moves, d) << "ntax " << ntax;
+      const auto ra = support::spr_distance(a.data(), b.data(), ntax, 10, 0, 1 + tested, false, true, 2, true);
+      EXPECT_GE(ra.moves, d) << "ntax " << ntax;
       ++pairs;
       equal += r.moves == d;
+      equal_stratified += rs.moves == d;
       ++tested;
     }
   }
-  // The estimate is usually the true distance.
+  // The estimate is usually the true distance, and stratification finds it at least as often.
   EXPECT_GT(equal * 10, pairs * 8) << equal << " of " << pairs;
-  std::printf("SPR estimate equal to the true distance in %i of %i pairs\n", equal, pairs);
+  EXPECT_GE(equal_stratified, equal);
+  std::printf("SPR estimate equal to the true distance in %i of %i pairs (%i stratified)\n", equal, pairs,
+              equal_stratified);
 }
 
 
