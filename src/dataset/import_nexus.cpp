@@ -913,7 +913,7 @@ void NexusReader::read_assignments(const std::string& what, bool types) {
     } else {
       char* end = nullptr;
       double w = std::strtod(v.text.c_str(), &end);
-      if (end == v.text.c_str() || *end || w < 0 || w != static_cast<int>(w) || w > 1000)
+      if (end == v.text.c_str() || *end || !(w >= 0 && w <= 1000) || w != static_cast<int>(w))
         note("weight " + shown(v.text) + " of " + what + " not applied (only whole weights 0-1000)");
       else for (int c : items) sets_.weight[c] = static_cast<int>(w);
     }
