@@ -287,8 +287,14 @@ void cmd_condense() {
   int trees_done = 0, removed = 0;
   const int n = tree_store.ntrees;
   std::vector<std::uint8_t> keep;
+  bool interrupted = false;
   for (int k = 0; k < n && k < static_cast<int>(flags.size()); ++k) {
     if (flags[k] != 1) continue;
+    // Many trees take long: ESC (or a stop file) ends here, keeping the trees done.
+    if ((trees_done & 63) == 63 && check_interrupt(1)) {
+      interrupted = true;
+      break;
+    }
     ++trees_done;
     if (rule == collapse_none) continue;
     if (rule == collapse_rule4) { removed += condense_rule4(k); continue; }
@@ -302,6 +308,7 @@ void cmd_condense() {
     removed += here;
   }
   if (removed) tree_store.trees_changed = 1;
+  if (interrupted) out_printf("Condensing interrupted: ");
   out_printf("%i trees condensed, %i nodes collapsed\n", trees_done, removed);
 }
 

@@ -611,7 +611,8 @@ void cmd_subopt() {
   if (peek_char() != ';') {
     double v = read_real();
     if (v < 0) error_exit("Suboptimal must be 0 or greater");
-    search_settings.suboptimal = v;
+    // No score difference reaches this: a larger value keeps every tree just the same.
+    search_settings.suboptimal = std::min(v, max_suboptimal);
   }
   out_line({"Suboptimal set to", search_score_text(search_settings.suboptimal)});
 }

@@ -13,6 +13,7 @@ enum Swapper : int { swapper_none = 0, swapper_spr = 1, swapper_tbr = 2 };
 
 constexpr int lookahead_all = 1000000000;   // "all remaining taxa"
 constexpr int max_replications = 100000;
+constexpr double max_suboptimal = 1e8;  // beyond any score difference; larger values act alike
 
 struct SearchSettings {
   int seed = 1;                 // random seed; 0 means time

@@ -171,7 +171,7 @@ double swap_core(std::vector<std::int32_t>& parent, int first, int mode, int lim
   const int nn = e.nn;
   if (e.nt < 4) return score;
   const bool saving = mode > 0;
-  const std::int32_t save_slack = static_cast<std::int32_t>(std::floor(search_settings.suboptimal + 1e-9));
+  const std::int32_t save_slack = static_cast<std::int32_t>(std::floor(std::min(search_settings.suboptimal, max_suboptimal) + 1e-9));
   int slot = slot_io ? *slot_io : -1;
   std::vector<int> clip_order(nn);
   if (search_settings.randclip) random_shuffle(nn, clip_order.data());

@@ -14,6 +14,8 @@
 #include "search/engine.h"
 #include "search/settings.h"
 #include "search/swap_collapse.h"
+#include "shell/failure.h"
+#include "shell/output.h"
 
 namespace qax::search {
 
@@ -106,6 +108,9 @@ bool swap_collapse(const std::int32_t* tree, bool tbr, std::vector<std::uint8_t>
   Move best;
   std::uint64_t examined = 0;
   for (int n = 0; n < e.nn && removed.size() < own.size(); ++n) {
+    // Big trees with many equal-score moves take long: ESC (or a stop file) ends the
+    // command rather than leave a partial verdict.
+    if ((n & 7) == 7 && shell::check_interrupt(1)) shell::error_exit("Collapsing by swapping interrupted");
     records.clear();
     const std::int32_t base = e.evaluate_clip(n, tbr, true, 0, best, records, examined);
     if (base < 0) continue;
@@ -115,6 +120,7 @@ bool swap_collapse(const std::int32_t* tree, bool tbr, std::vector<std::uint8_t>
       engine_groups(e, scratch, &now);
       for (const Bits& g : own)
         if (!now.count(g)) removed.insert(g);
+      if (removed.size() == own.size()) break;
       e.anc = keep_anc;
       e.left = keep_left;
       e.right = keep_right;
