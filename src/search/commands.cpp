@@ -367,6 +367,9 @@ void run_bbreak() {
     tree_store.scores[k] = e.compute_all();
     if (best < 0 || tree_store.scores[k] < best) best = tree_store.scores[k];
   }
+  // The duplicate table must describe the trees in memory now, as collapsed under the
+  // rule in force (they may have been read or collapsed differently since they were stored).
+  store_begin();
   out_printf("Start swapping from %i trees (score %s", tree_store.ntrees, search_score_text(best).c_str());
   if (s.suboptimal > 0) out_printf("-%s", search_score_text(best + s.suboptimal).c_str());
   out_printf(")...\n");
