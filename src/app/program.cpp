@@ -29,6 +29,8 @@
 #include "dataset/import.h"
 #include "trees/notation.h"
 #include "trees/store.h"
+#include "support/bremer.h"
+#include "support/compare_commands.h"
 #include "support/consensus.h"
 #include "support/resample.h"
 #include "script/list_store.h"
@@ -36,6 +38,7 @@
 #include "graphics/svg.h"
 #include "search/constraints.h"
 #include "optim/collapse.h"
+#include "optim/implied.h"
 #include "optim/packed.h"
 #include "optim/reports.h"
 
@@ -142,6 +145,10 @@ void reset_run_state() {
   qax::search::constraints_reset();
   qax::optim::collapse_reset();
   qax::optim::mapping_settings = qax::optim::MappingSettings();
+  qax::optim::implied_settings = qax::optim::ImpliedSettings();
+  qax::optim::self_weight_settings = qax::optim::SelfWeightSettings();
+  qax::support::bremer_settings = qax::support::BremerSettings();
+  qax::support::sprdiff_settings = qax::support::SprdiffSettings();
 }
 
 void install_subsystems() {

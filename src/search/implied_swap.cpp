@@ -110,6 +110,10 @@ double implied_swap(std::vector<std::int32_t>& parent, bool tbr, long long& exam
         for (int r = 0; r < e.nn; ++r)
           if (in[r] && r != n && r != e.left[n] && r != e.right[n]) reroots.push_back(r);
       for (int reroot : reroots) {
+        // Every candidate is rescored in full, which takes long on big trees: poll for
+        // ESC and stop files.
+        qax::shell::show_progress(n, e.nn, tbr ? "TBR" : "SPR");
+        if (shell_state.stop_search_flag) break;
         for (int t = 0; t < e.nn && !improved; ++t) {
           if (t == e.nt || t == e.left[e.nt] || in[t] || t == p || e.anc[t] < 0) continue;
           if (t == s && reroot < 0) continue;  // the tree as it is
