@@ -58,7 +58,8 @@ const HelpEntry help_entries[] = {
     {"bsupport",
      "bsupport [ options ] [ list ] [ / taxa ];  Bremer supports from suboptimal trees in memory\n"
      "Options: =N collapse below N;  * keep the tree;  [ relative;  ] relative, within absolute\n"
-     "&X[*F] or |X[*F] combined supports;  !N (!!N, !+N) by TBR swapping from tree N"},
+     "&X[*F] or |X[*F] combined supports;  !N (!!N, !+N) by TBR swapping from tree N,\n"
+     "within the suboptimal value (relative supports also within the relative one, subopt N x R)"},
     {"ccode",
      "ccode options list;  character settings\n"
      "+ additive  - nonadditive  [ active  ] inactive  ( Sankoff  ) no Sankoff\n"
@@ -341,7 +342,8 @@ const HelpEntry help_entries[] = {
     {"sprdiff",
      "sprdiff [*] J K [ NxS ];  SPR distance between two trees;  sprdiff [K;  sprdiff ];  sprdiff options;"},
     {"subopt",
-     "subopt N;  keep suboptimal trees within N of the best;  subopt;  report"},
+     "subopt N;  keep suboptimal trees within N of the best;  subopt N x R;  also set the\n"
+     "relative limit R (0-1) that Bremer supports by TBR use for relative supports;  subopt;  report"},
     {"svtxt",
      "svtxt A B;  write lines A to B of the text buffer to the log\n"
      "svtxt;  write all the buffer"},

@@ -611,13 +611,28 @@ void cmd_rseed() {
 }
 
 void cmd_subopt() {
-  if (peek_char() != ';') {
+  auto& s = search_settings;
+  int c = peek_char();
+  if (c != ';' && c != 'x' && c != 'X') {
     double v = read_real();
     if (v < 0) error_exit("Suboptimal must be 0 or greater");
     // No score difference reaches this: a larger value keeps every tree just the same.
-    search_settings.suboptimal = std::min(v, max_suboptimal);
+    s.suboptimal = std::min(v, max_suboptimal);
+    c = peek_char();
   }
-  out_line({"Suboptimal set to", search_score_text(search_settings.suboptimal)});
+  // "x R": the relative limit, a fraction of the fit lost (0 to 1).
+  if (c == 'x' || c == 'X') {
+    next_char();
+    const double r = read_real();
+    if (r < 0 || r > 1) error_exit("Relative suboptimal must be between 0 and 1");
+    s.relative_suboptimal = r;
+  }
+  if (s.relative_suboptimal > 0) {
+    out_printf("Suboptimal set to %s (relative %.3f)\n", search_score_text(s.suboptimal).c_str(), s.relative_suboptimal);
+    out_text({"(the relative value bounds Bremer supports by TBR; searches keep trees by the absolute value)\n"});
+  } else {
+    out_line({"Suboptimal set to", search_score_text(s.suboptimal)});
+  }
 }
 
 }  // namespace qax::search

@@ -45,6 +45,8 @@ struct SearchSettings {
   int inters = 0;               // regions keep intersections (1, or 2 with reordered characters)
   int stratswap = 0;            // landmark error margin while swapping
   double suboptimal = 0;        // subopt: trees up to best + this are kept
+  double relative_suboptimal = 0; // subopt N x R: the largest relative fit difference
+                                  // Bremer supports by TBR look at (0: none given)
 };
 
 extern SearchSettings search_settings;

@@ -123,31 +123,13 @@ BremerOptions read_options() {
     }
   }
   if (o.has_cut && o.cut < 0 && !o.tbr) error_exit("Cutoff for Bremer cannot be negative (unless TBR is used)");
-  if (o.tbr && o.relative)
+  if (o.tbr && o.relative && qax::search::search_settings.relative_suboptimal <= 0)
     error_exit("To calculate relative bremer supports with TBR, you must specify a relative suboptimal value");
   return o;
 }
 
 // Per-character scores of a stored tree: weighted steps, or fits under implied weights.
-std::vector<double> tree_char_scores(int k) {
-  const std::int32_t* row = tree_row(k);
-  std::vector<int> parent(row, row + tree_store.row_size), steps;
-  qax::optim::character_steps(parent, steps);
-  std::vector<double> out(dataset.nchar, 0.0);
-  const auto& imp = qax::optim::implied_settings;
-  for (int c = 0; c < dataset.nchar && c < static_cast<int>(steps.size()); ++c) {
-    if (steps[c] < 0) continue;
-    const auto& r = dataset.chars[c];
-    if (imp.implied_on) {
-      const double kk = imp.concavity;
-      const double h = std::max(0, steps[c] - r.min_steps + r.internal_steps);
-      out[c] = r.weight * h / (kk + h);
-    } else {
-      out[c] = static_cast<double>(steps[c]) * r.weight;
-    }
-  }
-  return out;
-}
+std::vector<double> tree_char_scores(int k) { return row_char_scores(tree_row(k)); }
 
 std::string format_value(double v, bool integer) {
   char text[64];
@@ -234,7 +216,8 @@ void present(const BremerOptions& o, BremerResult& r, const std::vector<std::int
     if (!has[v]) continue;
     const bool as_integer = o.relative || o.formula ? true : integer;
     std::string text = format_value(value[v], as_integer);
-    if (r.lower_bound[v] && !o.formula && !o.relative) text = "[" + text + "]";
+    // Under TBR a relative value that no rearrangement lowered is a lower bound as well.
+    if (r.lower_bound[v] && !o.formula && (!o.relative || o.tbr)) text = "[" + text + "]";
     labels[v] = text;
     sum += value[v];
   }
@@ -291,8 +274,10 @@ void bsupport_tbr(const BremerOptions& o) {
     else if (tree_row(o.tbr_tree)[t] < ntax) excluded[t] = excluded_as_missing;
   }
   std::vector<std::int32_t> shown;
-  BremerResult r = bremer_by_tbr(o.tbr_tree, o.tbr_plus, o.tbr_keep_all, excluded, shown);
+  BremerResult r = bremer_by_tbr(o.tbr_tree, o.tbr_plus, o.tbr_keep_all, o.relative, excluded, shown);
   clear_progress();
+  // The bounds shown are those of the values shown.
+  if (o.relative && !o.formula) r.lower_bound = r.relative_bound;
   present(o, r, shown, excluded, 1, qax::optim::implied_settings.implied_on != 0);
 }
 

@@ -20,6 +20,10 @@ extern BremerSettings bremer_settings;
 [[nodiscard]] double relative_fit_difference(const std::vector<double>& with_group,
                                              const std::vector<double>& without_group) noexcept;
 
+// Per-character scores of a tree (a parent array as stored): weighted steps, or fits under
+// implied weights.
+[[nodiscard]] std::vector<double> row_char_scores(const std::int32_t* row);
+
 // Combined supports, in percent: S = 100 ((1-X) R)^(Wo/A), and the other form
 // S = 100 (1 - (1 - x R)^(A/F)). R is the relative support as a fraction.
 [[nodiscard]] double combined_power(double relative, double absolute, double x, double wo) noexcept;
@@ -36,6 +40,7 @@ struct BremerResult {
   std::vector<double> absolute;         // per node
   std::vector<std::uint8_t> lower_bound;// per node: the group is in every tree
   std::vector<double> relative;         // per node, fraction (-1 none)
+  std::vector<std::uint8_t> relative_bound;  // per node, TBR only: no rearrangement lowered it
   std::vector<int> group_of_node;       // per node: group number, -1 none
 };
 BremerResult bremer_from_trees(const std::vector<const std::int32_t*>& rows, const std::vector<double>& scores,
@@ -44,9 +49,12 @@ BremerResult bremer_from_trees(const std::vector<const std::int32_t*>& rows, con
                                bool within_only);
 
 // The same for the groups of stored tree `reference` by TBR swapping within the
-// suboptimal value; `shown` receives the tree whose nodes the values refer to.
-BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, const std::vector<std::uint8_t>& excluded,
-                           std::vector<std::int32_t>& shown);
+// suboptimal value; `shown` receives the tree whose nodes the values refer to. With
+// `relative` (1, or 2 for moves at the group's absolute support only) each group also
+// gets the lowest relative fit difference of the rearrangements that break it, up to the
+// relative suboptimal value.
+BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, int relative,
+                           const std::vector<std::uint8_t>& excluded, std::vector<std::int32_t>& shown);
 
 void cmd_bsupport();
 

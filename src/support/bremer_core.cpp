@@ -4,12 +4,35 @@
 #include <cmath>
 #include <limits>
 
+#include "dataset/dataset.h"
+#include "optim/implied.h"
+#include "optim/reports.h"
 #include "support/bremer.h"
 #include "support/group_set.h"
+#include "trees/store.h"
 
 namespace qax::support {
 
 BremerSettings bremer_settings;
+
+std::vector<double> row_char_scores(const std::int32_t* row) {
+  const auto& data = qax::dataset::dataset;
+  std::vector<int> parent(row, row + qax::trees::tree_store.row_size), steps;
+  qax::optim::character_steps(parent, steps);
+  std::vector<double> out(data.nchar, 0.0);
+  const auto& imp = qax::optim::implied_settings;
+  for (int c = 0; c < data.nchar && c < static_cast<int>(steps.size()); ++c) {
+    if (steps[c] < 0) continue;
+    const auto& r = data.chars[c];
+    if (imp.implied_on) {
+      const double h = std::max(0, steps[c] - r.min_steps + r.internal_steps);
+      out[c] = r.weight * h / (imp.concavity + h);
+    } else {
+      out[c] = static_cast<double>(steps[c]) * r.weight;
+    }
+  }
+  return out;
+}
 
 double relative_fit_difference(const std::vector<double>& with_group, const std::vector<double>& without_group) noexcept {
   double f = 0, c = 0;

@@ -2,7 +2,9 @@
 // swapper visits every rearrangement within the suboptimal value without taking any;
 // each rearrangement breaks some groups of the reference, and each group broken keeps the
 // lowest score difference of the rearrangements that break it. A group never broken keeps
-// the value suboptimal + 1, shown as a lower bound.
+// the value suboptimal + 1, shown as a lower bound. Relative supports compare each
+// rearranged tree with the reference character by character; they start at the relative
+// suboptimal value, also a lower bound when no rearrangement breaks the group.
 #include <algorithm>
 #include <cmath>
 #include <vector>
@@ -33,6 +35,10 @@ struct TbrContext {
   std::vector<double> support;       // per group
   std::vector<std::uint8_t> seen;    // per group: scratch marks
   double extra = 0;                  // added to each difference ("+")
+  int relative = 0;                  // 0 none, 1 all moves, 2 moves at the absolute support
+  std::vector<double> reference_scores;  // per character, of the reference
+  std::vector<double> rel;           // per group: lowest relative fit difference
+  double rel_ceiling = 1;            // the relative suboptimal value
   std::vector<std::int32_t> row;     // scratch tree
   std::vector<int> keep_anc, keep_left, keep_right;
 };
@@ -60,16 +66,28 @@ bool visit_moves(qax::search::Engine& e, const std::vector<qax::search::Move>& r
       const int g = group_find(c.table, r, size, set_hash(r, c.ns.words));
       if (g >= 0) c.seen[g] = 1;
     }
-    for (int g = 0; g < c.table.ngroups(); ++g)
-      if (!c.seen[g]) c.support[g] = std::min(c.support[g], diff);
+    double rfd = 0;
+    if (c.relative)
+      rfd = std::clamp(relative_fit_difference(c.reference_scores, row_char_scores(c.row.data())), 0.0, c.rel_ceiling);
+    for (int g = 0; g < c.table.ngroups(); ++g) {
+      if (c.seen[g]) continue;
+      if (c.relative == 2) {
+        // Only the rearrangements at the group's absolute support count.
+        if (diff < c.support[g] - 1e-9) c.rel[g] = rfd;
+        else if (diff <= c.support[g] + 1e-9) c.rel[g] = std::min(c.rel[g], rfd);
+      } else if (c.relative) {
+        c.rel[g] = std::min(c.rel[g], rfd);
+      }
+      c.support[g] = std::min(c.support[g], diff);
+    }
   }
   return qax::shell::shell_state.stop_search_flag != 0;
 }
 
 }  // namespace
 
-BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, const std::vector<std::uint8_t>& excluded,
-                           std::vector<std::int32_t>& shown) {
+BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, int relative,
+                           const std::vector<std::uint8_t>& excluded, std::vector<std::int32_t>& shown) {
   const int ntax = tree_store.ntax;
   const auto& s = qax::search::search_settings;
   qax::search::search_prepare();
@@ -93,6 +111,7 @@ BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, co
   out.absolute.assign(2 * ntax - 1, -1);
   out.lower_bound.assign(2 * ntax - 1, 0);
   out.relative.assign(2 * ntax - 1, -1);
+  out.relative_bound.assign(2 * ntax - 1, 0);
   out.group_of_node.assign(2 * ntax - 1, -1);
   compute_node_sets(shown.data(), excluded.data(), c.ns);
   for (int v = ntax + 1; v < shown[ntax]; ++v) {
@@ -107,6 +126,11 @@ BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, co
   const double ceiling = std::floor(s.suboptimal + 1e-9) + 1;
   c.support.assign(c.table.ngroups(), ceiling);
   c.seen.assign(c.table.ngroups(), 0);
+  const double rel_ceiling = s.relative_suboptimal;
+  c.relative = relative;
+  c.rel_ceiling = rel_ceiling;
+  c.rel.assign(c.table.ngroups(), rel_ceiling);
+  if (relative) c.reference_scores = row_char_scores(tree_row(reference));
   std::vector<std::int32_t> tree(tree_row(reference), tree_row(reference) + tree_store.row_size);
   context = &c;
   qax::search::swap_hook = visit_moves;
@@ -126,6 +150,12 @@ BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, co
     if (g < 0) continue;
     out.absolute[v] = c.support[g];
     out.lower_bound[v] = c.support[g] >= ceiling;
+    if (relative) {
+      // "2": a group never broken has no rearrangement within its support to compare.
+      const bool unbroken = c.support[g] >= ceiling;
+      out.relative[v] = c.rel[g];
+      out.relative_bound[v] = unbroken || c.rel[g] >= rel_ceiling - 1e-12;
+    }
   }
   return out;
 }

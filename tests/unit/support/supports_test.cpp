@@ -382,6 +382,122 @@ TEST_F(Supports, BremerFromAllTreesEqualsBruteForce) {
   }
 }
 
+// Unrooted topology of a tree restricted to taxa X, as its nontrivial splits (each as
+// the side without the smallest taxon of X). Clusters are those of the tree rooted on 0.
+std::set<Cluster> restricted_splits(const std::set<Cluster>& clusters, const Cluster& x) {
+  std::set<Cluster> out;
+  const int first = *x.begin();
+  for (const auto& d : clusters) {
+    Cluster in, rest;
+    for (int t : x) (d.count(t) ? in : rest).insert(t);
+    if (in.size() < 2 || rest.size() < 2) continue;
+    out.insert(in.count(first) ? rest : in);
+  }
+  return out;
+}
+
+// B is one TBR move from A when some edge of A is also an edge of B and the two parts it
+// separates have the same topology in both trees.
+bool tbr_neighbours(const std::set<Cluster>& a, const std::set<Cluster>& b, int ntax) {
+  if (a == b) return false;
+  std::set<Cluster> edges = a;
+  for (int t = 1; t < ntax; ++t) edges.insert(Cluster{t});
+  Cluster all;
+  for (int t = 1; t < ntax; ++t) all.insert(t);
+  edges.insert(all);
+  for (const auto& x : edges) {
+    if (x.size() > 1 && x.size() < static_cast<std::size_t>(ntax - 1) && !b.count(x)) continue;
+    Cluster y;
+    for (int t = 0; t < ntax; ++t)
+      if (!x.count(t)) y.insert(t);
+    if (restricted_splits(a, x) == restricted_splits(b, x) && restricted_splits(a, y) == restricted_splits(b, y))
+      return true;
+  }
+  return false;
+}
+
+TEST_F(Supports, RelativeBremerByTbrEqualsTheNeighbourhood) {
+  std::mt19937 rng(77);
+  for (int round = 0; round < 4; ++round) {
+    const int ntax = round < 2 ? 6 : 7;
+    const int nchar = 9 + static_cast<int>(rng() % 5);
+    std::vector<std::string> texts;
+    all_trees(ntax, texts);
+    std::string cmd = random_matrix(ntax, nchar, rng) + " hold 2000; tread ";
+    for (std::size_t i = 0; i < texts.size(); ++i) cmd += (i ? "*" : "") + texts[i];
+    run(cmd + ";");
+    const int n = trees::tree_store.ntrees;
+    std::vector<int> len(n);
+    std::vector<std::set<Cluster>> cl(n);
+    std::vector<std::vector<int>> steps(n);
+    int best = INT_MAX, k0 = -1;
+    for (int k = 0; k < n; ++k) {
+      len[k] = test::slow_length(trees::tree_row(k));
+      cl[k] = clusters_of(trees::tree_row(k), ntax);
+      steps[k] = test::slow_character_steps(trees::tree_row(k));
+      if (len[k] < best) best = len[k], k0 = k;
+    }
+    const int subopt = 2;
+    const double limit = 0.6;
+    // Expected by brute force over the TBR neighbours of k0 within the suboptimal value.
+    struct Expect { int absolute = INT_MAX; double all = 1e9, at_support = 1e9; };
+    std::map<Cluster, Expect> want;
+    for (const auto& c : cl[k0]) want[c];
+    int neighbours = 0;
+    for (int b = 0; b < n; ++b) neighbours += tbr_neighbours(cl[k0], cl[b], ntax);
+    // At least the SPR neighbourhood, 2(n-3)(2n-7) trees.
+    EXPECT_GE(neighbours, 2 * (ntax - 3) * (2 * ntax - 7));
+    EXPECT_LT(neighbours, n - 1);
+    for (int b = 0; b < n; ++b) {
+      const int diff = len[b] - best;
+      if (diff > subopt || !tbr_neighbours(cl[k0], cl[b], ntax)) continue;
+      double f = 0, w = 0;
+      for (int ch = 0; ch < nchar; ++ch) {
+        const int d = steps[b][ch] - steps[k0][ch];
+        if (d > 0) f += d;
+        else w -= d;
+      }
+      const double rfd = std::clamp(f > 0 ? (f - w) / f : 0.0, 0.0, limit);
+      for (auto& [c, e] : want) {
+        if (cl[b].count(c)) continue;
+        if (diff < e.absolute) e.at_support = rfd;
+        else if (diff == e.absolute) e.at_support = std::min(e.at_support, rfd);
+        e.absolute = std::min(e.absolute, diff);
+        e.all = std::min(e.all, rfd);
+      }
+    }
+    auto text = [&](double v, bool bound) {
+      char t[32];
+      std::snprintf(t, sizeof t, bound ? "[%.0f]" : "%.0f", v);
+      return std::string(t);
+    };
+    std::map<Cluster, std::string> abs_want, all_want, at_want;
+    for (const auto& [c, e] : want) {
+      const bool broken = e.absolute != INT_MAX;
+      abs_want[c] = broken ? text(e.absolute, false) : text(subopt + 1, true);
+      all_want[c] = text(100 * std::min(e.all, limit), !broken || e.all >= limit);
+      at_want[c] = text(100 * std::min(e.at_support, limit), !broken || e.at_support >= limit);
+    }
+    auto got = [&](const std::string& options) {
+      run("ttags-; ttags=; bsupport " + options + std::to_string(k0) + ";");
+      const auto& tag = trees::tree_store.tag_tree;
+      std::map<Cluster, std::string> out;
+      for (int v = ntax + 1; v < tag[ntax]; ++v) {
+        auto below = test::taxa_below(tag.data(), ntax, v);
+        if (below.size() < 2 || static_cast<int>(below.size()) >= ntax - 1) continue;
+        out[Cluster(below.begin(), below.end())] = trees::tree_store.tags[v];
+      }
+      return out;
+    };
+    EXPECT_NE(run("subopt 2 x 0.6;").find("relative 0.600"), std::string::npos);
+    EXPECT_EQ(got("!!"), abs_want) << "round " << round;
+    EXPECT_EQ(got("[!!"), all_want) << "round " << round;
+    EXPECT_EQ(got("]!!"), at_want) << "round " << round;
+    run("ttags-; subopt 0 x 0;");
+    EXPECT_NE(run("bsupport [!!0;").find("you must specify a relative suboptimal value"), std::string::npos);
+  }
+}
+
 TEST_F(Supports, BremerMessages) {
   std::mt19937 rng(7);
   run(random_matrix(6, 10, rng) + " tread (0 (1 (2 (3 (4 5)))))*(0 (2 (1 (3 (4 5)))));");
