@@ -161,7 +161,7 @@ const CommandRecord command_records[] = {
     {"xlinks", cmd_not_available, 0, topic_settings | topic_characters},
     {"xmult", qax::app::steps_only<qax::search::cmd_xmult>, 1, topic_searching},
     {"xperm", cmd_not_available, 1, topic_various | topic_characters},
-    {"xpiwe", cmd_not_available, 0, topic_settings | topic_weights},
+    {"xpiwe", qax::optim::cmd_xpiwe, 0, topic_settings | topic_weights},
     {"xread", qax::dataset::cmd_xread, 1, topic_input | topic_save},
     {"xwipe", qax::dataset::cmd_xwipe, 0, topic_various},
     {"unique", qax::trees::cmd_unique, 1, topic_diagnosis | topic_compare},

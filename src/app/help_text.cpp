@@ -437,7 +437,13 @@ const HelpEntry help_entries[] = {
     {"xperm",
      "xperm [ list ];  permute the states of characters among taxa"},
     {"xpiwe",
-     "xpiwe options;  extended implied weighting (proportion, factor)"},
+     "xpiwe options;  extended implied weighting (options may follow one another; a list ends the command)\n"
+     "xpiwe =;  on, each k matching the cost of steps;  xpiwe *;  on, k proportional to the entries;  xpiwe -;  off\n"
+     "xpiwe (*P <M;  extrapolate homoplasy into missing entries (proportion P, k at most M times smaller)\n"
+     "xpiwe );  no extrapolation;  xpiwe ];  remove sets, constant weights and individual k values\n"
+     "xpiwe [L;  characters L weighted together as a set;  xpiwe /NxF L;  characters L of constant weight,\n"
+     "each step costing F times the step from N to N+1 extra steps\n"
+     "xpiwe !K L;  concavity K for characters L;  xpiwe &L;  list the concavities;  xpiwe;  report"},
     {"xread",
      "xread N_chars N_taxa  name states ... ;  read a data matrix (blocks: & [ dna | prot | num | cont ])\n"
      "xread *;  save all data (** with settings);  xread -;  active data;  xread [;  active, shuffled\n"

@@ -179,7 +179,18 @@ void install_subsystems() {
   add_exit_step(qax::trees::tree_files_at_exit);
   // Any command may change taxa, characters or weights: the packed matrix is rebuilt
   // by the next command that scores (packing costs milliseconds even on large data).
-  add_after_command_step([] { qax::optim::invalidate_pack(); });
+  add_after_command_step([] {
+    qax::optim::invalidate_pack();
+    qax::optim::implied_settings.char_concavity.clear();  // concavities follow the entries
+  });
+  // Sets and individual concavities name characters of the data set they were given for.
+  qax::dataset::add_dataset_replaced_hook([] {
+    auto& s = qax::optim::implied_settings;
+    s.set_of_char.clear();
+    s.user_k.clear();
+    s.constant_set.clear();
+    s.char_concavity.clear();
+  });
 }
 
 int run_program(int argc, char** argv) {

@@ -39,11 +39,16 @@ double sankoff_unit(int c) {
 // Scores stored with the trees are no longer those of the current weighting.
 void weighting_changed() {
   invalidate_pack();
+  implied_settings.char_concavity.clear();
   auto& s = qax::trees::tree_store;
   std::fill(s.scores.begin(), s.scores.end(), 0.0);
 }
 
-void print_strength() { out_printf("Weighting strength is %.5f\n", implied_settings.concavity); }
+void print_strength() {
+  const auto& s = implied_settings;
+  const bool individual = s.extended_on && (s.missing_on || std::any_of(s.user_k.begin(), s.user_k.end(), [](double k) { return k > 0; }));
+  out_printf("Weighting strength is %.5f%s\n", s.concavity, individual ? " (reference K)" : "");
+}
 
 double step_cost(int n) {  // cost of the step from n to n+1 extra steps (weight 1)
   return fit_of_homoplasy(n + 1) - fit_of_homoplasy(n);
@@ -58,6 +63,8 @@ double read_concavity() {
 }
 
 }  // namespace
+
+void implied_weights_changed() { weighting_changed(); }
 
 double fit_of_homoplasy(double h) {
   if (h <= 0) return 0;
@@ -85,15 +92,91 @@ double character_homoplasy(int c, int steps) {
   return extra;
 }
 
-double implied_total(const std::vector<int>& steps) {
+namespace {
+
+// Fit of h under concavity k, scaled so that the first step costs what it costs under K;
+// under user weights the function is read at h K / k instead.
+double fit_with_concavity(double h, double k) {
+  const auto& s = implied_settings;
+  if (h <= 0) return 0;
+  if (k <= 0 || std::abs(k - s.concavity) < 1e-12) return fit_of_homoplasy(h);
+  if (s.user_weighted && !s.user_weights.empty()) return fit_of_homoplasy(h * s.concavity / k);
+  return h / (k + h) * (k + 1) / (s.concavity + 1);
+}
+
+bool extended_ready() {
+  const auto& s = implied_settings;
+  if (!s.extended_on) return false;
+  if (static_cast<int>(s.char_concavity.size()) != dataset.nchar) prepare_extended_weights();
+  return true;
+}
+
+int set_of(int c) {
+  const auto& v = implied_settings.set_of_char;
+  return c < static_cast<int>(v.size()) ? v[c] : -1;
+}
+
+}  // namespace
+
+double character_fit(int c, double h) {
+  const auto& s = implied_settings;
+  if (h <= 0) return 0;
+  if (!extended_ready()) return fit_of_homoplasy(h);
+  if (c < static_cast<int>(s.constant_set.size()) && s.constant_set[c]) {
+    const int x = s.constant_steps;
+    return h * (fit_of_homoplasy(x + 1) - fit_of_homoplasy(x)) * s.constant_factor;
+  }
+  return fit_with_concavity(h, s.char_concavity[c]);
+}
+
+double implied_total(const std::vector<int>& steps, const std::vector<int>* weights) {
+  const bool extended = extended_ready();
+  const auto& s = implied_settings;
+  thread_local std::vector<double> pooled;
+  if (extended) pooled.assign(s.set_size.size(), 0.0);
   double total = 0;
   for (int c = 0; c < dataset.nchar && c < static_cast<int>(steps.size()); ++c) {
     if (steps[c] < 0) continue;
     const auto& r = dataset.chars[c];
-    if (!r.active || r.weight == 0) continue;
-    total += r.weight * fit_of_homoplasy(character_homoplasy(c, steps[c]));
+    const int w = weights ? (*weights)[c] : r.weight;
+    if (!r.active || w == 0) continue;
+    const double h = character_homoplasy(c, steps[c]);
+    const int set = extended ? set_of(c) : -1;
+    if (set >= 0) pooled[set] += w * h;
+    else total += w * character_fit(c, h);
   }
+  // A set of N characters with homoplasy H counts N fits of the mean homoplasy.
+  if (extended)
+    for (std::size_t g = 0; g < pooled.size(); ++g)
+      if (s.set_size[g] > 0) total += s.set_size[g] * fit_with_concavity(pooled[g] / s.set_size[g], s.set_concavity[g]);
   return total;
+}
+
+std::vector<double> character_fits(const std::vector<int>& steps) {
+  const bool extended = extended_ready();
+  const auto& s = implied_settings;
+  std::vector<double> out(dataset.nchar, 0.0), share(dataset.nchar, 0.0);
+  std::vector<double> pooled(extended ? s.set_size.size() : 0, 0.0);
+  for (int c = 0; c < dataset.nchar && c < static_cast<int>(steps.size()); ++c) {
+    if (steps[c] < 0) continue;
+    const auto& r = dataset.chars[c];
+    if (!r.active || r.weight == 0) continue;
+    const double h = character_homoplasy(c, steps[c]);
+    const int set = extended ? set_of(c) : -1;
+    if (set >= 0) {
+      share[c] = r.weight * h;
+      pooled[set] += share[c];
+    } else {
+      out[c] = r.weight * character_fit(c, h);
+    }
+  }
+  for (int c = 0; c < dataset.nchar && extended; ++c) {
+    const int set = set_of(c);
+    if (set < 0 || pooled[set] <= 0) continue;
+    const double fit = s.set_size[set] * fit_with_concavity(pooled[set] / s.set_size[set], s.set_concavity[set]);
+    out[c] = fit * share[c] / pooled[set];
+  }
+  return out;
 }
 
 int largest_homoplasy() {
@@ -114,7 +197,7 @@ void cmd_piwe() {
   if (c == ';' || c == 0 || c == '(') {
     if (c == '(') next_char();
     out_line({s.implied_on ? "Implied weighting is ON" : "Implied weighting is OFF"});
-    out_line({"Extended implied weighting is OFF"});
+    out_line({s.extended_on ? "Extended implied weighting is ON" : "Extended implied weighting is OFF"});
     if (s.user_weighted) out_line({"Weighting with user-defined weighting function"});
     else print_strength();
     if (s.auto_weighted) out_line({"Auto-weighted optimization is ON"});
@@ -131,6 +214,8 @@ void cmd_piwe() {
     case '=':
     case ':':
     case '+': {
+      if (c == '+' && s.extended_on)
+        error_exit("Sorry, can't use both extended implied weighting and auto-weighted optimization");
       const double k = read_concavity();
       if (k > 0 && k != s.concavity) { s.concavity = k; weighting_changed(); }
       if (c != ':') {
@@ -228,9 +313,12 @@ void cmd_piwe() {
     }
     case '&': {
       if (qax::trees::tree_store.ntax == 0) error_exit("Must read data first");
+      if (s.extended_on) prepare_extended_weights();
       out_line({"Concavity of each character"});
       for (int ch = 0; ch < dataset.nchar; ++ch)
-        out_printf("  %4i  %.5f\n", ch, dataset.chars[ch].active ? s.concavity : -1.0);
+        out_printf("  %4i  %.5f\n", ch, !dataset.chars[ch].active ? -1.0
+                                        : s.extended_on && ch < static_cast<int>(s.char_concavity.size())
+                                            ? s.char_concavity[ch] : s.concavity);
       return;
     }
     default:

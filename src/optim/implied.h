@@ -3,6 +3,7 @@
 // tree is the weighted sum of the fits of its characters, to be minimised.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -15,6 +16,24 @@ struct ImpliedSettings {
   int user_weighted = 0;   // fits follow user_weights instead of h / (K + h)
   std::vector<double> user_weights;  // weight of the step from n to n+1 extra steps
   int auto_weighted = 0;   // auto-weighted optimisation asked for (scored as standard)
+
+  // Extended implied weighting (xpiwe): characters with their own concavities, from the
+  // proportion of missing entries or set by the user, sets of characters whose homoplasy
+  // is pooled, and characters of constant weight.
+  int extended_on = 0;
+  int best_k_rule = 1;              // 1: k matching the cost curve, 0: k = ratio * K
+  int missing_on = 0;               // extrapolate homoplasy into missing entries
+  double missing_proportion = 0.5;  // P
+  double max_ratio = 5.0;           // M
+  std::vector<double> user_k;       // per character, 0 when none given
+  std::vector<int> set_of_char;     // per character, -1 in no set
+  std::vector<std::uint8_t> constant_set;  // per character
+  int constant_steps = 0;           // X: the step from X to X+1 extra steps gives the cost
+  double constant_factor = 1.0;     // F
+  // Computed at packing: concavity per character (-1 none observed), per set, set sizes.
+  std::vector<double> char_concavity;
+  std::vector<double> set_concavity;
+  std::vector<int> set_size;
 };
 extern ImpliedSettings implied_settings;
 
@@ -24,13 +43,31 @@ double fit_of_homoplasy(double h);
 // Homoplasy of character c given its unweighted steps on a tree (continuous characters in
 // thousandths, Sankoff characters in units of the least cost of a change).
 double character_homoplasy(int c, int steps);
-// Weighted fit of a whole tree from the steps of each character (-1: not counted).
-double implied_total(const std::vector<int>& steps);
+// Fit of character c alone with homoplasy h (weight 1), with its own concavity and the
+// constant-weight rule under extended implied weighting.
+double character_fit(int c, double h);
+// Weighted fit of a whole tree from the steps of each character (-1: not counted), with
+// `weights` in place of the characters' own when given; sets pool their homoplasy.
+double implied_total(const std::vector<int>& steps, const std::vector<int>* weights = nullptr);
+// The same, character by character (a set's fit shared out by the homoplasy of its
+// members); inactive characters and those not counted get 0.
+std::vector<double> character_fits(const std::vector<int>& steps);
+
+// Concavities of the characters under extended implied weighting, from the data set as it
+// stands; run by packing.
+void prepare_extended_weights();
+// The concavity k that makes the costs of steps best follow those of K with homoplasy
+// scaled by s.
+double best_k(double k_reference, double s);
 
 // Highest homoplasy any active character can have (max_steps - min_steps); needs minmax.
 int largest_homoplasy();
 
+// Scores stored and packing no longer follow the weighting: both are redone when needed.
+void implied_weights_changed();
+
 void cmd_piwe();
+void cmd_xpiwe();
 
 // Options of auto-weighted optimisation as the user set them (name to value).
 struct SelfWeightSettings {

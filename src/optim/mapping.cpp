@@ -314,7 +314,7 @@ double tree_cost(const CharTree& t, const std::vector<int>& chars, bool fits) {
       char_costs(t, c, false, costs);
       units = costs.best;
     }
-    if (fits) total += r.weight * fit_of_homoplasy(character_homoplasy(c, static_cast<int>(std::min<long long>(units, INT_MAX))));
+    if (fits) total += r.weight * character_fit(c, character_homoplasy(c, static_cast<int>(std::min<long long>(units, INT_MAX))));
     else total += r.weight * (r.is_continuous ? static_cast<double>(units) / 1000.0 : static_cast<double>(units));
   }
   return total;

@@ -320,10 +320,10 @@ void character_report(bool homoplasy) {
     bool fractional = false;
     if (!homoplasy && implied_settings.implied_on) {
       // Under implied weighting each character reports its weighted fit.
+      const std::vector<double> fits = character_fits(steps);
       for (int c : chars) {
-        const auto& r = dataset.chars[c];
         if (steps[c] < 0) { values.push_back("--"); continue; }
-        const double f = r.active ? r.weight * fit_of_homoplasy(character_homoplasy(c, steps[c])) : 0.0;
+        const double f = fits[c];
         total += f;
         char cell[32];
         std::snprintf(cell, sizeof cell, "%.5f", f);

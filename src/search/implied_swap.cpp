@@ -56,13 +56,7 @@ const std::vector<int>* perturbed = nullptr;
 double fit_for_swap(const std::vector<std::int32_t>& parent) {
   if (!perturbed) return implied_fit_of(parent);
   optim::character_steps(parent, steps_scratch);
-  double total = 0;
-  for (int c = 0; c < qax::dataset::dataset.nchar; ++c) {
-    const auto& r = qax::dataset::dataset.chars[c];
-    if (steps_scratch[c] < 0 || !r.active || (*perturbed)[c] == 0) continue;
-    total += (*perturbed)[c] * optim::fit_of_homoplasy(optim::character_homoplasy(c, steps_scratch[c]));
-  }
-  return total;
+  return optim::implied_total(steps_scratch, perturbed);
 }
 
 // Ratchet from the tree in parent: each iteration swaps under weights of which some are

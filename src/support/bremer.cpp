@@ -283,20 +283,8 @@ void bsupport_tbr(const BremerOptions& o) {
 
 // Score of a parent array: weighted steps, or fits under implied weights.
 double parent_score(const std::vector<std::int32_t>& tree) {
-  std::vector<int> parent(tree.begin(), tree.end()), steps;
-  qax::optim::character_steps(parent, steps);
-  const auto& imp = qax::optim::implied_settings;
   double total = 0;
-  for (int c = 0; c < dataset.nchar && c < static_cast<int>(steps.size()); ++c) {
-    if (steps[c] < 0) continue;
-    const auto& r = dataset.chars[c];
-    if (imp.implied_on) {
-      const double h = std::max(0, steps[c] - r.min_steps + r.internal_steps);
-      total += r.weight * h / (imp.concavity + h);
-    } else {
-      total += static_cast<double>(steps[c]) * r.weight;
-    }
-  }
+  for (double v : row_char_scores(tree.data())) total += v;
   return total;
 }
 

@@ -19,18 +19,10 @@ std::vector<double> row_char_scores(const std::int32_t* row) {
   const auto& data = qax::dataset::dataset;
   std::vector<int> parent(row, row + qax::trees::tree_store.row_size), steps;
   qax::optim::character_steps(parent, steps);
+  if (qax::optim::implied_settings.implied_on) return qax::optim::character_fits(steps);
   std::vector<double> out(data.nchar, 0.0);
-  const auto& imp = qax::optim::implied_settings;
-  for (int c = 0; c < data.nchar && c < static_cast<int>(steps.size()); ++c) {
-    if (steps[c] < 0) continue;
-    const auto& r = data.chars[c];
-    if (imp.implied_on) {
-      const double h = std::max(0, steps[c] - r.min_steps + r.internal_steps);
-      out[c] = r.weight * h / (imp.concavity + h);
-    } else {
-      out[c] = static_cast<double>(steps[c]) * r.weight;
-    }
-  }
+  for (int c = 0; c < data.nchar && c < static_cast<int>(steps.size()); ++c)
+    if (steps[c] >= 0) out[c] = static_cast<double>(steps[c]) * data.chars[c].weight;
   return out;
 }
 

@@ -88,6 +88,7 @@ EXAMPLES = {
     "tcomp list": "tcomp 0 1",
     "tfuse / N D R": "tfuse / 11 0 1",
     "subopt N x R": "subopt 2 x 0.5",
+    "xpiwe /NxF L": "xpiwe /1x0.5 0 1",
     "timeout h:m:s": "timeout 1:00:00; timeout 0",
     "tplot = L T R B": "tplot = < / < \\",
     "piwe [": "piwe [ 1 0.8 0.5 0.3 0.1; piwe [",

@@ -93,10 +93,10 @@ std::pair<long long, long long> interval(const Kids& k, int ntax, const Ref& m, 
   return {std::min(a.second, b.second), std::max(a.first, b.first)};
 }
 
-double reference_fit(const Ref& m, const std::vector<std::int32_t>& parent, int ntax, double K,
-                     const std::vector<double>* user) {
+// Homoplasy of each character on the tree (continuous in units of 1).
+std::vector<double> reference_homoplasy(const Ref& m, const std::vector<std::int32_t>& parent, int ntax) {
   const Kids k = kids_of(parent, ntax);
-  double total = 0;
+  std::vector<double> out;
   for (std::size_t c = 0; c < m.kind.size(); ++c) {
     long long steps = 0;
     if (m.kind[c] == plain) fitch(k, ntax, m.col[c], ntax, steps);
@@ -113,6 +113,17 @@ double reference_fit(const Ref& m, const std::vector<std::int32_t>& parent, int 
     const long long min_steps = m.kind[c] == plain ? std::max(0, std::popcount(seen) - 1) : std::max(0LL, hi - lo);
     double h = static_cast<double>(steps - min_steps);
     if (m.kind[c] == continuous) h /= 1000.0;
+    out.push_back(h);
+  }
+  return out;
+}
+
+double reference_fit(const Ref& m, const std::vector<std::int32_t>& parent, int ntax, double K,
+                     const std::vector<double>* user) {
+  const std::vector<double> hs = reference_homoplasy(m, parent, ntax);
+  double total = 0;
+  for (std::size_t c = 0; c < m.kind.size(); ++c) {
+    const double h = hs[c];
     double f = 0;
     if (user) {
       const double top = *std::max_element(user->begin(), user->end());
@@ -259,3 +270,121 @@ TEST_F(Implied, SwappingNeverReportsAFitOtherThanTheTreesOwn) {
 }
 
 }  // namespace
+
+// --- Extended implied weighting ------------------------------------------------------
+
+// Fit of h under concavity k with the first step costing what it costs under K.
+double scaled(double h, double k, double K) { return h > 0 ? h / (k + h) * (k + 1) / (K + 1) : 0.0; }
+
+TEST_F(Implied, ExtendedFitsFollowMissingEntriesSetsAndConstantCharacters) {
+  std::mt19937 rng(31);
+  for (int round = 0; round < 30; ++round) {
+    const int ntax = 6 + static_cast<int>(rng() % 18);
+    const int nchar = 12;
+    const Ref m = random_matrix(rng, ntax, nchar);
+    ds::minmax_check();
+    optim::pack_data();
+    auto& s = optim::implied_settings;
+    const double K = 1.0 + (rng() % 1500) / 100.0;
+    const double P = (rng() % 101) / 100.0, M = 1.0 + (rng() % 500) / 100.0;
+    const int X = static_cast<int>(rng() % 3);
+    const double F = 0.25 + (rng() % 8) / 4.0;
+    s = optim::ImpliedSettings{};
+    s.implied_on = 1;
+    s.concavity = K;
+    s.extended_on = 1;
+    s.best_k_rule = 0;
+    s.missing_on = 1;
+    s.missing_proportion = P;
+    s.max_ratio = M;
+    // Characters 0-2 and 5-6 are two sets; 8-9 have constant weight.
+    s.set_of_char = {0, 0, 0, -1, -1, 1, 1, -1, -1, -1, -1, -1};
+    s.constant_set = {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 0, 0};
+    s.constant_steps = X;
+    s.constant_factor = F;
+    auto observed = [&](int c) {
+      int n = 0;
+      for (auto v : m.col[c]) n += v != missing;
+      return n;
+    };
+    auto concavity = [&](int obs, int total) {
+      const double v = (total - obs) * P + obs;
+      return std::max(1.0 / M, obs / v) * K;
+    };
+    for (int tr = 0; tr < 5; ++tr) {
+      const auto parent = qax::test::random_binary_parent(rng, ntax);
+      const std::vector<double> h = reference_homoplasy(m, parent, ntax);
+      double want = 0;
+      double pooled[2] = {0, 0};
+      int members[2] = {0, 0}, obs[2] = {0, 0}, total[2] = {0, 0};
+      for (int c = 0; c < nchar; ++c) {
+        const double w = ds::dataset.chars[c].weight;
+        const int o = observed(c);
+        if (o == 0) continue;
+        if (s.set_of_char[c] >= 0) {
+          const int g = s.set_of_char[c];
+          pooled[g] += w * h[c];
+          ++members[g];
+          obs[g] += o;
+          total[g] += ntax;
+        } else if (s.constant_set[c]) {
+          want += w * h[c] * ((X + 1) / (K + X + 1) - X / (K + X)) * F;
+        } else {
+          want += w * scaled(h[c], concavity(o, ntax), K);
+        }
+      }
+      for (int g = 0; g < 2; ++g)
+        if (members[g]) want += members[g] * scaled(pooled[g] / members[g], concavity(obs[g], total[g]), K);
+      std::vector<int> steps;
+      optim::character_steps(parent, steps);
+      EXPECT_NEAR(optim::implied_total(steps), want, 1e-9) << "round " << round << " tree " << tr;
+      // Character by character, the fits add up to the total.
+      double sum = 0;
+      for (double f : optim::character_fits(steps)) sum += f;
+      EXPECT_NEAR(sum, want, 1e-9);
+    }
+  }
+}
+
+TEST_F(Implied, ExtrapolationWithoutEffectGivesStandardFits) {
+  std::mt19937 rng(8);
+  for (int round = 0; round < 10; ++round) {
+    const int ntax = 8 + static_cast<int>(rng() % 10);
+    const Ref m = random_matrix(rng, ntax, 12);
+    ds::minmax_check();
+    optim::pack_data();
+    auto& s = optim::implied_settings;
+    s = optim::ImpliedSettings{};
+    s.implied_on = 1;
+    s.concavity = 2.5;
+    s.extended_on = 1;
+    s.missing_on = 1;
+    // P = 0 counts no homoplasy in missing entries; M = 1 allows no change of k.
+    if (round % 2) s.missing_proportion = 0;
+    else s.max_ratio = 1;
+    const auto parent = qax::test::random_binary_parent(rng, ntax);
+    std::vector<int> steps;
+    optim::character_steps(parent, steps);
+    EXPECT_NEAR(optim::implied_total(steps), reference_fit(m, parent, ntax, 2.5, nullptr), 1e-9) << round;
+  }
+}
+
+TEST_F(Implied, BestKMatchesTheCostsOfSteps) {
+  // Cost of a step after x steps under k.
+  auto step = [](double k, double x) { return k * (k + 1) / ((x + k) * (x + k + 1)); };
+  auto diff = [&](double K, double s, double k) {
+    double sum = 0;
+    for (int i = 1; i <= 15; ++i) sum += 100 * (step(K, i * s) - step(k, i)) / step(K, i * s);
+    return sum / 15;
+  };
+  EXPECT_EQ(optim::best_k(3.0, 1.0), 3.0);
+  for (double K : {1.0, 3.0, 10.0, 50.0})
+    for (double s : {1.2, 1.5, 2.0, 3.0, 5.0}) {
+      const double k = optim::best_k(K, s);
+      EXPECT_GT(k, 0);
+      EXPECT_LT(k, K);  // homoplasy expected in missing entries: steps weigh less sooner
+      // No better k nearby.
+      EXPECT_LE(std::abs(diff(K, s, k)), std::abs(diff(K, s, k * 1.01)) + 1e-9) << K << " " << s;
+      EXPECT_LE(std::abs(diff(K, s, k)), std::abs(diff(K, s, k * 0.99)) + 1e-9) << K << " " << s;
+    }
+}
