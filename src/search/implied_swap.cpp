@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string>
 #include <vector>
 
 #include "dataset/dataset.h"
@@ -28,6 +29,15 @@ namespace {
 constexpr double tie_slack = 0.001;  // fits closer than this count as equal when trees are kept
 
 std::vector<int> steps_scratch;
+
+// The best fit, and the limit of the trees kept when suboptimal trees are.
+std::string fit_range(double best) {
+  char text[64];
+  const double subopt = search_settings.suboptimal;
+  if (subopt > 0) std::snprintf(text, sizeof text, "%.5f-%.5f", best, best + subopt);
+  else std::snprintf(text, sizeof text, "%.5f", best);
+  return text;
+}
 
 // Marks the nodes of the subtree of n.
 void mark_subtree(const Engine& e, int n, std::vector<std::uint8_t>& in) {
@@ -84,56 +94,94 @@ double implied_ratchet(std::vector<std::int32_t>& parent, double fit, bool tbr, 
 
 }  // namespace
 
+namespace {
+
+// Visits every SPR (or TBR) neighbour of the tree loaded in e with its fit, until `visit`
+// answers true (then returns true). The engine keeps the loaded tree.
+template <class Visit>
+bool visit_neighbours(Engine& e, bool tbr, long long& examined, Visit&& visit) {
+  std::vector<std::uint8_t> in(static_cast<std::size_t>(e.nn), 0);
+  std::vector<std::int32_t> moved;
+  for (int n = 0; n < e.nn; ++n) {
+    if (n == e.nt || e.anc[n] < 0 || e.anc[n] == e.nt) continue;
+    const int p = e.anc[n];
+    const int s = e.left[p] == n ? e.right[p] : e.left[p];
+    mark_subtree(e, n, in);
+    // Rerootings of the clip: as it is, then on each branch below its children.
+    std::vector<int> reroots{-1};
+    if (tbr && n >= e.nt)
+      for (int r = 0; r < e.nn; ++r)
+        if (in[r] && r != n && r != e.left[n] && r != e.right[n]) reroots.push_back(r);
+    for (int reroot : reroots) {
+      // Every candidate is rescored in full, which takes long on big trees: poll for
+      // ESC and stop files.
+      qax::shell::show_progress(n, e.nn, tbr ? "TBR" : "SPR");
+      if (shell_state.stop_search_flag) return false;
+      for (int t = 0; t < e.nn; ++t) {
+        if (t == e.nt || t == e.left[e.nt] || in[t] || t == p || e.anc[t] < 0) continue;
+        if (t == s && reroot < 0) continue;  // the tree as it is
+        Move m;
+        m.clip = n;
+        m.reroot = reroot;
+        m.target = t;
+        e.apply_move(m);
+        e.export_tree(moved);
+        e.anc = e.oanc;
+        e.left = e.oleft;
+        e.right = e.oright;
+        ++examined;
+        if (visit(moved, fit_for_swap(moved))) return true;
+      }
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
 double implied_swap(std::vector<std::int32_t>& parent, bool tbr, long long& examined) {
   Engine& e = engine();
   double fit = fit_for_swap(parent);
   if (!e.load(parent)) return fit;
-  std::vector<std::uint8_t> in(static_cast<std::size_t>(e.nn), 0);
-  std::vector<std::int32_t> moved;
   bool improved = true;
   while (improved && !shell_state.stop_search_flag) {
-    improved = false;
-    for (int n = 0; n < e.nn && !improved; ++n) {
-      if (n == e.nt || e.anc[n] < 0 || e.anc[n] == e.nt) continue;
-      const int p = e.anc[n];
-      const int s = e.left[p] == n ? e.right[p] : e.left[p];
-      mark_subtree(e, n, in);
-      // Rerootings of the clip: as it is, then on each branch below its children.
-      std::vector<int> reroots{-1};
-      if (tbr && n >= e.nt)
-        for (int r = 0; r < e.nn; ++r)
-          if (in[r] && r != n && r != e.left[n] && r != e.right[n]) reroots.push_back(r);
-      for (int reroot : reroots) {
-        // Every candidate is rescored in full, which takes long on big trees: poll for
-        // ESC and stop files.
-        qax::shell::show_progress(n, e.nn, tbr ? "TBR" : "SPR");
-        if (shell_state.stop_search_flag) break;
-        for (int t = 0; t < e.nn && !improved; ++t) {
-          if (t == e.nt || t == e.left[e.nt] || in[t] || t == p || e.anc[t] < 0) continue;
-          if (t == s && reroot < 0) continue;  // the tree as it is
-          Move m;
-          m.clip = n;
-          m.reroot = reroot;
-          m.target = t;
-          e.apply_move(m);
-          e.export_tree(moved);
-          e.anc = e.oanc;
-          e.left = e.oleft;
-          e.right = e.oright;
-          ++examined;
-          const double f = fit_for_swap(moved);
-          if (f < fit - 1e-9) {
-            fit = f;
-            parent = moved;
-            e.load(parent);
-            improved = true;
-          }
-        }
-        if (improved) break;
-      }
-    }
+    improved = visit_neighbours(e, tbr, examined, [&](const std::vector<std::int32_t>& moved, double f) {
+      if (f >= fit - 1e-9) return false;
+      fit = f;
+      parent = moved;
+      return true;
+    });
+    if (improved) e.load(parent);
   }
   return fit;
+}
+
+double implied_collect(int first, int limit, bool tbr, double best, long long& examined) {
+  const double subopt = search_settings.suboptimal;
+  Engine& e = engine();
+  std::vector<std::int32_t> base, found;
+  for (int i = first; i < tree_store.ntrees && !shell_state.stop_search_flag; ++i) {
+    base.assign(qax::trees::tree_row(i), qax::trees::tree_row(i) + tree_store.row_size);
+    if (!e.load(base)) continue;
+    const bool better = visit_neighbours(e, tbr, examined, [&](const std::vector<std::int32_t>& moved, double f) {
+      if (f < best - 1e-9) {
+        found = moved;
+        return true;
+      }
+      if (f <= best + subopt + tie_slack && tree_store.ntrees < limit) {
+        std::vector<std::int32_t> keep = moved;
+        store_add(keep, f);
+      }
+      return false;
+    });
+    if (!better) continue;
+    // A better tree: climb from it, drop what is no longer within reach, start again.
+    best = implied_swap(found, tbr, examined);
+    store_discard_above(first, best + subopt + tie_slack, -1);
+    store_add(found, best);
+    i = first - 1;
+  }
+  return best;
 }
 
 void run_implied_mult(int replications) {
@@ -159,17 +207,35 @@ void run_implied_mult(int replications) {
                                          : implied_swap(tree, s.swapper != swapper_spr, examined);
     if (s.ratchet) f = implied_ratchet(tree, f, s.swapper != swapper_spr, examined);
     ++done;
-    if (best < 0 || f < best - tie_slack) { best = f; hits = 1; }
-    else if (f <= best + tie_slack) ++hits;
-    if (f <= best + tie_slack && tree_store.ntrees < tree_store.maxtrees) store_add(tree, f);
+    if (best < 0 || f < best - tie_slack) {
+      // A better replication: the trees kept so far may be out of reach now.
+      best = f;
+      hits = 1;
+      store_discard_above(0, best + s.suboptimal + tie_slack, -1);
+    } else if (f <= best + tie_slack) {
+      ++hits;
+    }
+    if (f > best + s.suboptimal + tie_slack) continue;
+    const int first = tree_store.ntrees;
+    if (first >= tree_store.maxtrees || store_add(tree, f) < 0) continue;
+    if (s.hold > 1 && s.swapper != swapper_none) {
+      // Trees of equal fit (or within the suboptimal) around this one, up to hold.
+      const int limit = static_cast<int>(std::min<long long>(tree_store.maxtrees, static_cast<long long>(first) + s.hold));
+      const double g = implied_collect(first, limit, s.swapper != swapper_spr, f, examined);
+      if (g < best - tie_slack) {
+        best = g;
+        store_discard_above(0, best + s.suboptimal + tie_slack, -1);
+      }
+    }
   }
-  store_discard_above(0, best + tie_slack, -1);
+  store_discard_above(0, best + s.suboptimal + tie_slack, -1);
   tag_search_trees("mult");
   out_printf("Completed %i random addition sequences.\n", done);
   out_printf("Total rearrangements examined: %lli.\n", examined);
   out_printf("Best score hit %i times out of %i.\n", hits, done);
-  out_printf("Best score (%s): %.5f.  %i trees retained.\n",
-             s.swapper == swapper_none ? "Wagner" : s.swapper == swapper_spr ? "SPR" : "TBR", best, tree_store.ntrees);
+  out_printf("Best score (%s): %s.  %i trees retained.\n",
+             s.swapper == swapper_none ? "Wagner" : s.swapper == swapper_spr ? "SPR" : "TBR", fit_range(best).c_str(),
+             tree_store.ntrees);
 }
 
 void run_implied_bbreak() {
@@ -199,11 +265,13 @@ void run_implied_bbreak() {
   tree_store.trees_changed = 1;
   store_begin();
   for (std::size_t i = 0; i < trees.size(); ++i)
-    if (fits[i] <= best + tie_slack) store_add(trees[i], fits[i]);
+    if (fits[i] <= best + s.suboptimal + tie_slack && tree_store.ntrees < tree_store.maxtrees) store_add(trees[i], fits[i]);
+  // Every tree of equal fit (or within the suboptimal) reached by swapping those.
+  if (best >= 0) best = implied_collect(0, tree_store.maxtrees, s.bb_swapper != swapper_spr, best, examined);
   tag_search_trees("bbreak");
   out_printf("Total rearrangements examined: %lli.\n", examined);
-  out_printf("Best score (%s): %.5f.  %i trees retained.\n", s.bb_swapper == swapper_spr ? "SPR" : "TBR", best,
-             tree_store.ntrees);
+  out_printf("Best score (%s): %s.  %i trees retained.\n", s.bb_swapper == swapper_spr ? "SPR" : "TBR",
+             fit_range(best).c_str(), tree_store.ntrees);
 }
 
 }  // namespace qax::search

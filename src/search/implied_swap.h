@@ -11,7 +11,12 @@ double implied_fit_of(const std::vector<std::int32_t>& parent);
 // Branch swapping (TBR, or SPR when tbr is false) that takes every move lowering the fit
 // until none does; returns the fit of the tree left in parent. Counts the moves examined.
 double implied_swap(std::vector<std::int32_t>& parent, bool tbr, long long& examined);
-// mult (with its ratchet) and bbreak under implied weighting; drift and constraints refuse.
+// Keeps in the store, from row `first` on and up to `limit` rows, every tree within the
+// suboptimal value of the best fit that swapping the rows reaches (trees of equal fit
+// when suboptimal is 0); a better tree found is swapped in turn and the rows above its
+// reach dropped. `best` is the fit of the best row; returns the best fit at the end.
+double implied_collect(int first, int limit, bool tbr, double best, long long& examined);
+// mult (with its ratchet, several trees per replication with hold) and bbreak under implied weighting; drift and constraints refuse.
 void run_implied_mult(int replications);
 void run_implied_bbreak();
 
