@@ -16,7 +16,8 @@ double implied_swap(std::vector<std::int32_t>& parent, bool tbr, long long& exam
 // when suboptimal is 0); a better tree found is swapped in turn and the rows above its
 // reach dropped. `best` is the fit of the best row; returns the best fit at the end.
 double implied_collect(int first, int limit, bool tbr, double best, long long& examined);
-// mult (with its ratchet, several trees per replication with hold) and bbreak under implied weighting; drift and constraints refuse.
+// mult (with its ratchet, several trees per replication with hold) and bbreak under implied weighting, within
+// the constraints in force; drift refuses.
 void run_implied_mult(int replications);
 void run_implied_bbreak();
 

@@ -13,6 +13,7 @@
 
 #include "common/data_fixtures.h"
 #include "common/harness.h"
+#include "common/tree_fixtures.h"
 #include "dataset/dataset.h"
 #include "optim/implied.h"
 #include "optim/packed.h"
@@ -282,6 +283,46 @@ TEST_F(Implied, SeveralTreesAndSuboptimalFitsAreEveryTreeWithinReach) {
     EXPECT_EQ(trees::tree_store.ntrees, static_cast<int>(fits.size())) << "round " << round;
     qax::test::run("subopt 0; collapse 1;");
   }
+}
+
+TEST_F(Implied, ConstrainedSearchesReachTheBestFitOfTheTreesAllowed) {
+  std::mt19937 rng(616);
+  int binding = 0;  // rounds where the constraints exclude every tree of the best fit
+  for (int round = 0; round < 4; ++round) {
+    const int ntax = 6 + round % 2;
+    const Ref m = random_matrix(rng, ntax, 10);
+    const double K = 3.0;
+    // Group {1 2} must be present, {3 4} must not.
+    auto has = [&](const std::vector<std::int32_t>& t, std::vector<int> group) {
+      for (int v = ntax + 1; v < t[ntax]; ++v) {
+        auto below = qax::test::taxa_below(t.data(), ntax, v);
+        std::sort(below.begin(), below.end());
+        if (below == group) return true;
+      }
+      return false;
+    };
+    std::vector<std::int32_t> par(2 * ntax - 1, 0);
+    par[0] = par[1] = ntax;
+    par[ntax] = 2 * ntax - 1;
+    double best = 1e300, best_free = 1e300;
+    each_tree(par, 2, ntax, ntax + 1, [&](const std::vector<std::int32_t>& t) {
+      const double f = reference_fit(m, t, ntax, K, nullptr);
+      best_free = std::min(best_free, f);
+      if (has(t, {1, 2}) && !has(t, {3, 4})) best = std::min(best, f);
+    });
+    const std::string out =
+        qax::test::run("piwe =3; force +[1 2] -[3 4]; constrain =; mult=replic 8 hold 20; bbreak;");
+    EXPECT_NE(out.find("Constraints enforced during search."), std::string::npos) << out;
+    ASSERT_GT(trees::tree_store.ntrees, 0) << out;
+    for (int k = 0; k < trees::tree_store.ntrees; ++k) {
+      std::vector<std::int32_t> t(trees::tree_row(k), trees::tree_row(k) + trees::tree_store.row_size);
+      EXPECT_TRUE(has(t, {1, 2}) && !has(t, {3, 4})) << "round " << round;
+      EXPECT_NEAR(reference_fit(m, t, ntax, K, nullptr), best, 1e-9) << "round " << round << " free " << best_free;
+    }
+    binding += best > best_free + 1e-9;
+    qax::test::run("constrain -; force;");
+  }
+  EXPECT_GT(binding, 0);
 }
 
 TEST_F(Implied, SwappingNeverReportsAFitOtherThanTheTreesOwn) {
