@@ -98,46 +98,133 @@ namespace {
 
 // Visits every SPR (or TBR) neighbour of the tree loaded in e with its fit, until `visit`
 // answers true (then returns true). The engine keeps the loaded tree.
+// Visits every move of clip n of the tree loaded in e with the fit of the tree it makes,
+// until `visit` answers true (then returns true). The engine keeps the loaded tree.
+template <class Visit>
+bool visit_clip(Engine& e, int n, bool tbr, long long& examined, std::vector<std::uint8_t>& in,
+                std::vector<std::int32_t>& moved, Visit&& visit) {
+  if (n == e.nt || e.anc[n] < 0 || e.anc[n] == e.nt) return false;
+  const bool constrained = constraints_in_force();
+  const int p = e.anc[n];
+  const int s = e.left[p] == n ? e.right[p] : e.left[p];
+  mark_subtree(e, n, in);
+  // Rerootings of the clip: as it is, then on each branch below its children.
+  std::vector<int> reroots{-1};
+  if (tbr && n >= e.nt)
+    for (int r = 0; r < e.nn; ++r)
+      if (in[r] && r != n && r != e.left[n] && r != e.right[n]) reroots.push_back(r);
+  for (int reroot : reroots) {
+    // Every candidate is rescored in full, which takes long on big trees: poll for ESC
+    // and stop files.
+    qax::shell::show_progress(n, e.nn, tbr ? "TBR" : "SPR");
+    if (shell_state.stop_search_flag) return false;
+    for (int t = 0; t < e.nn; ++t) {
+      if (t == e.nt || t == e.left[e.nt] || in[t] || t == p || e.anc[t] < 0) continue;
+      if (t == s && reroot < 0) continue;  // the tree as it is
+      Move m;
+      m.clip = n;
+      m.reroot = reroot;
+      m.target = t;
+      e.apply_move(m);
+      e.export_tree(moved);
+      e.anc = e.oanc;
+      e.left = e.oleft;
+      e.right = e.oright;
+      // Under constraints a tree that breaks them is not a neighbour.
+      if (constrained && !tree_satisfies(moved.data(), tree_store.ntax)) continue;
+      ++examined;
+      if (visit(moved, fit_for_swap(moved))) return true;
+    }
+  }
+  return false;
+}
+
+// The same for every clip in turn.
 template <class Visit>
 bool visit_neighbours(Engine& e, bool tbr, long long& examined, Visit&& visit) {
   std::vector<std::uint8_t> in(static_cast<std::size_t>(e.nn), 0);
   std::vector<std::int32_t> moved;
-  const bool constrained = constraints_in_force();
   for (int n = 0; n < e.nn; ++n) {
-    if (n == e.nt || e.anc[n] < 0 || e.anc[n] == e.nt) continue;
-    const int p = e.anc[n];
-    const int s = e.left[p] == n ? e.right[p] : e.left[p];
-    mark_subtree(e, n, in);
-    // Rerootings of the clip: as it is, then on each branch below its children.
-    std::vector<int> reroots{-1};
-    if (tbr && n >= e.nt)
-      for (int r = 0; r < e.nn; ++r)
-        if (in[r] && r != n && r != e.left[n] && r != e.right[n]) reroots.push_back(r);
-    for (int reroot : reroots) {
-      // Every candidate is rescored in full, which takes long on big trees: poll for
-      // ESC and stop files.
-      qax::shell::show_progress(n, e.nn, tbr ? "TBR" : "SPR");
-      if (shell_state.stop_search_flag) return false;
-      for (int t = 0; t < e.nn; ++t) {
-        if (t == e.nt || t == e.left[e.nt] || in[t] || t == p || e.anc[t] < 0) continue;
-        if (t == s && reroot < 0) continue;  // the tree as it is
-        Move m;
-        m.clip = n;
-        m.reroot = reroot;
-        m.target = t;
-        e.apply_move(m);
-        e.export_tree(moved);
-        e.anc = e.oanc;
-        e.left = e.oleft;
-        e.right = e.oright;
-        // Under constraints a tree that breaks them is not a neighbour.
-        if (constrained && !tree_satisfies(moved.data(), tree_store.ntax)) continue;
-        ++examined;
-        if (visit(moved, fit_for_swap(moved))) return true;
-      }
-    }
+    if (visit_clip(e, n, tbr, examined, in, moved, visit)) return true;
+    if (shell_state.stop_search_flag) return false;
   }
   return false;
+}
+
+// Fits of each character of a tree.
+std::vector<double> fits_by_character(const std::vector<std::int32_t>& parent) {
+  optim::character_steps(parent, steps_scratch);
+  return optim::character_fits(steps_scratch);
+}
+
+// Relative fit difference of going from fits a to fits b: (F - C) / F, F the fit lost by
+// the characters that get worse, C the fit gained by the others.
+double relative_difference(const std::vector<double>& a, const std::vector<double>& b) {
+  double f = 0, c = 0;
+  for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
+    if (b[i] > a[i]) f += b[i] - a[i];
+    else c += a[i] - b[i];
+  }
+  return f > 0 ? (f - c) / f : 0.0;
+}
+
+// One perturbation of drift: clips in random order, each making its first acceptable
+// move: one not worse, or (when `worse`) a worse one that passes the random test on its
+// fit difference and whose relative fit difference is within the limit. Stops after
+// `moves` moves. Returns the fit of the tree left in parent.
+double implied_perturb(std::vector<std::int32_t>& parent, double fit, bool tbr, bool worse, int moves,
+                       long long& examined) {
+  const auto& d = drift_settings;
+  Engine& e = engine();
+  if (!e.load(parent)) return fit;
+  std::vector<int> order(static_cast<std::size_t>(e.nn));
+  for (int i = 0; i < e.nn; ++i) order[i] = i;
+  random_shuffle(e.nn, order.data());
+  std::vector<std::uint8_t> in(static_cast<std::size_t>(e.nn), 0);
+  std::vector<std::int32_t> moved;
+  std::vector<double> now = fits_by_character(parent);
+  double excess = 0;
+  int made = 0;
+  for (int n : order) {
+    if (made >= moves || shell_state.stop_search_flag) break;
+    const bool taken = visit_clip(e, n, tbr, examined, in, moved, [&](const std::vector<std::int32_t>& t, double f) {
+      if (f > fit + 1e-9) {
+        if (!worse) return false;
+        const double diff = f - fit;
+        if (diff > d.fitdiff + 1e-9) return false;
+        double r = (random_next() % 100) / ((2 * excess + diff) * 100);
+        r += d.xfactor * r;
+        if (diff / f > r) return false;
+        const double rfd = relative_difference(now, fits_by_character(t));
+        if (rfd > d.rfitdiff || rfd > r) return false;
+        excess = std::max(0.0, excess + diff);
+      }
+      parent = t;
+      fit = f;
+      return true;
+    });
+    if (!taken) continue;
+    ++made;
+    e.load(parent);
+    now = fits_by_character(parent);
+  }
+  return fit;
+}
+
+// Drift from the tree in parent: each cycle perturbs (worse moves allowed on odd cycles,
+// and on all with `noequals`), then swaps; the result is kept when its fit is no worse.
+double implied_drift(std::vector<std::int32_t>& parent, double fit, bool tbr, long long& examined) {
+  const auto& d = drift_settings;
+  for (int cycle = 0; cycle < d.iterations && !shell_state.stop_search_flag; ++cycle) {
+    std::vector<std::int32_t> trial = parent;
+    const bool worse = d.pert && !(d.equals && cycle % 2 == 0);
+    const int moves = cycle < d.flat ? d.flatnumsubs : d.numsubs;
+    implied_perturb(trial, fit, tbr, worse, moves, examined);
+    const double f = implied_swap(trial, tbr, examined);
+    if (f <= fit + 1e-9) { fit = f; parent = trial; }
+    if (d.findscore > 0 && fit <= d.findscore + 1e-9) break;
+  }
+  return fit;
 }
 
 }  // namespace
@@ -189,7 +276,6 @@ double implied_collect(int first, int limit, bool tbr, double best, long long& e
 
 void run_implied_mult(int replications) {
   const auto& s = search_settings;
-  if (s.drift) error_exit("Sorry, drift is not available yet under implied weighting");
   qax::dataset::minmax_check();  // fits need the minimum steps of the characters
   search_prepare();
   SearchRunning running;
@@ -208,6 +294,7 @@ void run_implied_mult(int replications) {
     double f = s.swapper == swapper_none ? implied_fit_of(tree)
                                          : implied_swap(tree, s.swapper != swapper_spr, examined);
     if (s.ratchet) f = implied_ratchet(tree, f, s.swapper != swapper_spr, examined);
+    if (s.drift) f = implied_drift(tree, f, s.swapper != swapper_spr, examined);
     ++done;
     if (best < 0 || f < best - tie_slack) {
       // A better replication: the trees kept so far may be out of reach now.

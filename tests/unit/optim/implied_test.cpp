@@ -325,6 +325,23 @@ TEST_F(Implied, ConstrainedSearchesReachTheBestFitOfTheTreesAllowed) {
   EXPECT_GT(binding, 0);
 }
 
+TEST_F(Implied, DriftReachesTheBestFitOfAllTrees) {
+  std::mt19937 rng(3131);
+  for (int round = 0; round < 4; ++round) {
+    const int ntax = 7 + round % 2;
+    const Ref m = random_matrix(rng, ntax, 10);
+    const double best = best_fit_of_all_trees(m, ntax, 3.0);
+    const std::string out = qax::test::run("drift: iterations 10 numsubs 10; piwe =3; mult=replic 3 drift;");
+    EXPECT_NE(out.find("Best score (TBR)"), std::string::npos) << out;
+    ASSERT_GT(trees::tree_store.ntrees, 0) << out;
+    for (int k = 0; k < trees::tree_store.ntrees; ++k) {
+      std::vector<std::int32_t> parent(trees::tree_row(k), trees::tree_row(k) + trees::tree_store.row_size);
+      EXPECT_NEAR(reference_fit(m, parent, ntax, 3.0, nullptr), best, 1e-9) << "round " << round;
+    }
+    qax::test::run("piwe -;");
+  }
+}
+
 TEST_F(Implied, SwappingNeverReportsAFitOtherThanTheTreesOwn) {
   std::mt19937 rng(31);
   for (int round = 0; round < 6; ++round) {
