@@ -26,6 +26,7 @@
 #include "search/xmult.h"
 #include "optim/implied.h"
 #include "shell/failure.h"
+#include "shell/input.h"
 
 namespace qax::app {
 
@@ -34,6 +35,15 @@ namespace qax::app {
 template <void (*F)()>
 void steps_only() {
   if (qax::optim::implied_settings.implied_on)
+    qax::shell::error_exit("Sorry, this search is not available yet under implied weighting (piwe- turns it off)");
+  F();
+}
+
+// The same for commands whose ":" form only changes settings (drift, ratchet): the
+// settings are used by mult under implied weighting too.
+template <void (*F)()>
+void steps_only_but_settings() {
+  if (qax::shell::peek_char() != ':' && qax::optim::implied_settings.implied_on)
     qax::shell::error_exit("Sorry, this search is not available yet under implied weighting (piwe- turns it off)");
   F();
 }
