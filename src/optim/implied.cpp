@@ -148,7 +148,7 @@ double implied_total(const std::vector<int>& steps, const std::vector<int>* weig
   // A set of N characters with homoplasy H counts N fits of the mean homoplasy.
   if (extended)
     for (std::size_t g = 0; g < pooled.size(); ++g)
-      if (s.set_size[g] > 0) total += s.set_size[g] * fit_with_concavity(pooled[g] / s.set_size[g], s.set_concavity[g]);
+      total += set_fit(static_cast<int>(g), pooled[g]);
   return total;
 }
 
@@ -178,6 +178,14 @@ std::vector<double> character_fits(const std::vector<int>& steps) {
   }
   return out;
 }
+
+double set_fit(int g, double pooled) {
+  const auto& s = implied_settings;
+  if (g < 0 || g >= static_cast<int>(s.set_size.size()) || s.set_size[g] <= 0) return 0;
+  return s.set_size[g] * fit_with_concavity(pooled / s.set_size[g], s.set_concavity[g]);
+}
+
+int set_of_character(int c) { return extended_ready() ? set_of(c) : -1; }
 
 int largest_homoplasy() {
   int most = 0;

@@ -53,6 +53,32 @@ double implied_total(const std::vector<int>& steps, const std::vector<int>* weig
 // members); inactive characters and those not counted get 0.
 std::vector<double> character_fits(const std::vector<int>& steps);
 
+// Fit of weighting set g whose members have pooled (weighted) homoplasy `pooled`.
+double set_fit(int g, double pooled);
+// Weighting set of character c under extended implied weighting, -1 when none.
+int set_of_character(int c);
+
+// Exact changes of the fit of a tree when characters gain steps, from the steps of each
+// character of a base tree: what swapping needs to rate every move without rescoring.
+// `prepare` takes the steps (-1: not counted) and the weights (null: the characters' own).
+class FitDelta {
+ public:
+  void prepare(const std::vector<int>& steps, const std::vector<int>* weights);
+  double base() const { return base_; }
+  // Fit added by `extra` more steps of character c (c not in a set).
+  double single(int c, int extra) const;
+  // Fit added when each listed character gains its steps (any characters, sets included).
+  double several(const int* chars, const int* extra, int n);
+  // Fit added by one more step of c, or -1 when c is in a set (use `several`).
+  const std::vector<double>& one_step() const { return one_; }
+
+ private:
+  double base_ = 0;
+  std::vector<int> steps_, weight_, set_;
+  std::vector<double> one_, pooled_, scratch_;
+  std::vector<int> touched_;
+};
+
 // Concavities of the characters under extended implied weighting, from the data set as it
 // stands; run by packing.
 void prepare_extended_weights();

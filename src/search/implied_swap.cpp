@@ -12,6 +12,7 @@
 #include "optim/implied.h"
 #include "optim/reports.h"
 #include "search/constraints.h"
+#include "search/implied_moves.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
 #include "shell/failure.h"
@@ -96,15 +97,29 @@ double implied_ratchet(std::vector<std::int32_t>& parent, double fit, bool tbr, 
 
 namespace {
 
-// Visits every SPR (or TBR) neighbour of the tree loaded in e with its fit, until `visit`
-// answers true (then returns true). The engine keeps the loaded tree.
-// Visits every move of clip n of the tree loaded in e with the fit of the tree it makes,
-// until `visit` answers true (then returns true). The engine keeps the loaded tree.
+ImpliedMoves rated;     // fits of the moves of the tree loaded, without rescoring
+bool rated_ready = false;
+
+// Loads the tree into the engine, and into the move rater when the data allow it.
+bool load_tree_for_moves(Engine& e, const std::vector<std::int32_t>& parent) {
+  rated_ready = false;
+  if (!e.load(parent)) return false;
+  if (ImpliedMoves::usable() && !constraints_in_force()) {
+    rated.load(e, parent, perturbed);
+    rated_ready = true;
+  }
+  return true;
+}
+
+// Visits every move of clip n of the tree loaded in e whose fit is at most `ceiling` with
+// the tree it makes and its fit, until `visit` answers true (then returns true). Every
+// move counts as examined. The engine keeps the loaded tree.
 template <class Visit>
 bool visit_clip(Engine& e, int n, bool tbr, long long& examined, std::vector<std::uint8_t>& in,
-                std::vector<std::int32_t>& moved, Visit&& visit) {
+                std::vector<std::int32_t>& moved, double ceiling, Visit&& visit) {
   if (n == e.nt || e.anc[n] < 0 || e.anc[n] == e.nt) return false;
   const bool constrained = constraints_in_force();
+  const bool fast = rated_ready;
   const int p = e.anc[n];
   const int s = e.left[p] == n ? e.right[p] : e.left[p];
   mark_subtree(e, n, in);
@@ -113,14 +128,26 @@ bool visit_clip(Engine& e, int n, bool tbr, long long& examined, std::vector<std
   if (tbr && n >= e.nt)
     for (int r = 0; r < e.nn; ++r)
       if (in[r] && r != n && r != e.left[n] && r != e.right[n]) reroots.push_back(r);
+  if (fast) rated.prepare_clip(n, tbr);
+  // Rounding of the sums of fits is far below this.
+  const double limit = ceiling + 1e-7;
   for (int reroot : reroots) {
-    // Every candidate is rescored in full, which takes long on big trees: poll for ESC
-    // and stop files.
     qax::shell::show_progress(n, e.nn, tbr ? "TBR" : "SPR");
     if (shell_state.stop_search_flag) return false;
+    // With the sets of the tree without the clip, a move that can't reach the ceiling
+    // is left without making its tree.
+    if (fast && rated.base() > limit) {
+      for (int t = 0; t < e.nn; ++t)
+        if (!(t == e.nt || t == e.left[e.nt] || in[t] || t == p || e.anc[t] < 0 || (t == s && reroot < 0))) ++examined;
+      continue;
+    }
     for (int t = 0; t < e.nn; ++t) {
       if (t == e.nt || t == e.left[e.nt] || in[t] || t == p || e.anc[t] < 0) continue;
       if (t == s && reroot < 0) continue;  // the tree as it is
+      if (fast) {
+        ++examined;
+        if (rated.fit(reroot, t, limit) > limit) continue;
+      }
       Move m;
       m.clip = n;
       m.reroot = reroot;
@@ -132,7 +159,7 @@ bool visit_clip(Engine& e, int n, bool tbr, long long& examined, std::vector<std
       e.right = e.oright;
       // Under constraints a tree that breaks them is not a neighbour.
       if (constrained && !tree_satisfies(moved.data(), tree_store.ntax)) continue;
-      ++examined;
+      if (!fast) ++examined;
       if (visit(moved, fit_for_swap(moved))) return true;
     }
   }
@@ -141,11 +168,11 @@ bool visit_clip(Engine& e, int n, bool tbr, long long& examined, std::vector<std
 
 // The same for every clip in turn.
 template <class Visit>
-bool visit_neighbours(Engine& e, bool tbr, long long& examined, Visit&& visit) {
+bool visit_neighbours(Engine& e, bool tbr, long long& examined, double ceiling, Visit&& visit) {
   std::vector<std::uint8_t> in(static_cast<std::size_t>(e.nn), 0);
   std::vector<std::int32_t> moved;
   for (int n = 0; n < e.nn; ++n) {
-    if (visit_clip(e, n, tbr, examined, in, moved, visit)) return true;
+    if (visit_clip(e, n, tbr, examined, in, moved, ceiling, visit)) return true;
     if (shell_state.stop_search_flag) return false;
   }
   return false;
@@ -176,7 +203,7 @@ double implied_perturb(std::vector<std::int32_t>& parent, double fit, bool tbr, 
                        long long& examined) {
   const auto& d = drift_settings;
   Engine& e = engine();
-  if (!e.load(parent)) return fit;
+  if (!load_tree_for_moves(e, parent)) return fit;
   std::vector<int> order(static_cast<std::size_t>(e.nn));
   for (int i = 0; i < e.nn; ++i) order[i] = i;
   random_shuffle(e.nn, order.data());
@@ -187,7 +214,8 @@ double implied_perturb(std::vector<std::int32_t>& parent, double fit, bool tbr, 
   int made = 0;
   for (int n : order) {
     if (made >= moves || shell_state.stop_search_flag) break;
-    const bool taken = visit_clip(e, n, tbr, examined, in, moved, [&](const std::vector<std::int32_t>& t, double f) {
+    const double ceiling = worse ? fit + d.fitdiff + 1e-9 : fit + 1e-9;
+    const bool taken = visit_clip(e, n, tbr, examined, in, moved, ceiling, [&](const std::vector<std::int32_t>& t, double f) {
       if (f > fit + 1e-9) {
         if (!worse) return false;
         const double diff = f - fit;
@@ -205,7 +233,7 @@ double implied_perturb(std::vector<std::int32_t>& parent, double fit, bool tbr, 
     });
     if (!taken) continue;
     ++made;
-    e.load(parent);
+    load_tree_for_moves(e, parent);
     now = fits_by_character(parent);
   }
   return fit;
@@ -232,16 +260,16 @@ double implied_drift(std::vector<std::int32_t>& parent, double fit, bool tbr, lo
 double implied_swap(std::vector<std::int32_t>& parent, bool tbr, long long& examined) {
   Engine& e = engine();
   double fit = fit_for_swap(parent);
-  if (!e.load(parent)) return fit;
+  if (!load_tree_for_moves(e, parent)) return fit;
   bool improved = true;
   while (improved && !shell_state.stop_search_flag) {
-    improved = visit_neighbours(e, tbr, examined, [&](const std::vector<std::int32_t>& moved, double f) {
+    improved = visit_neighbours(e, tbr, examined, fit - 1e-9, [&](const std::vector<std::int32_t>& moved, double f) {
       if (f >= fit - 1e-9) return false;
       fit = f;
       parent = moved;
       return true;
     });
-    if (improved) e.load(parent);
+    if (improved) load_tree_for_moves(e, parent);
   }
   return fit;
 }
@@ -252,8 +280,8 @@ double implied_collect(int first, int limit, bool tbr, double best, long long& e
   std::vector<std::int32_t> base, found;
   for (int i = first; i < tree_store.ntrees && !shell_state.stop_search_flag; ++i) {
     base.assign(qax::trees::tree_row(i), qax::trees::tree_row(i) + tree_store.row_size);
-    if (!e.load(base)) continue;
-    const bool better = visit_neighbours(e, tbr, examined, [&](const std::vector<std::int32_t>& moved, double f) {
+    if (!load_tree_for_moves(e, base)) continue;
+    const bool better = visit_neighbours(e, tbr, examined, best + subopt + tie_slack, [&](const std::vector<std::int32_t>& moved, double f) {
       if (f < best - 1e-9) {
         found = moved;
         return true;

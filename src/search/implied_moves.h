@@ -1,0 +1,50 @@
+// Rating of SPR and TBR moves under implied weighting without rescoring each tree: for
+// each clip the state sets of the tree without it are made once, and a move's fit is the
+// fit of the two parts plus what the characters that gain steps at the join add.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "optim/implied.h"
+#include "search/engine.h"
+
+namespace qax::search {
+
+class ImpliedMoves {
+ public:
+  // Only characters packed as sets of states (no cost tables or continuous values).
+  static bool usable();
+  // Takes the tree loaded in e (its data set parent array `parent`), with `weights` in
+  // place of the characters' own when given.
+  void load(const Engine& e, const std::vector<std::int32_t>& parent, const std::vector<int>* weights);
+  // Makes the sets of the tree without the clip n and of the clip's rerootings (TBR: the
+  // branches below its children; SPR: none beyond the clip as it is).
+  void prepare_clip(int n, bool tbr);
+  // Fit of the two parts with no step at the join.
+  double base() const { return delta_.base(); }
+  // Fit of the tree made by putting the clip, rerooted on the branch above `reroot` (-1:
+  // as it is), on the branch above `target` of the tree without it. Exact when at most
+  // `ceiling`; otherwise some value above it.
+  double fit(int reroot, int target, double ceiling);
+
+ private:
+  const std::uint32_t* down(int v) const { return dptr_[v]; }
+  std::uint32_t* at(std::vector<std::uint32_t>& a, int v) { return a.data() + static_cast<std::size_t>(v) * W_; }
+  // Columns where a and b have no state in common: the characters gaining steps and the
+  // fit they add, stopping once the fit passes `room` (then returns a value above it).
+  double join(const std::uint32_t* a, const std::uint32_t* b, double room);
+
+  int nt_ = 0, nn_ = 0, W_ = 0, clip_ = -1;
+  std::vector<int> anc_, left_, right_;
+  std::vector<std::uint32_t> down_, down2_, up2_, edge2_, upc_, rootset_;
+  std::vector<const std::uint32_t*> dptr_;
+  std::vector<int> rec_char_;           // character of each packed record (-1: padding)
+  std::vector<double> rec_step_;        // fit of one more step of its character, -1: gather
+  std::vector<int> steps_, base_steps_, gather_count_, gather_chars_, gather_extra_;
+  std::vector<int> order_;
+  const std::vector<int>* weights_ = nullptr;
+  optim::FitDelta delta_;
+};
+
+}  // namespace qax::search
