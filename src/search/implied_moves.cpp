@@ -4,6 +4,7 @@
 // fit of the steps of the two parts plus what those steps add to their characters' fits.
 #include "search/implied_moves.h"
 
+#include <algorithm>
 #include <bit>
 #include <limits>
 
@@ -53,6 +54,7 @@ void ImpliedMoves::load(const Engine& e, const std::vector<std::int32_t>& parent
   rec_char_.assign(records, -1);
   for (std::size_t r = 0; r < records; ++r) rec_char_[r] = packed.packed_char[r].character;
   rec_step_.assign(records, 0.0);
+  empty_.assign(static_cast<std::size_t>(W_), 0u);
   optim::character_steps(parent, steps_);
   gather_count_.assign(steps_.size(), 0);
 }
@@ -134,6 +136,20 @@ void ImpliedMoves::prepare_clip(int n, bool tbr) {
     const bool several = plan >= 0 && packed.pack_plan[plan].columns > 1;
     rec_step_[r] = several || one[c] < 0 ? -1.0 : one[c];
   }
+  // Words by the most that one of their columns adds, largest first.
+  word_order_.clear();
+  word_rank_.clear();
+  for (int i = 0; i < L.end4; ++i) {
+    const int per = i < L.end0 ? 16 : i < L.end1 ? 8 : i < L.end2 ? 4 : 1;
+    double top = 0;
+    for (int k = 0; k < per; ++k) {
+      const std::size_t r = static_cast<std::size_t>(L.record_base[i] + k);
+      if (r < rec_step_.size() && rec_char_[r] >= 0) top = std::max(top, rec_step_[r] < 0 ? 1e9 : rec_step_[r]);
+    }
+    if (top > 0) word_rank_.push_back({-top, i});
+  }
+  std::sort(word_rank_.begin(), word_rank_.end());
+  for (const auto& wr : word_rank_) word_order_.push_back(wr.second);
 }
 
 double ImpliedMoves::fit(int reroot, int target, double ceiling) {
@@ -143,19 +159,22 @@ double ImpliedMoves::fit(int reroot, int target, double ceiling) {
 
 double ImpliedMoves::join(const std::uint32_t* a, const std::uint32_t* b, double room) {
   const optim::Layout& L = packed.layout;
+  // Empty intersections of every word first (loops the compiler vectorises), marked by
+  // the low bit of each field's position, so that bit k of word i is record base(i) + k >> shift.
+  std::uint32_t* e = empty_.data();
+  for (int i = 0; i < L.end0; ++i) e[i] = ops::empty_of<0>(a[i] & b[i]);
+  for (int i = L.end0; i < L.end1; ++i) e[i] = ops::empty_of<1>(a[i] & b[i]);
+  for (int i = L.end1; i < L.end2; ++i) e[i] = ops::empty_of<2>(a[i] & b[i]);
+  for (int i = L.end2; i < L.end4; ++i) e[i] = (a[i] & b[i]) == 0;
   double sum = 0;
   gather_chars_.clear();
   bool over = false;
-  for (int i = 0; i < L.end4 && !over; ++i) {
-    const std::uint32_t xw = a[i] & b[i];
-    std::uint32_t e;
-    int shift;
-    if (i < L.end0) { e = ops::empty_of<0>(xw); shift = 1; }
-    else if (i < L.end1) { e = ops::empty_of<1>(xw); shift = 2; }
-    else if (i < L.end2) { e = ops::empty_of<2>(xw); shift = 3; }
-    else { e = xw ? 0 : 1; shift = 0; }
-    for (; e; e &= e - 1) {
-      const int r = L.record_base[i] + (std::countr_zero(e) >> shift);
+  // Words whose columns add most first, so that a move past the room is left soonest.
+  for (int i : word_order_) {
+    const int shift = i < L.end0 ? 1 : i < L.end1 ? 2 : i < L.end2 ? 3 : 0;
+    const int base = L.record_base[i];
+    for (std::uint32_t w = e[i]; w; w &= w - 1) {
+      const int r = base + (std::countr_zero(w) >> shift);
       const double d = rec_step_[r];
       if (d >= 0) {
         // Fits only grow with steps: past the room the move can be left.
@@ -165,6 +184,7 @@ double ImpliedMoves::join(const std::uint32_t* a, const std::uint32_t* b, double
         gather_chars_.push_back(rec_char_[r]);
       }
     }
+    if (over) break;
   }
   if (gather_chars_.empty()) return sum;
   gather_extra_.resize(gather_chars_.size());

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "optim/implied.h"
@@ -43,6 +44,9 @@ class ImpliedMoves {
   std::vector<double> rec_step_;        // fit of one more step of its character, -1: gather
   std::vector<int> steps_, base_steps_, gather_count_, gather_chars_, gather_extra_;
   std::vector<int> order_;
+  std::vector<std::uint32_t> empty_;     // join scratch: fields with no state in common
+  std::vector<int> word_order_;         // words with columns that add to the fit, by most added
+  std::vector<std::pair<double, int>> word_rank_;
   const std::vector<int>* weights_ = nullptr;
   optim::FitDelta delta_;
 };

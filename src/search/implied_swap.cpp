@@ -131,8 +131,8 @@ bool visit_clip(Engine& e, int n, bool tbr, long long& examined, std::vector<std
   if (fast) rated.prepare_clip(n, tbr);
   // Rounding of the sums of fits is far below this.
   const double limit = ceiling + 1e-7;
+  qax::shell::show_progress(n, e.nn, tbr ? "TBR" : "SPR");
   for (int reroot : reroots) {
-    qax::shell::show_progress(n, e.nn, tbr ? "TBR" : "SPR");
     if (shell_state.stop_search_flag) return false;
     // With the sets of the tree without the clip, a move that can't reach the ceiling
     // is left without making its tree.
