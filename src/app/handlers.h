@@ -39,13 +39,4 @@ void steps_only() {
   F();
 }
 
-// The same for commands whose ":" form only changes settings (drift, ratchet): the
-// settings are used by mult under implied weighting too.
-template <void (*F)()>
-void steps_only_but_settings() {
-  if (qax::shell::peek_char() != ':' && qax::optim::implied_settings.implied_on)
-    qax::shell::error_exit("Sorry, this search is not available yet under implied weighting (piwe- turns it off)");
-  F();
-}
-
 }  // namespace qax::app

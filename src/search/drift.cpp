@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "optim/implied.h"
 #include "optim/packed.h"
+#include "search/implied_swap.h"
 #include "search/search_internal.h"
 #include "search/sectors.h"
 #include "search/settings.h"
@@ -115,10 +117,17 @@ void cmd_drift() {
   const DriftSettings saved = drift_settings;
   if (read_settings_command("drift", "Unidentified string in drift options: %s",
                             [](const std::string& w, bool) { return drift_option(w); }, print_drift_settings,
-                            [&] { drift_settings = saved; }))
+                            [&] { drift_settings = saved; })) {
+    if (optim::implied_settings.implied_on) {
+      qax::trees::require_data();
+      if (tree_store.ntrees == 0) error_exit("No trees to swap");
+      run_implied_perturbation(true);
+      return;
+    }
     run_from_best_tree("drifting", "%i drift cycles completed\n", [](std::vector<std::int32_t>& tree, std::uint32_t seed, int* done) {
       return drift_run(tree, seed, 0, tree_store.maxtrees, drift_settings.iterations, done);
     });
+  }
 }
 
 }  // namespace qax::search

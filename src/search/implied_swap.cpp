@@ -73,10 +73,11 @@ double fit_for_swap(const std::vector<std::int32_t>& parent) {
 // Ratchet from the tree in parent: each iteration swaps under weights of which some are
 // doubled and some set to 0, then under the real weights, and goes on from the result when
 // its fit is no worse. Returns the fit of the tree left in parent.
-double implied_ratchet(std::vector<std::int32_t>& parent, double fit, bool tbr, long long& examined) {
+double implied_ratchet(std::vector<std::int32_t>& parent, double fit, bool tbr, long long& examined, int* done = nullptr) {
   const auto& r = ratchet_settings;
   std::vector<int> weights(static_cast<std::size_t>(qax::dataset::dataset.nchar));
   for (int it = 0; it < r.iterations && !shell_state.stop_search_flag; ++it) {
+    if (done) *done = it + 1;
     for (int c = 0; c < qax::dataset::dataset.nchar; ++c) {
       const int w = qax::dataset::dataset.chars[c].weight;
       const int roll = random_next() % 100;
@@ -241,9 +242,10 @@ double implied_perturb(std::vector<std::int32_t>& parent, double fit, bool tbr, 
 
 // Drift from the tree in parent: each cycle perturbs (worse moves allowed on odd cycles,
 // and on all with `noequals`), then swaps; the result is kept when its fit is no worse.
-double implied_drift(std::vector<std::int32_t>& parent, double fit, bool tbr, long long& examined) {
+double implied_drift(std::vector<std::int32_t>& parent, double fit, bool tbr, long long& examined, int* done = nullptr) {
   const auto& d = drift_settings;
   for (int cycle = 0; cycle < d.iterations && !shell_state.stop_search_flag; ++cycle) {
+    if (done) *done = cycle + 1;
     std::vector<std::int32_t> trial = parent;
     const bool worse = d.pert && !(d.equals && cycle % 2 == 0);
     const int moves = cycle < d.flat ? d.flatnumsubs : d.numsubs;
@@ -354,6 +356,38 @@ void run_implied_mult(int replications) {
   out_printf("Best score (%s): %s.  %i trees retained.\n",
              s.swapper == swapper_none ? "Wagner" : s.swapper == swapper_spr ? "SPR" : "TBR", fit_range(best).c_str(),
              tree_store.ntrees);
+}
+
+void run_implied_perturbation(bool drift) {
+  qax::dataset::minmax_check();
+  search_prepare();
+  SearchRunning running;
+  // From the tree of best fit in memory.
+  std::vector<std::int32_t> tree, t;
+  double fit = -1;
+  Engine& e = engine();
+  for (int k = 0; k < tree_store.ntrees && !shell_state.stop_search_flag; ++k) {
+    if (!load_for_swapping(e, k)) error_exitf("Tree %i does not hold all active taxa: cannot swap it", k);
+    e.export_tree(t);
+    const double f = implied_fit_of(t);
+    if (fit < 0 || f < fit) { fit = f; tree = t; }
+  }
+  if (fit < 0) return;
+  set_random_seed(command_seed());
+  const bool tbr = true;
+  long long examined = 0;
+  int done = 0;
+  fit = implied_swap(tree, tbr, examined);
+  fit = drift ? implied_drift(tree, fit, tbr, examined, &done) : implied_ratchet(tree, fit, tbr, examined, &done);
+  tree_store.ntrees = 0;
+  tree_store.trees_changed = 1;
+  store_begin();
+  store_add(tree, fit);
+  tag_search_trees(drift ? "drifting" : "ratchet");
+  out_printf(drift ? "%i drift cycles completed\n" : "%i ratchet iterations completed\n", done);
+  out_printf("Total rearrangements examined: %lli.\n", examined);
+  if (constraints_in_force()) out_printf("Constraints enforced during search.\n");
+  out_printf("Saved %i trees of score %s\n", tree_store.ntrees, fit_range(fit).c_str());
 }
 
 void run_implied_bbreak() {

@@ -20,5 +20,7 @@ double implied_collect(int first, int limit, bool tbr, double best, long long& e
 // the constraints in force; drift refuses.
 void run_implied_mult(int replications);
 void run_implied_bbreak();
+// The ratchet (or drift) command from the tree of best fit in memory, keeping the best tree.
+void run_implied_perturbation(bool drift);
 
 }  // namespace qax::search

@@ -6,7 +6,9 @@
 #include <vector>
 
 #include "dataset/dataset.h"
+#include "optim/implied.h"
 #include "optim/packed.h"
+#include "search/implied_swap.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
 #include "shell/commands.h"
@@ -151,6 +153,12 @@ void cmd_ratchet() {
     error_exit("Ratchet must do at least one of equals, up, or down --all three are off!");
   }
   if (!run) return;
+  if (optim::implied_settings.implied_on) {
+    qax::trees::require_data();
+    if (tree_store.ntrees == 0) error_exit("No trees to swap");
+    run_implied_perturbation(false);
+    return;
+  }
   run_from_best_tree("ratchet", r.autoconst > 0 ? "%i ratchet iterations completed (autoconstrained)\n" : "%i ratchet iterations completed\n", [](std::vector<std::int32_t>& tree, std::uint32_t seed, int* done) {
     return ratchet_run(tree, seed, 0, tree_store.maxtrees, ratchet_settings.iterations, done);
   });

@@ -251,6 +251,24 @@ TEST_F(Implied, MultReachesTheBestFitOfAllTrees) {
   }
 }
 
+TEST_F(Implied, RatchetAndDriftCommandsReachTheBestFitOfAllTrees) {
+  std::mt19937 rng(5150);
+  for (int round = 0; round < 6; ++round) {
+    const int ntax = 7 + round % 2;
+    const Ref m = random_matrix(rng, ntax, 10);
+    const double K = round % 2 ? 3.0 : 10.0;
+    const double best = best_fit_of_all_trees(m, ntax, K);
+    const std::string out = qax::test::run(std::string("piwe =") + (round % 2 ? "3" : "10") +
+                                           "; mult=replic 1 hold 1 wagner;" + (round < 3 ? " ratchet;" : " drift;"));
+    ASSERT_EQ(trees::tree_store.ntrees, 1) << out;
+    std::vector<std::int32_t> parent(trees::tree_store.row_size);
+    std::copy_n(trees::tree_row(0), parent.size(), parent.begin());
+    EXPECT_NEAR(trees::tree_store.scores[0], best, 1e-9) << "round " << round << "\n" << out;
+    EXPECT_NEAR(reference_fit(m, parent, ntax, K, nullptr), best, 1e-9) << "round " << round;
+    qax::test::run("piwe -;");
+  }
+}
+
 TEST_F(Implied, SeveralTreesAndSuboptimalFitsAreEveryTreeWithinReach) {
   std::mt19937 rng(4242);
   for (int round = 0; round < 6; ++round) {
