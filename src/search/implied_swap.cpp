@@ -4,6 +4,7 @@
 #include "search/implied_swap.h"
 
 #include <algorithm>
+#include <functional>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -356,6 +357,15 @@ void run_implied_mult(int replications) {
   out_printf("Best score (%s): %s.  %i trees retained.\n",
              s.swapper == swapper_none ? "Wagner" : s.swapper == swapper_spr ? "SPR" : "TBR", fit_range(best).c_str(),
              tree_store.ntrees);
+}
+
+void implied_visit_tbr(const std::vector<std::int32_t>& tree, double ceiling, long long& examined,
+                       const std::function<bool(const std::vector<std::int32_t>&, double)>& visit) {
+  Engine& e = engine();
+  if (!load_tree_for_moves(e, tree)) return;
+  visit_neighbours(e, true, examined, ceiling, [&](const std::vector<std::int32_t>& moved, double f) {
+    return f <= ceiling + 1e-9 && visit(moved, f);
+  });
 }
 
 void run_implied_perturbation(bool drift) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace qax::search {
@@ -20,6 +21,10 @@ double implied_collect(int first, int limit, bool tbr, double best, long long& e
 // the constraints in force; drift refuses.
 void run_implied_mult(int replications);
 void run_implied_bbreak();
+// Visits every TBR rearrangement of `tree` whose fit is at most `ceiling`, with the tree
+// it makes and its fit, until `visit` answers true (within the constraints in force).
+void implied_visit_tbr(const std::vector<std::int32_t>& tree, double ceiling, long long& examined,
+                       const std::function<bool(const std::vector<std::int32_t>&, double)>& visit);
 // The ratchet (or drift) command from the tree of best fit in memory, keeping the best tree.
 void run_implied_perturbation(bool drift);
 

@@ -9,7 +9,10 @@
 #include <cmath>
 #include <vector>
 
+#include "dataset/dataset.h"
 #include "optim/collapse.h"
+#include "optim/implied.h"
+#include "search/implied_swap.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
 #include "shell/failure.h"
@@ -44,42 +47,47 @@ struct TbrContext {
 };
 TbrContext* context = nullptr;
 
+// Accounts the rearranged tree in c.row, `diff` worse than the reference: each group of
+// the reference it lacks keeps the lowest difference (and relative difference) seen.
+void account(TbrContext& c, double diff) {
+  const int ntax = tree_store.ntax;
+  std::fill(c.seen.begin(), c.seen.end(), 0);
+  compute_node_sets(c.row.data(), c.excluded.data(), c.ns);
+  for (int v = ntax + 1; v < c.row[ntax]; ++v) {
+    const int size = c.ns.sizes[v];
+    if (size < 2 || size >= c.included) continue;
+    const std::uint64_t* r = c.ns.row(v);
+    const int g = group_find(c.table, r, size, set_hash(r, c.ns.words));
+    if (g >= 0) c.seen[g] = 1;
+  }
+  double rfd = 0;
+  if (c.relative)
+    rfd = std::clamp(relative_fit_difference(c.reference_scores, row_char_scores(c.row.data())), 0.0, c.rel_ceiling);
+  for (int g = 0; g < c.table.ngroups(); ++g) {
+    if (c.seen[g]) continue;
+    if (c.relative == 2) {
+      // Only the rearrangements at the group's absolute support count.
+      if (diff < c.support[g] - 1e-9) c.rel[g] = rfd;
+      else if (diff <= c.support[g] + 1e-9) c.rel[g] = std::min(c.rel[g], rfd);
+    } else if (c.relative) {
+      c.rel[g] = std::min(c.rel[g], rfd);
+    }
+    c.support[g] = std::min(c.support[g], diff);
+  }
+}
+
 bool visit_moves(qax::search::Engine& e, const std::vector<qax::search::Move>& records, std::int32_t base, double) {
   TbrContext& c = *context;
-  const int ntax = tree_store.ntax;
   c.keep_anc = e.anc;
   c.keep_left = e.left;
   c.keep_right = e.right;
   for (const auto& m : records) {
-    const double diff = static_cast<double>(m.cost - base) + c.extra;
     e.apply_move(m);
     e.export_tree(c.row);
     e.anc = c.keep_anc;
     e.left = c.keep_left;
     e.right = c.keep_right;
-    std::fill(c.seen.begin(), c.seen.end(), 0);
-    compute_node_sets(c.row.data(), c.excluded.data(), c.ns);
-    for (int v = ntax + 1; v < c.row[ntax]; ++v) {
-      const int size = c.ns.sizes[v];
-      if (size < 2 || size >= c.included) continue;
-      const std::uint64_t* r = c.ns.row(v);
-      const int g = group_find(c.table, r, size, set_hash(r, c.ns.words));
-      if (g >= 0) c.seen[g] = 1;
-    }
-    double rfd = 0;
-    if (c.relative)
-      rfd = std::clamp(relative_fit_difference(c.reference_scores, row_char_scores(c.row.data())), 0.0, c.rel_ceiling);
-    for (int g = 0; g < c.table.ngroups(); ++g) {
-      if (c.seen[g]) continue;
-      if (c.relative == 2) {
-        // Only the rearrangements at the group's absolute support count.
-        if (diff < c.support[g] - 1e-9) c.rel[g] = rfd;
-        else if (diff <= c.support[g] + 1e-9) c.rel[g] = std::min(c.rel[g], rfd);
-      } else if (c.relative) {
-        c.rel[g] = std::min(c.rel[g], rfd);
-      }
-      c.support[g] = std::min(c.support[g], diff);
-    }
+    account(c, static_cast<double>(m.cost - base) + c.extra);
   }
   return qax::shell::shell_state.stop_search_flag != 0;
 }
@@ -92,9 +100,13 @@ BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, in
   const auto& s = qax::search::search_settings;
   qax::search::search_prepare();
   // The best score of the trees in memory, for "+".
+  const bool implied = qax::optim::implied_settings.implied_on != 0;
+  if (implied) qax::dataset::minmax_check();
   double best = -1, own = 0;
+  std::vector<std::int32_t> row;
   for (int k = 0; k < tree_store.ntrees; ++k) {
-    const double len = qax::trees::stored_tree_length(k);
+    row.assign(tree_row(k), tree_row(k) + tree_store.row_size);
+    const double len = implied ? qax::search::implied_fit_of(row) : qax::trees::stored_tree_length(k);
     if (k == reference) own = len;
     if (best < 0 || len < best) best = len;
   }
@@ -123,7 +135,9 @@ BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, in
     if (g < 0) g = group_add(c.table, r, size, h, 0, -2);
     out.group_of_node[v] = g;
   }
-  const double ceiling = std::floor(s.suboptimal + 1e-9) + 1;
+  // Steps are whole: a rearrangement not seen is at least one step past the suboptimal.
+  // Fits are not: it is past the suboptimal.
+  const double ceiling = implied ? s.suboptimal : std::floor(s.suboptimal + 1e-9) + 1;
   c.support.assign(c.table.ngroups(), ceiling);
   c.seen.assign(c.table.ngroups(), 0);
   const double rel_ceiling = s.relative_suboptimal;
@@ -132,6 +146,21 @@ BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, in
   c.rel.assign(c.table.ngroups(), rel_ceiling);
   if (relative) c.reference_scores = row_char_scores(tree_row(reference));
   std::vector<std::int32_t> tree(tree_row(reference), tree_row(reference) + tree_store.row_size);
+  if (implied) {
+    // Every rearrangement within the suboptimal fit, rated without rescoring.
+    qax::shell::show_progress(0, 0, "TBR-swapping");
+    qax::search::SearchRunning running;
+    const double reference_fit = qax::search::implied_fit_of(tree);
+    long long examined = 0;
+    qax::search::implied_visit_tbr(tree, reference_fit + s.suboptimal - c.extra, examined,
+                                   [&](const std::vector<std::int32_t>& t, double f) {
+                                     const double diff = f - reference_fit + c.extra;
+                                     if (diff > s.suboptimal + 1e-9) return false;
+                                     c.row = t;
+                                     account(c, diff);
+                                     return qax::shell::shell_state.stop_search_flag != 0;
+                                   });
+  } else {
   context = &c;
   qax::search::swap_hook = visit_moves;
   struct Restore {
@@ -143,6 +172,7 @@ BremerResult bremer_by_tbr(int reference, bool add_own_excess, bool keep_all, in
   qax::shell::show_progress(0, 0, "TBR-swapping");
   qax::search::SearchRunning running;
   qax::search::swap_tbr(tree, 0, 0, 0);
+  }
   out.best = best;
   out.worst = best + s.suboptimal;
   for (int v = ntax + 1; v < shown[ntax]; ++v) {

@@ -676,5 +676,72 @@ TEST_F(Supports, GcTreeEqualsTheFrequencyDifferencesOfTheSavedReplicates) {
   run("ttags-;");
 }
 
+
+// Under implied weighting the TBR supports are differences of fit: checked against the
+// fits of every tree computed here from the steps of each character.
+TEST_F(Supports, BremerByTbrUnderImpliedWeightsEqualsTheNeighbourhood) {
+  std::mt19937 rng(78);
+  for (int round = 0; round < 4; ++round) {
+    const int ntax = round < 2 ? 6 : 7;
+    const int nchar = 9 + static_cast<int>(rng() % 5);
+    std::vector<std::string> texts;
+    all_trees(ntax, texts);
+    std::string cmd = random_matrix(ntax, nchar, rng) + " hold 2000; tread ";
+    for (std::size_t i = 0; i < texts.size(); ++i) cmd += (i ? "*" : "") + texts[i];
+    run(cmd + ";");
+    const int n = trees::tree_store.ntrees;
+    const double K = 3;
+    std::vector<std::vector<int>> steps(n);
+    std::vector<int> least(nchar, INT_MAX);
+    for (int k = 0; k < n; ++k) {
+      steps[k] = test::slow_character_steps(trees::tree_row(k));
+      for (int ch = 0; ch < nchar; ++ch) least[ch] = std::min(least[ch], steps[k][ch]);
+    }
+    std::vector<double> fit(n, 0.0);
+    std::vector<std::set<Cluster>> cl(n);
+    int k0 = 0;
+    for (int k = 0; k < n; ++k) {
+      for (int ch = 0; ch < nchar; ++ch) {
+        const double h = steps[k][ch] - least[ch];
+        fit[k] += h / (K + h);
+      }
+      cl[k] = clusters_of(trees::tree_row(k), ntax);
+      if (fit[k] < fit[k0]) k0 = k;
+    }
+    const double subopt = 0.6;
+    std::map<Cluster, double> want;
+    for (const auto& c : cl[k0]) want[c] = 1e9;
+    for (int b = 0; b < n; ++b) {
+      const double diff = fit[b] - fit[k0];
+      if (diff > subopt + 1e-9 || !tbr_neighbours(cl[k0], cl[b], ntax)) continue;
+      for (auto& [c, v] : want)
+        if (!cl[b].count(c)) v = std::min(v, diff);
+    }
+    run("piwe =3; subopt 0.6; ttags-; ttags=; bsupport !!" + std::to_string(k0) + ";");
+    const auto& tag = trees::tree_store.tag_tree;
+    int compared = 0;
+    for (int v = ntax + 1; v < tag[ntax]; ++v) {
+      auto below = test::taxa_below(tag.data(), ntax, v);
+      if (below.size() < 2 || static_cast<int>(below.size()) >= ntax - 1) continue;
+      const Cluster c(below.begin(), below.end());
+      ASSERT_TRUE(want.count(c)) << "round " << round;
+      std::string t = trees::tree_store.tags[v];
+      const bool bound = !t.empty() && t[0] == '[';
+      if (bound) t = t.substr(1);
+      const double got = std::stod(t);
+      if (want[c] > 1e8) {
+        EXPECT_TRUE(bound) << "round " << round << " tag " << trees::tree_store.tags[v];
+        EXPECT_NEAR(got, subopt, 1e-2) << "round " << round;
+      } else {
+        EXPECT_FALSE(bound) << "round " << round << " tag " << trees::tree_store.tags[v];
+        EXPECT_NEAR(got, want[c], 1e-2) << "round " << round << " tag " << trees::tree_store.tags[v];
+      }
+      ++compared;
+    }
+    EXPECT_GT(compared, 0);
+    run("ttags-; subopt 0; piwe -;");
+  }
+}
+
 }  // namespace
 }  // namespace qax
