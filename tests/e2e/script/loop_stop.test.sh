@@ -15,10 +15,16 @@ finish() {
   wait "$1"
   status=$?
 }
+# Waits (at most 30 s) until the log holds the text: the stop file must come once the
+# loop runs, not while the data are still being read on a loaded machine.
+started() {
+  for _ in $(seq 300); do grep -q "$2" "$1" 2>/dev/null && return; sleep 0.1; done
+}
 
 "$qax" bground "log a.log; macro=; loop 1 2000000000 set 0 ++; stop quote never; quit;" </dev/null 2>/dev/null &
 pid=$!
-sleep 1
+started a.log "Macro language is ON"
+sleep 0.5
 touch "stop_qax_$pid"
 finish "$pid"
 grep -q "User interrupt" a.log || { echo "the endless loop was not interrupted"; fail=1; }
@@ -26,7 +32,8 @@ grep -q "never" a.log && { echo "commands after the interrupted loop ran"; fail=
 
 "$qax" bground "log b.log; macro=; proc $data/woodmouse.xread; loop 1 50 mult=rep 100000 hold 1; stop quote after the loop; quit;" </dev/null 2>/dev/null &
 pid=$!
-sleep 1
+started b.log "Matrix ("
+sleep 0.5
 touch "stop_qax_$pid"
 finish "$pid"
 [ "$status" = 0 ] || { echo "search loop run: exit status $status, expected 0"; fail=1; }
