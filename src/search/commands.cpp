@@ -438,6 +438,8 @@ void search_prepare() {
   // Packed afresh: settings and data may have changed since the last pack.
   optim::pack_data();
   engine_refresh();
+  // Fits need the least and most steps of each character.
+  if (optim::implied_settings.implied_on) qax::dataset::minmax_check();
   if (optim::packed.nterm < 3) error_exit("Need at least 3 active taxa to search");
   if (search_settings.inters && optim::packed.wide.any())
     error_exit("Cannot use intersections/unions with sankoff/continuous characters");

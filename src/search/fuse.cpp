@@ -10,7 +10,9 @@
 #include <unordered_map>
 
 #include "optim/kernels.h"
+#include "optim/implied.h"
 #include "optim/packed.h"
+#include "search/implied_swap.h"
 #include "search/fusing.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
@@ -300,6 +302,7 @@ int fuse_loaded(PairWork& w, int equals) {
 
 int fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_t>& donor, double* score, int equals,
               int root_terminal) {
+  if (optim::implied_settings.implied_on) return implied_fuse_pair(receiver, donor, score, equals, root_terminal);
   require_narrow_data("tree fusing");
   Engine& e = engine();
   PairWork& w = pw;
@@ -321,6 +324,7 @@ int fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_
 namespace {
 
 double tree_score(const std::vector<std::int32_t>& t) {
+  if (optim::implied_settings.implied_on) return implied_fit_of(t);
   Engine& e = engine();
   FuseTree& f = pw.rec;
   if (!f.build(t, e)) shell::error_exit("Trees to fuse must be binary and hold all active taxa");
@@ -331,7 +335,8 @@ double tree_score(const std::vector<std::int32_t>& t) {
 
 double fuse_trees(std::vector<std::vector<std::int32_t>>& trees, std::vector<double>& scores, int rounds,
                   double stop_score, std::uint32_t seed, bool quiet) {
-  require_narrow_data("tree fusing");
+  const bool implied = optim::implied_settings.implied_on != 0;
+  if (!implied) require_narrow_data("tree fusing");
   const FuseSettings& fs = fuse_settings;
   if (seed) set_random_seed(seed);
   scores.resize(trees.size());
@@ -389,7 +394,11 @@ double fuse_trees(std::vector<std::vector<std::int32_t>>& trees, std::vector<dou
     bool improved = false;
     ++fuse_rounds_done;
     if (changed) {
-      if (fs.swap) sc = swap_tbr(scratch, 0, 0, 0);
+      if (fs.swap && implied) {
+        long long examined = 0;
+        sc = implied_swap(scratch, true, examined);
+        rearrangements_examined.add(static_cast<std::uint64_t>(examined));
+      } else if (fs.swap) sc = swap_tbr(scratch, 0, 0, 0);
       else sc = tree_score(scratch);
       search_status_code = 6;
       if (sc < best - 1e-8 || sc < scores[best_index] - 1e-8) {

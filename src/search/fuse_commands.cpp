@@ -4,6 +4,7 @@
 #include <cmath>
 #include <string>
 
+#include "optim/implied.h"
 #include "search/fusing.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
@@ -117,6 +118,8 @@ void run_tfuse() {
   }
   double best = 0;
   int hybrid_rounds = 0;
+  if (hybridize && optim::implied_settings.implied_on)
+    error_exit("Sorry, hybridization is not available yet under implied weighting (piwe- turns it off)");
   if (hybridize) {
     const int times = f.hybrid_times > 0 ? f.hybrid_times : 1000;
     const int rounds = f.hybrid_times > 0 ? f.hybrid_rounds : 1;

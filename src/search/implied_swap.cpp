@@ -359,6 +359,28 @@ void run_implied_mult(int replications) {
              tree_store.ntrees);
 }
 
+double implied_ratchet_run(std::vector<std::int32_t>& tree, int iterations) {
+  RatchetSettings& r = ratchet_settings;
+  const int keep = r.iterations;
+  r.iterations = iterations;
+  long long examined = 0;
+  const double fit = implied_ratchet(tree, implied_fit_of(tree), true, examined);
+  r.iterations = keep;
+  rearrangements_examined.add(static_cast<std::uint64_t>(examined));
+  return fit;
+}
+
+double implied_drift_run(std::vector<std::int32_t>& tree, int cycles) {
+  DriftSettings& d = drift_settings;
+  const int keep = d.iterations;
+  d.iterations = cycles;
+  long long examined = 0;
+  const double fit = implied_drift(tree, implied_fit_of(tree), true, examined);
+  d.iterations = keep;
+  rearrangements_examined.add(static_cast<std::uint64_t>(examined));
+  return fit;
+}
+
 void implied_visit_tbr(const std::vector<std::int32_t>& tree, double ceiling, long long& examined,
                        const std::function<bool(const std::vector<std::int32_t>&, double)>& visit) {
   Engine& e = engine();

@@ -10,6 +10,7 @@
 #include "optim/kernels.h"
 #include "search/constraints.h"
 #include "search/search_internal.h"
+#include "optim/implied.h"
 #include "search/settings.h"
 #include "shell/failure.h"
 #include "shell/output.h"
@@ -153,7 +154,9 @@ void count_tips(Engine& e, std::vector<int>& tips) {
 
 std::string score_text(double s) {
   char buf[64];
-  if (std::fabs(s - std::round(s)) < 1e-9) std::snprintf(buf, sizeof buf, "%.0f", s);
+  // Fits under implied weighting always with five decimals, as every report of fits.
+  if (optim::implied_settings.implied_on) std::snprintf(buf, sizeof buf, "%.5f", s);
+  else if (std::fabs(s - std::round(s)) < 1e-9) std::snprintf(buf, sizeof buf, "%.0f", s);
   else std::snprintf(buf, sizeof buf, "%.3f", s);
   return buf;
 }

@@ -16,6 +16,8 @@
 #include "search/constraints.h"
 #include "search/fusing.h"
 #include "search/search_internal.h"
+#include "search/implied_swap.h"
+#include "optim/implied.h"
 #include "search/sectors.h"
 #include "search/settings.h"
 #include "shell/commands.h"
@@ -105,6 +107,17 @@ namespace {
 
 using Tree = std::vector<std::int32_t>;
 
+// Under implied weighting the replications swap, drift and ratchet by fits; sectors,
+// autoconstraints and hybridization work on step counts and are left out.
+bool by_fits() { return optim::implied_settings.implied_on != 0; }
+
+double fit_swap(Tree& t, bool tbr) {
+  long long examined = 0;
+  const double f = implied_swap(t, tbr, examined);
+  rearrangements_examined.add(static_cast<std::uint64_t>(examined));
+  return f;
+}
+
 // Search settings of the other drivers that a run changes, put back on every exit.
 struct SettingsGuard {
   SearchSettings search = search_settings;
@@ -139,6 +152,10 @@ struct Xmult {
     double sc = wagner_build(t, seed);
     set_random_seed(keep);
     if (shell_state.stop_search_flag) return;
+    if (by_fits()) {
+      replicate_by_fits(t, x);
+      return;
+    }
     if (have_prev && x.autoconst == 1) ac.set(prev, t);
     if (!search_settings.skipspr) {
       sc = swap_spr(t, 0, 0, 0);
@@ -163,6 +180,31 @@ struct Xmult {
       const std::uint32_t s2 = next_seed();
       const std::uint32_t k2 = random_state();
       sc = drift_run(t, s2, -1, 0, x.drift, nullptr);
+      set_random_seed(k2);
+    }
+    prev = t;
+    have_prev = true;
+    batch.push_back(std::move(t));
+    scores.push_back(sc);
+    ++replications_done;
+    if (x.verbose) out_printf("   Replication %i, score %s\n", replications_done, search_score_text(sc).c_str());
+  }
+
+  // The replication under implied weighting: TBR, then ratchet and drift, by fits.
+  void replicate_by_fits(Tree& t, const XmultSettings& x) {
+    double sc = fit_swap(t, true);
+    if (x.ratchet > 0 && !shell_state.stop_search_flag) {
+      const std::uint32_t s2 = next_seed();
+      const std::uint32_t k2 = random_state();
+      set_random_seed(s2);
+      sc = implied_ratchet_run(t, x.ratchet);
+      set_random_seed(k2);
+    }
+    if (x.drift > 0 && !shell_state.stop_search_flag) {
+      const std::uint32_t s2 = next_seed();
+      const std::uint32_t k2 = random_state();
+      set_random_seed(s2);
+      sc = implied_drift_run(t, x.drift);
       set_random_seed(k2);
     }
     prev = t;
@@ -410,6 +452,9 @@ void run_xmult() {
   if (x.hold > 1)
     out_printf("NOTE: each replication keeps its best tree only: hold %i not applied (fusing gathers the batch)\n",
                x.hold);
+  if (by_fits() && (x.rss || x.css || x.xss || x.autoconst > 0 || x.hybrid || x.hfuse > 0 || x.picktype > 0))
+    out_printf("NOTE: under implied weighting replications use TBR, ratchet, drift and fusing by fits; sectorial "
+               "searches, autoconstraints and hybridization are not applied\n");
   if (x.autoconst > 3) out_printf("NOTE: autoconstraints are taken after TBR at most: autoconst %i acts as 3\n", x.autoconst);
   tree_store.ntrees = 0;
   tree_store.trees_changed = 1;
@@ -435,10 +480,10 @@ void run_xmult() {
     run.have_prev = false;
     run.build(std::max(1, x.replications));
     if (shell_state.stop_search_flag) break;
-    run.use_hybrid = x.hybrid != 0;
+    run.use_hybrid = x.hybrid != 0 && !by_fits();
     if (x.picktype > 0 && run.batch.size() > 1) {
       const double fus = fusability_score(run.batch);
-      run.use_hybrid = fus < x.picktype;
+      run.use_hybrid = fus < x.picktype && !by_fits();
       if (x.verbose) {
         out_printf("  NOTE: Picking ");
         out_printf(run.use_hybrid ? "tree hybridization " : "tree fusing ");
@@ -463,11 +508,16 @@ void run_xmult() {
       if (retouches < x.retouch) {
         ++retouches;
         for (std::size_t k = 0; k < run.batch.size() && !shell_state.stop_search_flag; ++k) {
-          if (x.rss) run.scores[k] = sector_search_rss(run.batch[k]);
+          if (x.rss && !by_fits()) run.scores[k] = sector_search_rss(run.batch[k]);
           if (x.drift > 0) {
             const std::uint32_t s2 = run.next_seed();
             const std::uint32_t k2 = random_state();
-            run.scores[k] = drift_run(run.batch[k], s2, -1, 0, x.drift, nullptr);
+            if (by_fits()) {
+              set_random_seed(s2);
+              run.scores[k] = implied_drift_run(run.batch[k], x.drift);
+            } else {
+              run.scores[k] = drift_run(run.batch[k], s2, -1, 0, x.drift, nullptr);
+            }
             set_random_seed(k2);
           }
         }
@@ -546,7 +596,7 @@ void run_xmult() {
         if (sc[k] <= b + eps && tree_store.ntrees < tree_store.maxtrees) store_add(all[k], sc[k]);
       if (b < target - eps) target = b;
     }
-    if (x.hfuse > 0 && hits % x.hfuse == 0 && tree_store.ntrees > 1) {
+    if (x.hfuse > 0 && hits % x.hfuse == 0 && tree_store.ntrees > 1 && !by_fits()) {
       std::vector<Tree> all;
       std::vector<double> sc;
       for (int k = 0; k < tree_store.ntrees; ++k) {
@@ -626,7 +676,7 @@ void run_xmult() {
 }  // namespace
 
 void cmd_xmult() {
-  require_narrow_data("xmult");
+  if (!optim::implied_settings.implied_on) require_narrow_data("xmult");
   const XmultSettings saved = xmult_settings;
   const SectorSettings saved_sectors = sector_settings;
   const SearchSettings saved_search = search_settings;
