@@ -36,8 +36,9 @@ void ImpliedMoves::load(const Engine& e, const std::vector<std::int32_t>& parent
   upc_.assign(cells, ~0u);
   rootset_.assign(cells, ~0u);
   dptr_.assign(static_cast<std::size_t>(nn_), nullptr);
-  for (int t = 0; t < nt_; ++t)
-    std::copy_n(packed.node_sets[t].down_set, W_, at(down_, t));
+  optim::character_steps(parent, steps_);
+  gather_count_.assign(steps_.size(), 0);
+  order_fields();
   // First-pass sets bottom up: inner nodes in preorder, then reversed.
   order_.clear();
   std::vector<int> st{nt_};
@@ -50,13 +51,63 @@ void ImpliedMoves::load(const Engine& e, const std::vector<std::int32_t>& parent
   }
   for (auto it = order_.rbegin(); it != order_.rend(); ++it)
     fitch_sets(packed.layout, at(down_, left_[*it]), at(down_, right_[*it]), at(down_, *it));
-  const std::size_t records = packed.packed_char.size();
-  rec_char_.assign(records, -1);
-  for (std::size_t r = 0; r < records; ++r) rec_char_[r] = packed.packed_char[r].character;
-  rec_step_.assign(records, 0.0);
   empty_.assign(static_cast<std::size_t>(W_), 0u);
-  optim::character_steps(parent, steps_);
-  gather_count_.assign(steps_.size(), 0);
+  word_least_.assign(static_cast<std::size_t>(W_), 0.0);
+  word_uniform_.assign(static_cast<std::size_t>(W_), 1);
+}
+
+// Within each class the fields go in the order of what a step adds to their characters'
+// fits on this tree, largest first: the sum of a join passes the room in the first words.
+void ImpliedMoves::order_fields() {
+  const optim::Layout& L = packed.layout;
+  delta_.prepare(steps_, weights_);
+  const auto& one = delta_.one_step();
+  slot_char_.assign(static_cast<std::size_t>(W_) * 16, -1);
+  slot_several_.assign(static_cast<std::size_t>(W_) * 16, 0);
+  slot_step_.assign(static_cast<std::size_t>(W_) * 16, 0.0);
+  struct Region { int start, end, width; };
+  const Region regions[] = {{0, L.end0, 2}, {L.end0, L.end1, 4}, {L.end1, L.end2, 8}, {L.end2, L.end4, 32}};
+  std::vector<std::pair<double, int>> rank;   // (-key, source slot)
+  for (const Region& g : regions) {
+    const int per = 32 / g.width;
+    rank.clear();
+    for (int w = g.start; w < g.end; ++w)
+      for (int f = 0; f < per; ++f) {
+        const int r = L.record_base[w] + f;
+        const int c = r < static_cast<int>(packed.packed_char.size()) ? packed.packed_char[r].character : -1;
+        const int plan = c >= 0 ? packed.packed_char[r].plan : -1;
+        const bool several = plan >= 0 && packed.pack_plan[plan].columns > 1;
+        // Gathered columns and padding last: they don't count towards the room.
+        const double key = c < 0 ? -2.0 : several || one[c] < 0 ? -1.0 : one[c];
+        rank.push_back({-key, w * 16 + f});
+      }
+    std::stable_sort(rank.begin(), rank.end());
+    // Slot k of the region takes source slot rank[k].
+    const std::uint32_t fmask = g.width == 32 ? ~0u : (1u << g.width) - 1;
+    for (int t = 0; t < nt_; ++t) {
+      const std::uint32_t* src = packed.node_sets[t].down_set;
+      std::uint32_t* dst = at(down_, t);
+      for (int w = g.start; w < g.end; ++w) dst[w] = 0;
+      for (std::size_t k = 0; k < rank.size(); ++k) {
+        const int from = rank[k].second, fw = from / 16, ff = from % 16;
+        const int tw = g.start + static_cast<int>(k) / per, tf = static_cast<int>(k) % per;
+        const std::uint32_t v = g.width == 32 ? src[fw] : (src[fw] >> (ff * g.width)) & fmask;
+        dst[tw] |= g.width == 32 ? v : v << (tf * g.width);
+      }
+    }
+    for (std::size_t k = 0; k < rank.size(); ++k) {
+      const int from = rank[k].second;
+      const int r = L.record_base[from / 16] + from % 16;
+      const int to = (g.start + static_cast<int>(k) / per) * 16 + static_cast<int>(k) % per;
+      const int c = r < static_cast<int>(packed.packed_char.size()) ? packed.packed_char[r].character : -1;
+      slot_char_[to] = c;
+      const int plan = c >= 0 ? packed.packed_char[r].plan : -1;
+      slot_several_[to] = plan >= 0 && packed.pack_plan[plan].columns > 1;
+    }
+  }
+  // Padding words beyond the classes.
+  for (int t = 0; t < nt_; ++t)
+    for (int w = L.end4; w < W_; ++w) at(down_, t)[w] = packed.node_sets[t].down_set[w];
 }
 
 void ImpliedMoves::prepare_clip(int n, bool tbr) {
@@ -121,7 +172,7 @@ void ImpliedMoves::prepare_clip(int n, bool tbr) {
     else if (i < L.end2) { e = ops::empty_of<2>(xw); shift = 3; }
     else { e = xw ? 0 : 1; shift = 0; }
     for (; e; e &= e - 1) {
-      const int c = rec_char_[L.record_base[i] + (std::countr_zero(e) >> shift)];
+      const int c = slot_char_[i * 16 + (std::countr_zero(e) >> shift)];
       if (c >= 0) base_steps_[c] -= c < static_cast<int>(mult.size()) ? mult[c] : 1;
     }
   }
@@ -129,27 +180,27 @@ void ImpliedMoves::prepare_clip(int n, bool tbr) {
   // What one more step in each column adds; characters of several columns (additive) and
   // those of weighting sets are gathered and rated together.
   const auto& one = delta_.one_step();
-  for (std::size_t r = 0; r < rec_char_.size(); ++r) {
-    const int c = rec_char_[r];
-    if (c < 0) { rec_step_[r] = 0; continue; }
-    const int plan = packed.packed_char[r].plan;
-    const bool several = plan >= 0 && packed.pack_plan[plan].columns > 1;
-    rec_step_[r] = several || one[c] < 0 ? -1.0 : one[c];
+  for (std::size_t k = 0; k < slot_char_.size(); ++k) {
+    const int c = slot_char_[k];
+    slot_step_[k] = c < 0 ? 0.0 : slot_several_[k] || one[c] < 0 ? -1.0 : one[c];
   }
-  // Words by the most that one of their columns adds, largest first.
-  word_order_.clear();
-  word_rank_.clear();
+  // Per word: the least a step of one of its columns adds (0 with gathered columns), and
+  // whether all its columns add the same, so that a count of its empty fields gives the sum.
   for (int i = 0; i < L.end4; ++i) {
     const int per = i < L.end0 ? 16 : i < L.end1 ? 8 : i < L.end2 ? 4 : 1;
-    double top = 0;
-    for (int k = 0; k < per; ++k) {
-      const std::size_t r = static_cast<std::size_t>(L.record_base[i] + k);
-      if (r < rec_step_.size() && rec_char_[r] >= 0) top = std::max(top, rec_step_[r] < 0 ? 1e9 : rec_step_[r]);
+    double lo = 1e300, hi = -1e300;
+    for (int f = 0; f < per; ++f) {
+      const int k = i * 16 + f;
+      if (slot_char_[k] < 0) continue;   // padding: never empty
+      const double d = slot_step_[k] < 0 ? 0.0 : slot_step_[k];
+      lo = std::min(lo, d);
+      hi = std::max(hi, d);
+      if (slot_step_[k] < 0) hi = 1e300;   // gathered: not a sum of equal parts
     }
-    if (top > 0) word_rank_.push_back({-top, i});
+    if (lo > hi) lo = hi = 0;   // padding only
+    word_least_[i] = lo;
+    word_uniform_[i] = hi - lo <= 0;
   }
-  std::sort(word_rank_.begin(), word_rank_.end());
-  for (const auto& wr : word_rank_) word_order_.push_back(wr.second);
 }
 
 double ImpliedMoves::fit(int reroot, int target, double ceiling) {
@@ -157,34 +208,44 @@ double ImpliedMoves::fit(int reroot, int target, double ceiling) {
   return base() + join(a, at(edge2_, target), ceiling - base());
 }
 
+// Built twice, with and without the popcount instruction; the loader picks the one the
+// processor has.
+[[gnu::target_clones("popcnt", "default")]]
 double ImpliedMoves::join(const std::uint32_t* a, const std::uint32_t* b, double room) {
   const optim::Layout& L = packed.layout;
-  // Empty intersections of every word first (loops the compiler vectorises), marked by
-  // the low bit of each field's position, so that bit k of word i is record base(i) + k >> shift.
+  // Empty intersections of every word (loops the compiler vectorises), marked by one bit
+  // per field: bit k of word i is slot i * 16 + (k >> shift).
   std::uint32_t* e = empty_.data();
   for (int i = 0; i < L.end0; ++i) e[i] = ops::empty_of<0>(a[i] & b[i]);
   for (int i = L.end0; i < L.end1; ++i) e[i] = ops::empty_of<1>(a[i] & b[i]);
   for (int i = L.end1; i < L.end2; ++i) e[i] = ops::empty_of<2>(a[i] & b[i]);
   for (int i = L.end2; i < L.end4; ++i) e[i] = (a[i] & b[i]) == 0;
+  // First a bound from below, word by word: the count of empty fields times the least a
+  // step adds in the word (exact where all columns of the word add the same). Fits only
+  // grow with steps, so once the bound passes the room the move can be left.
   double sum = 0;
+  bool exact = true;
+  for (int i = 0; i < L.end4; ++i) {
+    if (!e[i]) continue;
+    sum += std::popcount(e[i]) * word_least_[i];
+    exact = exact && word_uniform_[i];
+    if (sum > room) return sum;
+  }
+  if (exact) return sum;
+  // Then the exact sum in the other words, column by column.
   gather_chars_.clear();
-  bool over = false;
-  // Words whose columns add most first, so that a move past the room is left soonest.
-  for (int i : word_order_) {
+  for (int i = 0; i < L.end4; ++i) {
+    if (!e[i] || word_uniform_[i]) continue;
+    sum -= std::popcount(e[i]) * word_least_[i];
     const int shift = i < L.end0 ? 1 : i < L.end1 ? 2 : i < L.end2 ? 3 : 0;
-    const int base = L.record_base[i];
+    const double* step = slot_step_.data() + i * 16;
+    const int* chars = slot_char_.data() + i * 16;
     for (std::uint32_t w = e[i]; w; w &= w - 1) {
-      const int r = base + (std::countr_zero(w) >> shift);
-      const double d = rec_step_[r];
-      if (d >= 0) {
-        // Fits only grow with steps: past the room the move can be left.
-        sum += d;
-        if (sum > room) { over = true; break; }
-      } else if (gather_count_[rec_char_[r]]++ == 0) {
-        gather_chars_.push_back(rec_char_[r]);
-      }
+      const int f = std::countr_zero(w) >> shift;
+      const double d = step[f];
+      if (d >= 0) sum += d;
+      else if (gather_count_[chars[f]]++ == 0) gather_chars_.push_back(chars[f]);
     }
-    if (over) break;
   }
   if (gather_chars_.empty()) return sum;
   gather_extra_.resize(gather_chars_.size());
@@ -194,7 +255,6 @@ double ImpliedMoves::join(const std::uint32_t* a, const std::uint32_t* b, double
     gather_extra_[k] = gather_count_[c] * (c < static_cast<int>(mult.size()) ? mult[c] : 1);
     gather_count_[c] = 0;
   }
-  if (over) return sum;
   return sum + delta_.several(gather_chars_.data(), gather_extra_.data(), static_cast<int>(gather_chars_.size()));
 }
 

@@ -40,13 +40,17 @@ class ImpliedMoves {
   std::vector<int> anc_, left_, right_;
   std::vector<std::uint32_t> down_, down2_, up2_, edge2_, upc_, rootset_;
   std::vector<const std::uint32_t*> dptr_;
-  std::vector<int> rec_char_;           // character of each packed record (-1: padding)
-  std::vector<double> rec_step_;        // fit of one more step of its character, -1: gather
+  void order_fields();
+  // Per field slot (word * 16 + field) of the rater's own order of the fields: character
+  // (-1: padding), column of an additive character, fit of one more step (-1: gather).
+  std::vector<int> slot_char_;
+  std::vector<std::uint8_t> slot_several_;
+  std::vector<double> slot_step_;
+  std::vector<double> word_least_;      // per word: least that a step of one of its columns adds
+  std::vector<std::uint8_t> word_uniform_;  // per word: all its columns add the same
   std::vector<int> steps_, base_steps_, gather_count_, gather_chars_, gather_extra_;
   std::vector<int> order_;
   std::vector<std::uint32_t> empty_;     // join scratch: fields with no state in common
-  std::vector<int> word_order_;         // words with columns that add to the fit, by most added
-  std::vector<std::pair<double, int>> word_rank_;
   const std::vector<int>* weights_ = nullptr;
   optim::FitDelta delta_;
 };
