@@ -213,24 +213,28 @@ double ImpliedMoves::fit(int reroot, int target, double ceiling) {
 [[gnu::target_clones("popcnt", "default")]]
 double ImpliedMoves::join(const std::uint32_t* a, const std::uint32_t* b, double room) {
   const optim::Layout& L = packed.layout;
-  // Empty intersections of every word (loops the compiler vectorises), marked by one bit
-  // per field: bit k of word i is slot i * 16 + (k >> shift).
+  // Empty intersections word by word, marked by one bit per field (bit k of word i is
+  // slot i * 16 + (k >> shift)), with a bound from below: the count of empty fields times
+  // the least a step adds in the word (exact where all its columns add the same). Fits
+  // only grow with steps, so once the bound passes the room the move can be left.
   std::uint32_t* e = empty_.data();
-  for (int i = 0; i < L.end0; ++i) e[i] = ops::empty_of<0>(a[i] & b[i]);
-  for (int i = L.end0; i < L.end1; ++i) e[i] = ops::empty_of<1>(a[i] & b[i]);
-  for (int i = L.end1; i < L.end2; ++i) e[i] = ops::empty_of<2>(a[i] & b[i]);
-  for (int i = L.end2; i < L.end4; ++i) e[i] = (a[i] & b[i]) == 0;
-  // First a bound from below, word by word: the count of empty fields times the least a
-  // step adds in the word (exact where all columns of the word add the same). Fits only
-  // grow with steps, so once the bound passes the room the move can be left.
   double sum = 0;
   bool exact = true;
-  for (int i = 0; i < L.end4; ++i) {
-    if (!e[i]) continue;
-    sum += std::popcount(e[i]) * word_least_[i];
+  auto add = [&](int i, std::uint32_t x) {
+    e[i] = x;
+    if (!x) return false;
+    sum += std::popcount(x) * word_least_[i];
     exact = exact && word_uniform_[i];
-    if (sum > room) return sum;
-  }
+    return sum > room;
+  };
+  for (int i = 0; i < L.end0; ++i)
+    if (add(i, ops::empty_of<0>(a[i] & b[i]))) return sum;
+  for (int i = L.end0; i < L.end1; ++i)
+    if (add(i, ops::empty_of<1>(a[i] & b[i]))) return sum;
+  for (int i = L.end1; i < L.end2; ++i)
+    if (add(i, ops::empty_of<2>(a[i] & b[i]))) return sum;
+  for (int i = L.end2; i < L.end4; ++i)
+    if (add(i, (a[i] & b[i]) == 0)) return sum;
   if (exact) return sum;
   // Then the exact sum in the other words, column by column.
   gather_chars_.clear();
