@@ -71,6 +71,8 @@ class FitDelta {
   double several(const int* chars, const int* extra, int n);
   // Fit added by one more step of c, or -1 when c is in a set (use `several`).
   const std::vector<double>& one_step() const { return one_; }
+  // Character c now has `steps` steps: the base and what a step of c adds follow.
+  void change(int c, int steps);
 
  private:
   double base_ = 0;

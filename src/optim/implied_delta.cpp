@@ -41,6 +41,26 @@ void FitDelta::prepare(const std::vector<int>& steps, const std::vector<int>* we
   base_ = implied_total(steps_, weights);
 }
 
+void FitDelta::change(int c, int steps) {
+  if (steps_[c] == steps) return;
+  if (weight_[c] == 0) {
+    steps_[c] = steps;
+    return;
+  }
+  const int g = set_[c];
+  if (g >= 0) {
+    const double before = set_fit(g, pooled_[g]);
+    pooled_[g] += weight_[c] * (character_homoplasy(c, steps) - character_homoplasy(c, steps_[c]));
+    base_ += set_fit(g, pooled_[g]) - before;
+    steps_[c] = steps;
+    return;
+  }
+  base_ += single(c, steps - steps_[c]);
+  steps_[c] = steps;
+  const int unit = c < static_cast<int>(packed.char_multiplier.size()) ? packed.char_multiplier[c] : 1;
+  one_[c] = single(c, unit);
+}
+
 double FitDelta::single(int c, int extra) const {
   if (weight_[c] == 0 || extra == 0) return 0;
   const double before = character_fit(c, character_homoplasy(c, steps_[c]));

@@ -52,8 +52,6 @@ void ImpliedMoves::load(const Engine& e, const std::vector<std::int32_t>& parent
   for (auto it = order_.rbegin(); it != order_.rend(); ++it)
     fitch_sets(packed.layout, at(down_, left_[*it]), at(down_, right_[*it]), at(down_, *it));
   empty_.assign(static_cast<std::size_t>(W_), 0u);
-  word_least_.assign(static_cast<std::size_t>(W_), 0.0);
-  word_uniform_.assign(static_cast<std::size_t>(W_), 1);
 }
 
 // Within each class the fields go in the order of what a step adds to their characters'
@@ -108,6 +106,23 @@ void ImpliedMoves::order_fields() {
   // Padding words beyond the classes.
   for (int t = 0; t < nt_; ++t)
     for (int w = L.end4; w < W_; ++w) at(down_, t)[w] = packed.node_sets[t].down_set[w];
+  // The rating of every slot on the tree, from which each clip starts.
+  char_slots_.assign(steps_.size(), {});
+  std::vector<int> all;
+  for (std::size_t k = 0; k < slot_char_.size(); ++k) {
+    const int c = slot_char_[k];
+    if (c < 0) continue;
+    if (char_slots_[c].empty()) all.push_back(c);
+    char_slots_[c].push_back(static_cast<int>(k));
+  }
+  slot_step_.assign(slot_char_.size(), 0.0);
+  word_least_.assign(static_cast<std::size_t>(W_), 0.0);
+  word_uniform_.assign(static_cast<std::size_t>(W_), 1);
+  rate_slots(all);
+  tree_delta_ = delta_;
+  tree_slot_step_ = slot_step_;
+  tree_word_least_ = word_least_;
+  tree_word_uniform_ = word_uniform_;
 }
 
 void ImpliedMoves::prepare_clip(int n, bool tbr) {
@@ -160,8 +175,13 @@ void ImpliedMoves::prepare_clip(int n, bool tbr) {
       st.push_back(right_[v]);
     }
   }
-  // Steps of the two parts: the tree's less those of the join where the clip is.
-  base_steps_ = steps_;
+  // Steps of the two parts: the tree's less those of the join where the clip is. Only
+  // the characters with a step there change from the tree's rating.
+  delta_ = tree_delta_;
+  slot_step_ = tree_slot_step_;
+  word_least_ = tree_word_least_;
+  word_uniform_ = tree_word_uniform_;
+  changed_.clear();
   const auto& mult = packed.char_multiplier;
   for (int i = 0; i < L.end4; ++i) {
     const std::uint32_t xw = down(n)[i] & at(edge2_, s)[i];
@@ -173,20 +193,34 @@ void ImpliedMoves::prepare_clip(int n, bool tbr) {
     else { e = xw ? 0 : 1; shift = 0; }
     for (; e; e &= e - 1) {
       const int c = slot_char_[i * 16 + (std::countr_zero(e) >> shift)];
-      if (c >= 0) base_steps_[c] -= c < static_cast<int>(mult.size()) ? mult[c] : 1;
+      if (c < 0) continue;
+      if (gather_count_[c]++ == 0) changed_.push_back(c);
     }
   }
-  delta_.prepare(base_steps_, weights_);
-  // What one more step in each column adds; characters of several columns (additive) and
-  // those of weighting sets are gathered and rated together.
-  const auto& one = delta_.one_step();
-  for (std::size_t k = 0; k < slot_char_.size(); ++k) {
-    const int c = slot_char_[k];
-    slot_step_[k] = c < 0 ? 0.0 : slot_several_[k] || one[c] < 0 ? -1.0 : one[c];
+  for (int c : changed_) {
+    delta_.change(c, steps_[c] - gather_count_[c] * (c < static_cast<int>(mult.size()) ? mult[c] : 1));
+    gather_count_[c] = 0;
   }
+  rate_slots(changed_);
+}
+
+// What one more step in each column adds (-1: characters of several columns, additive,
+// and those of weighting sets, gathered and rated together), for the slots of the
+// characters listed (all when `chars` is null); then the words' least and uniformity.
+void ImpliedMoves::rate_slots(const std::vector<int>& chars) {
+  const optim::Layout& L = packed.layout;
+  const auto& one = delta_.one_step();
+  touched_words_.clear();
+  for (int c : chars)
+    for (int k : char_slots_[c]) {
+      slot_step_[k] = slot_several_[k] || one[c] < 0 ? -1.0 : one[c];
+      if (touched_words_.empty() || touched_words_.back() != k / 16) touched_words_.push_back(k / 16);
+    }
+  std::sort(touched_words_.begin(), touched_words_.end());
+  touched_words_.erase(std::unique(touched_words_.begin(), touched_words_.end()), touched_words_.end());
   // Per word: the least a step of one of its columns adds (0 with gathered columns), and
   // whether all its columns add the same, so that a count of its empty fields gives the sum.
-  for (int i = 0; i < L.end4; ++i) {
+  for (int i : touched_words_) {
     const int per = i < L.end0 ? 16 : i < L.end1 ? 8 : i < L.end2 ? 4 : 1;
     double lo = 1e300, hi = -1e300;
     for (int f = 0; f < per; ++f) {

@@ -41,6 +41,7 @@ class ImpliedMoves {
   std::vector<std::uint32_t> down_, down2_, up2_, edge2_, upc_, rootset_;
   std::vector<const std::uint32_t*> dptr_;
   void order_fields();
+  void rate_slots(const std::vector<int>& chars);
   // Per field slot (word * 16 + field) of the rater's own order of the fields: character
   // (-1: padding), column of an additive character, fit of one more step (-1: gather).
   std::vector<int> slot_char_;
@@ -48,7 +49,13 @@ class ImpliedMoves {
   std::vector<double> slot_step_;
   std::vector<double> word_least_;      // per word: least that a step of one of its columns adds
   std::vector<std::uint8_t> word_uniform_;  // per word: all its columns add the same
-  std::vector<int> steps_, base_steps_, gather_count_, gather_chars_, gather_extra_;
+  std::vector<std::vector<int>> char_slots_;  // slots of each character
+  std::vector<int> changed_, touched_words_;
+  // The ratings on the whole tree, from which each clip's start.
+  optim::FitDelta tree_delta_;
+  std::vector<double> tree_slot_step_, tree_word_least_;
+  std::vector<std::uint8_t> tree_word_uniform_;
+  std::vector<int> steps_, gather_count_, gather_chars_, gather_extra_;
   std::vector<int> order_;
   std::vector<std::uint32_t> empty_;     // join scratch: fields with no state in common
   const std::vector<int>* weights_ = nullptr;
