@@ -359,26 +359,30 @@ void run_implied_mult(int replications) {
              tree_store.ntrees);
 }
 
-double implied_ratchet_run(std::vector<std::int32_t>& tree, int iterations) {
-  RatchetSettings& r = ratchet_settings;
-  const int keep = r.iterations;
-  r.iterations = iterations;
+namespace {
+
+// Runs `perturb` with the iteration count of its settings set to `count` for the run.
+template <class Run>
+double with_iterations(int& setting, int count, Run&& perturb) {
+  const int keep = setting;
+  setting = count;
   long long examined = 0;
-  const double fit = implied_ratchet(tree, implied_fit_of(tree), true, examined);
-  r.iterations = keep;
+  const double fit = perturb(examined);
+  setting = keep;
   rearrangements_examined.add(static_cast<std::uint64_t>(examined));
   return fit;
 }
 
+}  // namespace
+
+double implied_ratchet_run(std::vector<std::int32_t>& tree, int iterations) {
+  return with_iterations(ratchet_settings.iterations, iterations,
+                         [&](long long& examined) { return implied_ratchet(tree, implied_fit_of(tree), true, examined); });
+}
+
 double implied_drift_run(std::vector<std::int32_t>& tree, int cycles) {
-  DriftSettings& d = drift_settings;
-  const int keep = d.iterations;
-  d.iterations = cycles;
-  long long examined = 0;
-  const double fit = implied_drift(tree, implied_fit_of(tree), true, examined);
-  d.iterations = keep;
-  rearrangements_examined.add(static_cast<std::uint64_t>(examined));
-  return fit;
+  return with_iterations(drift_settings.iterations, cycles,
+                         [&](long long& examined) { return implied_drift(tree, implied_fit_of(tree), true, examined); });
 }
 
 void implied_visit_tbr(const std::vector<std::int32_t>& tree, double ceiling, long long& examined,

@@ -153,9 +153,45 @@ struct Xmult {
     set_random_seed(keep);
     if (shell_state.stop_search_flag) return;
     if (by_fits()) {
-      replicate_by_fits(t, x);
-      return;
+      // By fits: TBR, then the ratchet and drift below.
+      sc = fit_swap(t, true);
+    } else {
+      sc = swap_steps(t, ac);
     }
+    if (x.ratchet > 0 && !shell_state.stop_search_flag) {
+      const std::uint32_t s2 = next_seed();
+      const std::uint32_t k2 = random_state();
+      if (by_fits()) {
+        set_random_seed(s2);
+        sc = implied_ratchet_run(t, x.ratchet);
+      } else {
+        sc = ratchet_run(t, s2, -1, 0, x.ratchet, nullptr);
+      }
+      set_random_seed(k2);
+    }
+    if (x.drift > 0 && !shell_state.stop_search_flag) {
+      const std::uint32_t s2 = next_seed();
+      const std::uint32_t k2 = random_state();
+      if (by_fits()) {
+        set_random_seed(s2);
+        sc = implied_drift_run(t, x.drift);
+      } else {
+        sc = drift_run(t, s2, -1, 0, x.drift, nullptr);
+      }
+      set_random_seed(k2);
+    }
+    prev = t;
+    have_prev = true;
+    batch.push_back(std::move(t));
+    scores.push_back(sc);
+    ++replications_done;
+    if (x.verbose) out_printf("   Replication %i, score %s\n", replications_done, search_score_text(sc).c_str());
+  }
+
+  // SPR and TBR by steps, with the autoconstraints of the replication, then the sectors.
+  double swap_steps(Tree& t, AutoConstraint& ac) {
+    const XmultSettings& x = xmult_settings;
+    double sc = 0;
     if (have_prev && x.autoconst == 1) ac.set(prev, t);
     if (!search_settings.skipspr) {
       sc = swap_spr(t, 0, 0, 0);
@@ -170,49 +206,7 @@ struct Xmult {
     ac.clear();
     if (x.rss && !shell_state.stop_search_flag) sc = sector_search_rss(t);
     if (x.xss && !shell_state.stop_search_flag) sc = sector_search_xss(t);
-    if (x.ratchet > 0 && !shell_state.stop_search_flag) {
-      const std::uint32_t s2 = next_seed();
-      const std::uint32_t k2 = random_state();
-      sc = ratchet_run(t, s2, -1, 0, x.ratchet, nullptr);
-      set_random_seed(k2);
-    }
-    if (x.drift > 0 && !shell_state.stop_search_flag) {
-      const std::uint32_t s2 = next_seed();
-      const std::uint32_t k2 = random_state();
-      sc = drift_run(t, s2, -1, 0, x.drift, nullptr);
-      set_random_seed(k2);
-    }
-    prev = t;
-    have_prev = true;
-    batch.push_back(std::move(t));
-    scores.push_back(sc);
-    ++replications_done;
-    if (x.verbose) out_printf("   Replication %i, score %s\n", replications_done, search_score_text(sc).c_str());
-  }
-
-  // The replication under implied weighting: TBR, then ratchet and drift, by fits.
-  void replicate_by_fits(Tree& t, const XmultSettings& x) {
-    double sc = fit_swap(t, true);
-    if (x.ratchet > 0 && !shell_state.stop_search_flag) {
-      const std::uint32_t s2 = next_seed();
-      const std::uint32_t k2 = random_state();
-      set_random_seed(s2);
-      sc = implied_ratchet_run(t, x.ratchet);
-      set_random_seed(k2);
-    }
-    if (x.drift > 0 && !shell_state.stop_search_flag) {
-      const std::uint32_t s2 = next_seed();
-      const std::uint32_t k2 = random_state();
-      set_random_seed(s2);
-      sc = implied_drift_run(t, x.drift);
-      set_random_seed(k2);
-    }
-    prev = t;
-    have_prev = true;
-    batch.push_back(std::move(t));
-    scores.push_back(sc);
-    ++replications_done;
-    if (x.verbose) out_printf("   Replication %i, score %s\n", replications_done, search_score_text(sc).c_str());
+    return sc;
   }
 
   double best() const {

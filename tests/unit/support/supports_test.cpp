@@ -416,17 +416,22 @@ bool tbr_neighbours(const std::set<Cluster>& a, const std::set<Cluster>& b, int 
   return false;
 }
 
+// A random matrix with every unrooted tree of its taxa in memory; the number of trees.
+int read_every_tree(int ntax, int nchar, std::mt19937& rng) {
+  std::vector<std::string> texts;
+  all_trees(ntax, texts);
+  std::string cmd = random_matrix(ntax, nchar, rng) + " hold 2000; tread ";
+  for (std::size_t i = 0; i < texts.size(); ++i) cmd += (i ? "*" : "") + texts[i];
+  run(cmd + ";");
+  return trees::tree_store.ntrees;
+}
+
 TEST_F(Supports, RelativeBremerByTbrEqualsTheNeighbourhood) {
   std::mt19937 rng(77);
   for (int round = 0; round < 4; ++round) {
     const int ntax = round < 2 ? 6 : 7;
     const int nchar = 9 + static_cast<int>(rng() % 5);
-    std::vector<std::string> texts;
-    all_trees(ntax, texts);
-    std::string cmd = random_matrix(ntax, nchar, rng) + " hold 2000; tread ";
-    for (std::size_t i = 0; i < texts.size(); ++i) cmd += (i ? "*" : "") + texts[i];
-    run(cmd + ";");
-    const int n = trees::tree_store.ntrees;
+    const int n = read_every_tree(ntax, nchar, rng);
     std::vector<int> len(n);
     std::vector<std::set<Cluster>> cl(n);
     std::vector<std::vector<int>> steps(n);
@@ -684,12 +689,7 @@ TEST_F(Supports, BremerByTbrUnderImpliedWeightsEqualsTheNeighbourhood) {
   for (int round = 0; round < 4; ++round) {
     const int ntax = round < 2 ? 6 : 7;
     const int nchar = 9 + static_cast<int>(rng() % 5);
-    std::vector<std::string> texts;
-    all_trees(ntax, texts);
-    std::string cmd = random_matrix(ntax, nchar, rng) + " hold 2000; tread ";
-    for (std::size_t i = 0; i < texts.size(); ++i) cmd += (i ? "*" : "") + texts[i];
-    run(cmd + ";");
-    const int n = trees::tree_store.ntrees;
+    const int n = read_every_tree(ntax, nchar, rng);
     const double K = 3;
     std::vector<std::vector<int>> steps(n);
     std::vector<int> least(nchar, INT_MAX);
