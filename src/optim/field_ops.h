@@ -77,6 +77,17 @@ template <int C> QAX_INLINE int count_table(const std::uint8_t* pc, std::uint64_
   else return pc[((e >> 51) | (e >> 34) | (e >> 17) | e) & 0xFFFF];
 }
 
+// Fields of word i whose intersection x is empty, one mark per field, for words of any
+// class (class boundaries end0..end2 of the layout; later words hold one 32-bit field):
+// field k of the word is marked by bit k << shift.
+QAX_INLINE std::uint32_t empty_marks(int i, int end0, int end1, int end2, std::uint32_t x, int& shift) {
+  if (i < end0) { shift = 1; return empty_of<0>(x); }
+  if (i < end1) { shift = 2; return empty_of<1>(x); }
+  if (i < end2) { shift = 3; return empty_of<2>(x); }
+  shift = 0;
+  return x ? 0u : 1u;
+}
+
 // Final set of a node from its down set d, union mask u and the ancestor's final set f:
 // where f has states outside d, d | (u & f); elsewhere f (Fitch's first rule).
 //   d = 01, u = 01, f = 11 (class 0): missing = 10, mask = 11 -> final = 01 | 01 = 01.

@@ -110,14 +110,8 @@ void plain_character_steps(const std::vector<int>& parent, std::vector<int>& ste
       const std::uint32_t* a = ns[w.left_child[n]].down_set;
       const std::uint32_t* b = ns[w.right_child[n]].down_set;
       for (int i = 0; i < L.end4; ++i) {
-        const std::uint32_t x = a[i] & b[i];
-        std::uint32_t e;
         int shift;
-        if (i < L.end0) { e = ops::empty_of<0>(x); shift = 1; }
-        else if (i < L.end1) { e = ops::empty_of<1>(x); shift = 2; }
-        else if (i < L.end2) { e = ops::empty_of<2>(x); shift = 3; }
-        else { e = x ? 0 : 1; shift = 0; }
-        for (; e; e &= e - 1) {
+        for (std::uint32_t e = ops::empty_marks(i, L.end0, L.end1, L.end2, a[i] & b[i], shift); e; e &= e - 1) {
           const PackedChar& pc = packed.packed_char[L.record_base[i] + (std::countr_zero(e) >> shift)];
           if (pc.character >= 0) ++steps[pc.character];
         }

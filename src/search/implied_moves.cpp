@@ -184,14 +184,9 @@ void ImpliedMoves::prepare_clip(int n, bool tbr) {
   changed_.clear();
   const auto& mult = packed.char_multiplier;
   for (int i = 0; i < L.end4; ++i) {
-    const std::uint32_t xw = down(n)[i] & at(edge2_, s)[i];
-    std::uint32_t e;
     int shift;
-    if (i < L.end0) { e = ops::empty_of<0>(xw); shift = 1; }
-    else if (i < L.end1) { e = ops::empty_of<1>(xw); shift = 2; }
-    else if (i < L.end2) { e = ops::empty_of<2>(xw); shift = 3; }
-    else { e = xw ? 0 : 1; shift = 0; }
-    for (; e; e &= e - 1) {
+    for (std::uint32_t e = ops::empty_marks(i, L.end0, L.end1, L.end2, down(n)[i] & at(edge2_, s)[i], shift); e;
+         e &= e - 1) {
       const int c = slot_char_[i * 16 + (std::countr_zero(e) >> shift)];
       if (c < 0) continue;
       if (gather_count_[c]++ == 0) changed_.push_back(c);
