@@ -3,6 +3,7 @@
 # command does), and a search stopped inside a loop body also ends the loop, after which
 # the script goes on.
 #   bash loop_stop.test.sh QAX_BINARY DATA_DIR
+# run alone: the stop file must come while the loop runs, which a loaded machine can delay.
 set -u
 qax=$1; data=$2
 work=$(mktemp -d); trap 'rm -rf "$work"' EXIT
