@@ -237,9 +237,18 @@ double ImpliedMoves::fit(int reroot, int target, double ceiling) {
   return base() + join(a, at(edge2_, target), ceiling - base());
 }
 
-// Built twice, with and without the popcount instruction; the loader picks the one the
-// processor has.
-[[gnu::target_clones("popcnt", "default")]]
+namespace {
+
+// Marks in a word, without the popcount instruction the build can't assume.
+inline int count_marks(std::uint32_t x) {
+  x = x - ((x >> 1) & 0x55555555u);
+  x = (x & 0x33333333u) + ((x >> 2) & 0x33333333u);
+  x = (x + (x >> 4)) & 0x0F0F0F0Fu;
+  return static_cast<int>((x * 0x01010101u) >> 24);
+}
+
+}  // namespace
+
 double ImpliedMoves::join(const std::uint32_t* a, const std::uint32_t* b, double room) {
   const optim::Layout& L = packed.layout;
   // Empty intersections word by word, marked by one bit per field (bit k of word i is
@@ -252,7 +261,7 @@ double ImpliedMoves::join(const std::uint32_t* a, const std::uint32_t* b, double
   auto add = [&](int i, std::uint32_t x) {
     e[i] = x;
     if (!x) return false;
-    sum += std::popcount(x) * word_least_[i];
+    sum += count_marks(x) * word_least_[i];
     exact = exact && word_uniform_[i];
     return sum > room;
   };
@@ -269,7 +278,7 @@ double ImpliedMoves::join(const std::uint32_t* a, const std::uint32_t* b, double
   gather_chars_.clear();
   for (int i = 0; i < L.end4; ++i) {
     if (!e[i] || word_uniform_[i]) continue;
-    sum -= std::popcount(e[i]) * word_least_[i];
+    sum -= count_marks(e[i]) * word_least_[i];
     const int shift = i < L.end0 ? 1 : i < L.end1 ? 2 : i < L.end2 ? 3 : 0;
     const double* step = slot_step_.data() + i * 16;
     const int* chars = slot_char_.data() + i * 16;
