@@ -175,8 +175,16 @@ void ImpliedMoves::prepare_clip(int n, bool tbr) {
       st.push_back(right_[v]);
     }
   }
-  // Steps of the two parts: the tree's less those of the join where the clip is. Only
-  // the characters with a step there change from the tree's rating.
+  join_value_ = unjoin_cost(n, s);
+  rate_slots(changed_);
+}
+
+// Takes the clip out of its place (the branch above s of the tree without it): each
+// character with a step at that join loses it, and the rating of the two parts starts
+// from the tree's with only those characters changed. Returns the fit saved, the cost of
+// the join where the clip was.
+double ImpliedMoves::unjoin_cost(int n, int s) {
+  const optim::Layout& L = packed.layout;
   delta_ = tree_delta_;
   slot_step_ = tree_slot_step_;
   word_least_ = tree_word_least_;
@@ -196,7 +204,7 @@ void ImpliedMoves::prepare_clip(int n, bool tbr) {
     delta_.change(c, steps_[c] - gather_count_[c] * (c < static_cast<int>(mult.size()) ? mult[c] : 1));
     gather_count_[c] = 0;
   }
-  rate_slots(changed_);
+  return tree_delta_.base() - delta_.base();
 }
 
 // What one more step in each column adds (-1: characters of several columns, additive,

@@ -24,6 +24,8 @@ class ImpliedMoves {
   void prepare_clip(int n, bool tbr);
   // Fit of the two parts with no step at the join.
   double base() const { return delta_.base(); }
+  // Fit of the join where the clip was: the tree's fit is base() + join_value().
+  double join_value() const { return join_value_; }
   // Fit of the tree made by putting the clip, rerooted on the branch above `reroot` (-1:
   // as it is), on the branch above `target` of the tree without it. Exact when at most
   // `ceiling`; otherwise some value above it.
@@ -37,10 +39,12 @@ class ImpliedMoves {
   double join(const std::uint32_t* a, const std::uint32_t* b, double room);
 
   int nt_ = 0, nn_ = 0, W_ = 0, clip_ = -1;
+  double join_value_ = 0;
   std::vector<int> anc_, left_, right_;
   std::vector<std::uint32_t> down_, down2_, up2_, edge2_, upc_, rootset_;
   std::vector<const std::uint32_t*> dptr_;
   void order_fields();
+  double unjoin_cost(int n, int s);
   void rate_slots(const std::vector<int>& chars);
   // Per field slot (word * 16 + field) of the rater's own order of the fields: character
   // (-1: padding), column of an additive character, fit of one more step (-1: gather).

@@ -107,8 +107,9 @@ TEST_F(ImpliedMovesTest, EveryRatedMoveHasTheFitOfTheTreeItMakes) {
         in[v] = 1;
         if (v >= e.nt) { st.push_back(e.left[v]); st.push_back(e.right[v]); }
       }
-      // The clip where it is: the tree's own fit.
+      // The clip where it is: the tree's own fit, the fit of the parts plus that of the join.
       EXPECT_NEAR(rated.fit(-1, sister, 1e300), now, 1e-9);
+      EXPECT_NEAR(rated.base() + rated.join_value(), now, 1e-9);
       std::vector<int> reroots{-1};
       for (int r = 0; r < e.nn && n >= e.nt; ++r)
         if (in[r] && r != n && r != e.left[n] && r != e.right[n]) reroots.push_back(r);
