@@ -329,6 +329,14 @@ void Engine::export_tree(std::vector<std::int32_t>& parent) const {
   trees::reset_node_numbers(parent.data(), ntax);
 }
 
+void Engine::export_move(const Move& m, std::vector<std::int32_t>& parent) {
+  apply_move(m);
+  export_tree(parent);
+  anc = oanc;
+  left = oleft;
+  right = oright;
+}
+
 int Engine::inner_preorder() {
   int cnt = 0, top = 0;
   stack[top++] = nt;

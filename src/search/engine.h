@@ -144,6 +144,8 @@ struct Engine {
   std::int32_t evaluate_clip(int n, bool tbr, bool saving, std::int32_t save_slack, Move& best,
                              std::vector<Move>& records, std::uint64_t& examined);
   void apply_move(const Move& m);                 // topology only; then compute_all or update_after_move
+  // The tree the move makes, as a data set parent array; the engine keeps its tree.
+  void export_move(const Move& m, std::vector<std::int32_t>& parent);
   // After apply_move (which keeps the previous topology in oanc/oleft/oright): recomputes
   // only the sets that change, following changed values; equal to compute_all.
   double update_after_move();

@@ -154,11 +154,7 @@ bool visit_clip(Engine& e, int n, bool tbr, long long& examined, std::vector<std
       m.clip = n;
       m.reroot = reroot;
       m.target = t;
-      e.apply_move(m);
-      e.export_tree(moved);
-      e.anc = e.oanc;
-      e.left = e.oleft;
-      e.right = e.oright;
+      e.export_move(m, moved);
       // Under constraints a tree that breaks them is not a neighbour.
       if (constrained && !tree_satisfies(moved.data(), tree_store.ntax)) continue;
       if (!fast) ++examined;

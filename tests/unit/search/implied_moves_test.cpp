@@ -122,11 +122,7 @@ TEST_F(ImpliedMovesTest, EveryRatedMoveHasTheFitOfTheTreeItMakes) {
           m.clip = n;
           m.reroot = r;
           m.target = t;
-          e.apply_move(m);
-          e.export_tree(moved);
-          e.anc = e.oanc;
-          e.left = e.oleft;
-          e.right = e.oright;
+          e.export_move(m, moved);
           const double want = full_fit(moved, weights);
           ASSERT_NEAR(rated.fit(r, t, 1e300), want, 1e-9) << "round " << round << " clip " << n << " reroot " << r << " target " << t;
           // Below the move's fit the rating may stop early, but never under the ceiling.
