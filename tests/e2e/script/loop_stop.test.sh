@@ -4,6 +4,8 @@
 # the script goes on.
 #   bash loop_stop.test.sh QAX_BINARY DATA_DIR
 # run alone: the stop file must come while the loop runs, which a loaded machine can delay.
+# The search asks for so many replications of a large matrix that only the stop file ends
+# it: the stop file is looked for every 10 s, and a short search could end first.
 set -u
 qax=$1; data=$2
 work=$(mktemp -d); trap 'rm -rf "$work"' EXIT
@@ -31,7 +33,7 @@ finish "$pid"
 grep -q "User interrupt" a.log || { echo "the endless loop was not interrupted"; fail=1; }
 grep -q "never" a.log && { echo "commands after the interrupted loop ran"; fail=1; }
 
-"$qax" bground "log b.log; macro=; proc $data/woodmouse.xread; loop 1 50 mult=rep 100000 hold 1; stop quote after the loop; quit;" </dev/null 2>/dev/null &
+"$qax" bground "log b.log; macro=; proc $data/Wills2012.xread; hold 20000; loop 1 50 mult=rep 100000 hold 1; stop quote after the loop; quit;" </dev/null 2>/dev/null &
 pid=$!
 started b.log "Matrix ("
 sleep 0.5
