@@ -302,8 +302,8 @@ int fuse_loaded(PairWork& w, int equals) {
 
 int fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_t>& donor, double* score, int equals,
               int root_terminal) {
-  if (optim::implied_settings.implied_on) return implied_fuse_pair(receiver, donor, score, equals, root_terminal);
-  require_narrow_data("tree fusing");
+  if (optim::implied_settings.implied_on || has_wide_data())
+    return whole_fuse_pair(receiver, donor, score, equals, root_terminal);
   Engine& e = engine();
   PairWork& w = pw;
   if (!w.rec.build(receiver, e, root_terminal) || !w.don.build(donor, e, root_terminal))
@@ -324,7 +324,7 @@ int fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_
 namespace {
 
 double tree_score(const std::vector<std::int32_t>& t) {
-  if (optim::implied_settings.implied_on) return implied_fit_of(t);
+  if (optim::implied_settings.implied_on || has_wide_data()) return whole_tree_score(t);
   Engine& e = engine();
   FuseTree& f = pw.rec;
   if (!f.build(t, e)) shell::error_exit("Trees to fuse must be binary and hold all active taxa");
@@ -336,7 +336,6 @@ double tree_score(const std::vector<std::int32_t>& t) {
 double fuse_trees(std::vector<std::vector<std::int32_t>>& trees, std::vector<double>& scores, int rounds,
                   double stop_score, std::uint32_t seed, bool quiet) {
   const bool implied = optim::implied_settings.implied_on != 0;
-  if (!implied) require_narrow_data("tree fusing");
   const FuseSettings& fs = fuse_settings;
   if (seed) set_random_seed(seed);
   scores.resize(trees.size());
@@ -428,7 +427,6 @@ double fuse_trees(std::vector<std::vector<std::int32_t>>& trees, std::vector<dou
 }
 
 double fusability_score(const std::vector<std::vector<std::int32_t>>& trees) {
-  require_narrow_data("tree fusing");
   const int count = static_cast<int>(trees.size());
   if (count < 2) return 0;
   const int pairs = std::min(15, count * count / 2);

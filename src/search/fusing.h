@@ -39,6 +39,15 @@ extern FuseSettings fuse_settings;
 int fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_t>& donor, double* score = nullptr,
               int equals = -1, int root_terminal = 0);
 
+// fuse_pair with each exchange scored on the whole tree it makes, for scores that can't be
+// taken apart by subtree (fits, step-matrix and continuous columns); groups are taken on
+// the rooting at terminal 0 only (another root_terminal exchanges nothing).
+int whole_fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_t>& donor, double* score,
+                    int equals, int root_terminal);
+// Score of a tree (data set parent array) as fusing compares them: the fit under implied
+// weighting, else the length with every column.
+double whole_tree_score(const std::vector<std::int32_t>& parent);
+
 // Rounds of fusing over `trees` (scores recomputed); trees found better than the set's
 // best, or new, are added to the set (and to `scores`). Returns the best score; stops as
 // soon as a score at or below stop_score (when above 0) is found. `quiet` silences the

@@ -25,11 +25,6 @@ void run_implied_bbreak();
 // it makes and its fit, until `visit` answers true (within the constraints in force).
 void implied_visit_tbr(const std::vector<std::int32_t>& tree, double ceiling, long long& examined,
                        const std::function<bool(const std::vector<std::int32_t>&, double)>& visit);
-// Tree fusing of two trees under implied weighting (as fuse_pair does with steps): each
-// shared group whose resolutions differ, largest first, takes the donor's resolution when
-// the whole tree's fit improves (or stays, with `equals`).
-int implied_fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_t>& donor, double* score,
-                      int equals, int root_terminal);
 // Ratchet iterations (drift cycles) from the tree, which receives the best tree found;
 // returns its fit. The generator goes on from its state.
 double implied_ratchet_run(std::vector<std::int32_t>& tree, int iterations);

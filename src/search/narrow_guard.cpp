@@ -1,18 +1,33 @@
 // The guard of the heuristics that work on narrow columns only.
 #include "dataset/dataset.h"
+#include "optim/packed.h"
 #include "search/search_internal.h"
 #include "shell/failure.h"
 
 namespace qax::search {
 
-void require_narrow_data(const char* what) {
+namespace {
+
+bool any_wide_character() {
   using qax::dataset::dataset;
   for (int c = 0; c < dataset.nchar; ++c) {
     const auto& r = dataset.chars[c];
-    if (r.active && r.weight != 0 && (r.is_continuous || r.sankoff)) {
-      shell::error_exit({"Sorry,", what, "is not available yet with step-matrix or continuous characters"});
-    }
+    if (r.active && r.weight != 0 && (r.is_continuous || r.sankoff)) return true;
   }
+  return false;
+}
+
+}  // namespace
+
+bool has_wide_data() {
+  // The pack knows best: step matrices of one cost are packed as plain columns.
+  if (optim::packed.valid) return optim::packed.wide.any();
+  return any_wide_character();
+}
+
+void require_narrow_data(const char* what) {
+  if (any_wide_character())
+    shell::error_exit({"Sorry,", what, "is not available yet with step-matrix or continuous characters"});
 }
 
 }  // namespace qax::search

@@ -110,6 +110,8 @@ using Tree = std::vector<std::int32_t>;
 // Under implied weighting the replications swap, drift and ratchet by fits; sectors,
 // autoconstraints and hybridization work on step counts and are left out.
 bool by_fits() { return optim::implied_settings.implied_on != 0; }
+// Sectors and hybridization need step counts of narrow columns only.
+bool by_sectors() { return !by_fits() && !has_wide_data(); }
 
 double fit_swap(Tree& t, bool tbr) {
   long long examined = 0;
@@ -201,11 +203,12 @@ struct Xmult {
     if (have_prev && x.autoconst >= 3) ac.set(prev, t);
     // The groups of the autoconstraint (or the user's) make the sectors of css: the parts
     // where this tree and the previous one disagree.
-    if (x.css && constraints_in_force() && !constraint_defs.positive.empty() && !shell_state.stop_search_flag)
+    const bool sectors = by_sectors();
+    if (sectors && x.css && constraints_in_force() && !constraint_defs.positive.empty() && !shell_state.stop_search_flag)
       sc = sector_search_css(t);
     ac.clear();
-    if (x.rss && !shell_state.stop_search_flag) sc = sector_search_rss(t);
-    if (x.xss && !shell_state.stop_search_flag) sc = sector_search_xss(t);
+    if (sectors && x.rss && !shell_state.stop_search_flag) sc = sector_search_rss(t);
+    if (sectors && x.xss && !shell_state.stop_search_flag) sc = sector_search_xss(t);
     return sc;
   }
 
@@ -449,6 +452,9 @@ void run_xmult() {
   if (by_fits() && (x.rss || x.css || x.xss || x.autoconst > 0 || x.hybrid || x.hfuse > 0 || x.picktype > 0))
     out_printf("NOTE: under implied weighting replications use TBR, ratchet, drift and fusing by fits; sectorial "
                "searches, autoconstraints and hybridization are not applied\n");
+  else if (!by_fits() && has_wide_data() && (x.rss || x.css || x.xss || x.hybrid || x.picktype > 0))
+    out_printf("NOTE: with step-matrix or continuous characters, sectorial searches and hybridization are not "
+               "applied\n");
   if (x.autoconst > 3) out_printf("NOTE: autoconstraints are taken after TBR at most: autoconst %i acts as 3\n", x.autoconst);
   tree_store.ntrees = 0;
   tree_store.trees_changed = 1;
@@ -474,10 +480,10 @@ void run_xmult() {
     run.have_prev = false;
     run.build(std::max(1, x.replications));
     if (shell_state.stop_search_flag) break;
-    run.use_hybrid = x.hybrid != 0 && !by_fits();
+    run.use_hybrid = x.hybrid != 0 && by_sectors();
     if (x.picktype > 0 && run.batch.size() > 1) {
       const double fus = fusability_score(run.batch);
-      run.use_hybrid = fus < x.picktype && !by_fits();
+      run.use_hybrid = fus < x.picktype && by_sectors();
       if (x.verbose) {
         out_printf("  NOTE: Picking ");
         out_printf(run.use_hybrid ? "tree hybridization " : "tree fusing ");
@@ -502,7 +508,7 @@ void run_xmult() {
       if (retouches < x.retouch) {
         ++retouches;
         for (std::size_t k = 0; k < run.batch.size() && !shell_state.stop_search_flag; ++k) {
-          if (x.rss && !by_fits()) run.scores[k] = sector_search_rss(run.batch[k]);
+          if (x.rss && by_sectors()) run.scores[k] = sector_search_rss(run.batch[k]);
           if (x.drift > 0) {
             const std::uint32_t s2 = run.next_seed();
             const std::uint32_t k2 = random_state();
@@ -590,7 +596,7 @@ void run_xmult() {
         if (sc[k] <= b + eps && tree_store.ntrees < tree_store.maxtrees) store_add(all[k], sc[k]);
       if (b < target - eps) target = b;
     }
-    if (x.hfuse > 0 && hits % x.hfuse == 0 && tree_store.ntrees > 1 && !by_fits()) {
+    if (x.hfuse > 0 && hits % x.hfuse == 0 && tree_store.ntrees > 1 && by_sectors()) {
       std::vector<Tree> all;
       std::vector<double> sc;
       for (int k = 0; k < tree_store.ntrees; ++k) {
@@ -670,7 +676,6 @@ void run_xmult() {
 }  // namespace
 
 void cmd_xmult() {
-  if (!optim::implied_settings.implied_on) require_narrow_data("xmult");
   const XmultSettings saved = xmult_settings;
   const SectorSettings saved_sectors = sector_settings;
   const SearchSettings saved_search = search_settings;

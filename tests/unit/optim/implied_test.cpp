@@ -18,6 +18,7 @@
 #include "optim/implied.h"
 #include "optim/packed.h"
 #include "optim/reports.h"
+#include "search/fusing.h"
 #include "search/implied_swap.h"
 #include "trees/store.h"
 
@@ -304,7 +305,7 @@ TEST_F(Implied, FusingTakesTheDonorsResolutionOfAGroupWhenItImprovesTheFit) {
     if (receiver == donor) continue;
     const double before = reference_fit(m, receiver, ntax, K, nullptr);
     double reported = -1;
-    search::implied_fuse_pair(receiver, donor, &reported, 0, 0);
+    search::whole_fuse_pair(receiver, donor, &reported, 0, 0);
     const double after = reference_fit(m, receiver, ntax, K, nullptr);
     EXPECT_NEAR(reported, after, 1e-9) << "round " << round;
     EXPECT_LE(after, before + 1e-9) << "round " << round;

@@ -1,11 +1,13 @@
-// Tree fusing under implied weighting: the resolution of a group shared by two trees is
-// taken from the donor when the tree it makes has a better fit. Fits don't add up over
-// subtrees as step counts do, so each exchange is scored on the whole tree.
+// Tree fusing scored on whole trees: the resolution of a group shared by two trees is taken
+// from the donor when the tree it makes scores better. Used where subtree costs can't be
+// swapped in as step counts are: fits under implied weighting (they don't add up over
+// subtrees), and step-matrix or continuous columns (their costs are vectors, not counts).
 #include <algorithm>
 #include <cstdint>
 #include <unordered_map>
 #include <vector>
 
+#include "optim/implied.h"
 #include "optim/packed.h"
 #include "search/engine.h"
 #include "search/fusing.h"
@@ -121,7 +123,14 @@ void exchange(const Clustered& r, const Clustered& d, int v, int w, Engine& e) {
 
 }  // namespace
 
-int implied_fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_t>& donor, double* score,
+double whole_tree_score(const std::vector<std::int32_t>& parent) {
+  if (optim::implied_settings.implied_on) return implied_fit_of(parent);
+  Engine& e = engine();
+  if (!e.load(parent)) shell::error_exit("Trees to fuse must be binary and hold all active taxa");
+  return e.compute_all();
+}
+
+int whole_fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_t>& donor, double* score,
                       int equals, int root_terminal) {
   if (root_terminal > 0) return 0;   // groups are taken on the rooting at terminal 0 only
   const bool take_equal = (equals < 0 ? fuse_settings.equals : equals) != 0;
@@ -130,7 +139,7 @@ int implied_fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std
   if (!e.load(donor)) shell::error_exit("Trees to fuse must be binary and hold all active taxa");
   e.reroot_on_zero();
   d.build(e);
-  double fit = implied_fit_of(receiver);
+  double fit = whole_tree_score(receiver);
   int made = 0;
   std::vector<std::int32_t> trial, best_tree;
   // Groups already taken (their terminals), whose subgroups are not exchanged again.
@@ -162,7 +171,7 @@ int implied_fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std
       const int v = g.second;
       exchange(r, d, v, d.find(r, v), e);
       e.export_tree(trial);
-      const double f = implied_fit_of(trial);
+      const double f = whole_tree_score(trial);
       const bool better = f < best_fit - 1e-9 || (take_equal && best_group < 0 && f <= best_fit + 1e-9);
       if (!better) continue;
       best_fit = f;
