@@ -52,6 +52,10 @@ void cmd_ancstates();
 void cmd_fillsank();
 void cmd_cstree();
 void reset_state_trees();
+// The character-state tree of character c as the parent of each of its states (-1 for the
+// state at the top of the drawing), when c is to be decomposed in binary variables
+// (cstree +) and its costs are still the distances on its tree; empty otherwise.
+std::vector<int> binary_state_tree(int c);
 
 // User-defined minimum steps and maximum state of Sankoff characters (-1: none). The
 // maximum state S opens the states 0..S to the ancestors of a Sankoff character, beyond

@@ -172,6 +172,45 @@ std::vector<int> drawing_costs(const std::vector<std::string>& lines, int& highe
 }
 
 std::vector<std::uint8_t> state_tree_chars;   // characters whose costs came from a drawing
+std::vector<std::vector<int>> state_tree_parent;   // per such character: parent of each state
+bool decompose_trees = false;                  // cstree +: trees defined later are decomposed too
+
+// Parents of the states of a tree given by its distances, rooted at `top`.
+std::vector<int> parents_from_distances(const std::vector<int>& dist, int n, int top) {
+  std::vector<int> parent(n, -1);
+  for (int s = 0; s < n; ++s) {
+    if (s == top) continue;
+    for (int t = 0; t < n; ++t)
+      if (dist[t * n + s] == 1 && dist[top * n + t] == dist[top * n + s] - 1) { parent[s] = t; break; }
+  }
+  return parent;
+}
+
+// Costs of c still the distances on its drawn tree (a later cost command, or a cap, may
+// have changed them).
+bool costs_match_tree(int c) {
+  const std::vector<int>& parent = state_tree_parent[c];
+  const int n = static_cast<int>(parent.size());
+  std::vector<int> depth(n, -1);
+  auto depth_of = [&](int s) {
+    int d = 0;
+    for (int x = s; parent[x] >= 0 && d <= n; x = parent[x]) ++d;
+    return d;
+  };
+  for (int s = 0; s < n; ++s) depth[s] = depth_of(s);
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j) {
+      // Distance: climb from the deeper state until both meet.
+      int a = i, b = j, d = 0;
+      while (a != b && d <= 2 * n) {
+        if (depth[a] >= depth[b]) a = parent[a]; else b = parent[b];
+        ++d;
+        if (a < 0 || b < 0) return false;
+      }
+      if (cost_of(c, i, j) != d) return false;
+    }
+  return true;
+}
 
 void list_state_trees() {
   std::string list;
@@ -208,13 +247,20 @@ void cmd_cstree() {
     return;
   }
   if ((c == '+' || c == '-') && shell::peek_char() == ';') {
+    decompose_trees = c == '+';
+    std::string unlike;
     for (int ch = 0; ch < dataset.nchar && ch < static_cast<int>(state_tree_chars.size()); ++ch)
       if (state_tree_chars[ch]) {
         dataset.chars[ch].tree_binary = c == '+';
         dataset.chars[ch].dirty = 1;
+        if (c == '+' && !costs_match_tree(ch)) unlike += " " + std::to_string(ch);
       }
     shell::out_text({c == '+' ? "Character state trees decomposed in binary variables\n"
                               : "Character state trees treated as whole characters\n"});
+    if (!unlike.empty())
+      shell::out_text({"Note: some costs (char." + unlike + ") do not correspond to a character state tree;\n"
+                       "those characters considered as sankoff.\n"});
+    minmax_check();
     return;
   }
   shell::unread_char();
@@ -235,9 +281,13 @@ void cmd_cstree() {
     if (cap < 1) error_exit("Expected symbols '=' or '<' to finish list of characters");
   }
   int highest = 0;
-  const std::vector<int> dist = drawing_costs(read_drawing(), highest);
+  const std::vector<std::string> lines = read_drawing();
+  const std::vector<int> dist = drawing_costs(lines, highest);
   const int n = highest + 1;
+  const int top = state_of_symbol(static_cast<unsigned char>(lines[0][lines[0].find_first_not_of(' ')]));
+  const std::vector<int> parent = parents_from_distances(dist, n, top);
   if (static_cast<int>(state_tree_chars.size()) < dataset.nchar) state_tree_chars.resize(dataset.nchar, 0);
+  if (static_cast<int>(state_tree_parent.size()) < dataset.nchar) state_tree_parent.resize(dataset.nchar);
   for (int ch = 0; ch < dataset.nchar; ++ch) {
     if (flags[ch] != 1 || dataset.chars[ch].is_continuous) continue;
     std::int32_t* t = cost_table_for_edit(ch);
@@ -248,7 +298,9 @@ void cmd_cstree() {
     r.additive = 0;
     r.asymmetric = 0;
     r.dirty = 1;
+    r.tree_binary = decompose_trees;
     state_tree_chars[ch] = 1;
+    state_tree_parent[ch] = parent;
   }
   if (cap > 0) {
     char buf[64];
@@ -258,6 +310,15 @@ void cmd_cstree() {
   minmax_check();
 }
 
-void reset_state_trees() { state_tree_chars.clear(); }
+void reset_state_trees() {
+  state_tree_chars.clear();
+  state_tree_parent.clear();
+}
+
+std::vector<int> binary_state_tree(int c) {
+  if (c < 0 || c >= dataset.nchar || c >= static_cast<int>(state_tree_chars.size()) || !state_tree_chars[c]) return {};
+  if (!dataset.chars[c].tree_binary || !dataset.chars[c].sankoff || !costs_match_tree(c)) return {};
+  return state_tree_parent[c];
+}
 
 }  // namespace qax::dataset

@@ -166,7 +166,7 @@ struct ScoredCells {
     }
     if (row[c] < 0) return v;
     const PackPlan& r = packed.pack_plan[row[c]];
-    if (!r.additive) {
+    if (r.additive != 1) {
       v &= r.kept;
       return v ? v : ~0u;
     }

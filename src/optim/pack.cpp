@@ -5,6 +5,7 @@
 
 #include "dataset/costs.h"
 #include "dataset/dataset.h"
+#include "optim/implied.h"
 #include "optim/kernels.h"
 #include "optim/packed.h"
 #include "shell/failure.h"
@@ -45,6 +46,57 @@ struct Column {
   int column;   // binary column within the row
   int weight;   // column weight
 };
+
+// A character-state tree decomposed in binary variables: one column per branch of the
+// tree, its states beyond the branch in the high bit. A branch that no tree can make
+// change more than a fixed number of times (fewer than two taxa on a side, polymorphic
+// cells aside) is a constant. False when a scored state lies outside the tree.
+bool pack_state_tree(Packed& p, int c, int weight, std::uint32_t scored, std::vector<Column>& binary) {
+  const std::vector<int> parent = qax::dataset::binary_state_tree(c);
+  const int n = static_cast<int>(parent.size());
+  if (n < 2 || n > 32) return false;
+  const std::uint32_t all = n == 32 ? ~0u : (1u << n) - 1;
+  if (scored & ~all) return false;
+  const Dataset& d = qax::dataset::dataset;
+  const std::uint32_t missing = d.missing_value();
+  int constant = 0;
+  bool any = false;
+  for (int s = 0; s < n; ++s) {
+    if (parent[s] < 0) continue;
+    std::uint32_t high = 0;
+    for (int x = 0; x < n; ++x) {
+      int y = x, guard = 0;
+      while (y >= 0 && y != s && guard++ <= n) y = parent[y];
+      if (y == s) high |= 1u << x;
+    }
+    int low_only = 0, high_only = 0;
+    for (int k = 0; k < p.nterm; ++k) {
+      const std::uint32_t v = d.cell(p.from_packed[k], c);
+      if (v == missing || !v) continue;
+      const bool lo = (v & all & ~high) != 0, hi = (v & high) != 0;
+      low_only += lo && !hi;
+      high_only += hi && !lo;
+    }
+    if (low_only == 0 || high_only == 0) continue;
+    if (low_only == 1 || high_only == 1) { ++constant; continue; }
+    PackPlan row;
+    row.character = c;
+    row.weight = weight;
+    row.kept = all;
+    row.additive = 2;
+    row.tree_high = high;
+    row.low_state = s;
+    row.cls = row.original_class = class_2bit;
+    std::fill(std::begin(row.dense), std::end(row.dense), std::int8_t(-1));
+    binary.push_back({static_cast<int>(p.pack_plan.size()), 0, weight});
+    p.pack_plan.push_back(row);
+    any = true;
+  }
+  p.char_constant[c] = constant;
+  p.constant_steps += weight * constant;
+  p.char_packed[c] = any ? 1 : 0;
+  return true;
+}
 
 }  // namespace
 
@@ -100,6 +152,11 @@ void pack_data(bool reduced, bool keep_search_state) {
       const int user_max = qax::dataset::user_min_max.max_state(c);
       if (user_max >= 0) scored |= (user_max >= 31 ? ~0u : (2u << user_max) - 1);
       if (std::popcount(scored) <= 1) continue;
+      // A state tree in binary variables: every state of the tree is open to the ancestors,
+      // as in a recoded additive character. Under implied weights a state tree is weighted
+      // as a whole character (the search notes it), so it stays a cost table there.
+      if (user_max < 0 && !implied_settings.implied_on && pack_state_tree(p, c, weight, scored, by_class[class_2bit]))
+        continue;
       int common = -1;
       bool equal = true;
       for (std::uint32_t a = scored; a && equal; a &= a - 1)
@@ -312,6 +369,13 @@ void pack_data(bool reduced, bool keep_search_state) {
         for (int f = 0; f < static_cast<int>(cols.size()); ++f) {
           const PackPlan& row = p.pack_plan[cols[f].plan];
           std::uint32_t v = d.cell(p.from_packed[t], row.character);
+          if (row.additive == 2) {
+            if (v == missing || !v) continue;
+            const std::uint32_t field = ((v & row.kept & ~row.tree_high) ? 1u : 0u) | ((v & row.tree_high) ? 2u : 0u);
+            const int shift = f * width;
+            value = (value & ~(fmask << shift)) | (field << shift);
+            continue;
+          }
           if (v == missing || !(v & row.kept)) {
             if (!(row.additive && v != missing && v)) continue;  // missing: field stays all ones
           }

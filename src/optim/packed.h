@@ -52,10 +52,11 @@ struct PackPlan {
   int copies = 1;                 // copies of a split column (always 1 here)
   int weight = 1;                 // weight of each column
   int divisor = 1;                // unit of a reduced cost table
-  int additive = 0;               // recoded additive character
+  int additive = 0;               // 1 recoded additive character, 2 branch of a state tree
   int low_state = 0;              // additive: lowest kept state (threshold base)
   std::uint32_t kept = 0;         // states kept after stripping
   std::uint32_t stripped = 0;     // states stripped as singletons
+  std::uint32_t tree_high = 0;    // branch of a state tree: the states beyond the branch
   int first_record = -1;          // packed_char record of its first column
   std::int8_t dense[32] = {};     // dense bit of each original state, -1 unscored
 };
