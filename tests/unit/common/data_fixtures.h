@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -53,6 +54,36 @@ inline std::vector<std::int32_t> random_binary_parent(std::mt19937& rng, int nta
   parent[pool[0]] = parent[pool[1]] = ntax;
   parent[ntax] = 2 * ntax - 1;
   return parent;
+}
+
+// Calls visit(parent) for every binary tree of ntax taxa (ntax >= 3) with taxon 0 beside
+// the root, as the program stores them: taxa 3.. inserted on every branch of the trees of
+// the earlier ones.
+inline void for_each_rooted_tree(int ntax, const std::function<void(const std::vector<int>&)>& visit) {
+  std::vector<std::pair<int, int>> edges{{0, ntax}, {ntax + 1, ntax}, {1, ntax + 1}, {2, ntax + 1}};
+  std::vector<int> parent(2 * ntax - 1, 0);
+  std::function<void(int)> grow = [&](int next) {
+    if (next == ntax) {
+      for (auto [child, anc] : edges) parent[child] = anc;
+      parent[ntax] = 2 * ntax - 1;
+      visit(parent);
+      return;
+    }
+    const int q = ntax + next - 1;   // the new inner node
+    const std::size_t count = edges.size();
+    for (std::size_t i = 0; i < count; ++i) {
+      if (edges[i].first == 0) continue;   // the outgroup stays beside the root
+      const auto saved = edges[i];
+      edges[i] = {saved.first, q};
+      edges.push_back({q, saved.second});
+      edges.push_back({next, q});
+      grow(next + 1);
+      edges.pop_back();
+      edges.pop_back();
+      edges[i] = saved;
+    }
+  };
+  grow(3);
 }
 
 }  // namespace qax::test

@@ -145,35 +145,12 @@ TEST_F(StateTree, MultReachesTheBestOfAllTrees) {
     const int nchar = 8;
     random_matrix(rng, ntax, nchar);
     qax::test::run("cstree +;");
-    // Every rooted tree with taxon 0 beside the root, by insertion of taxa on each branch.
     long long best = LLONG_MAX;
-    std::function<void(int, std::vector<std::pair<int, int>>&)> grow = [&](int next,
-                                                                          std::vector<std::pair<int, int>>& edges) {
-      if (next == ntax) {
-        std::vector<int> p(2 * ntax - 1, 0);
-        for (auto [child, anc] : edges) p[child] = anc;
-        p[ntax] = 2 * ntax - 1;
-        long long total = 0;
-        for (int c = 0; c < nchar; ++c) total += reference_steps(p, ntax, c);
-        best = std::min(best, total);
-        return;
-      }
-      const int q = ntax + next - 1;
-      const std::size_t count = edges.size();
-      for (std::size_t i = 0; i < count; ++i) {
-        if (edges[i].first == 0) continue;
-        const auto saved = edges[i];
-        edges[i] = {saved.first, q};
-        edges.push_back({q, saved.second});
-        edges.push_back({next, q});
-        grow(next + 1, edges);
-        edges.pop_back();
-        edges.pop_back();
-        edges[i] = saved;
-      }
-    };
-    std::vector<std::pair<int, int>> edges{{0, ntax}, {ntax + 1, ntax}, {1, ntax + 1}, {2, ntax + 1}};
-    grow(3, edges);
+    qax::test::for_each_rooted_tree(ntax, [&](const std::vector<int>& p) {
+      long long total = 0;
+      for (int c = 0; c < nchar; ++c) total += reference_steps(p, ntax, c);
+      best = std::min(best, total);
+    });
     const std::string out = qax::test::run("mult=replic 6 tbr hold 20;");
     ASSERT_GT(trees::tree_store.ntrees, 0) << out;
     for (int k = 0; k < trees::tree_store.ntrees; ++k)

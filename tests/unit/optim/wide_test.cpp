@@ -354,45 +354,22 @@ TEST_F(Wide, JoinCostOnTheWorkTreeIsTheChangeOfScore) {
   EXPECT_GT(checked, 1000);
 }
 
+// Score of a tree (parent array) by the references.
+double reference_total(const std::vector<int>& parent, int ntax, const Matrix& m, int nchar) {
+  const Kids k = kids_of(parent, ntax);
+  double total = 0;
+  for (int c = 0; c < nchar; ++c) {
+    const auto& r = ds::dataset.chars[c];
+    total += r.is_continuous ? reference_continuous(k, ntax, c) * r.weight / 1000.0
+                             : reference_discrete(k, ntax, c, m) * r.weight;
+  }
+  return total;
+}
+
 // Scores of every tree of the taxa (rooted on taxon 0) by the reference.
 double best_of_all_trees(int ntax, const Matrix& m, int nchar) {
   double best = 1e300;
-  std::vector<int> parent(2 * ntax - 1, 0);
-  // Trees built by inserting taxa 2.. on every branch of the tree of the earlier ones.
-  std::function<void(int, std::vector<std::pair<int, int>>&)> grow = [&](int next, std::vector<std::pair<int, int>>& edges) {
-    if (next == ntax) {
-      // Edges (child, parent) over nodes: taxa and inner nodes ntax+1..; root ntax above taxon 0.
-      std::vector<int> p(2 * ntax - 1, 0);
-      for (auto [c, a] : edges) p[c] = a;
-      p[ntax] = 2 * ntax - 1;
-      const Kids k = kids_of(p, ntax);
-      double total = 0;
-      for (int c = 0; c < nchar; ++c) {
-        const auto& r = ds::dataset.chars[c];
-        total += r.is_continuous ? reference_continuous(k, ntax, c) * r.weight / 1000.0
-                                 : reference_discrete(k, ntax, c, m) * r.weight;
-      }
-      best = std::min(best, total);
-      return;
-    }
-    const int q = ntax + next - 1;   // new inner node
-    const std::size_t count = edges.size();
-    for (std::size_t i = 0; i < count; ++i) {
-      if (edges[i].first == 0) continue;   // the outgroup stays beside the root
-      const auto saved = edges[i];
-      edges[i] = {saved.first, q};
-      edges.push_back({q, saved.second});
-      edges.push_back({next, q});
-      grow(next + 1, edges);
-      edges.pop_back();
-      edges.pop_back();
-      edges[i] = saved;
-    }
-  };
-  std::vector<std::pair<int, int>> edges{{0, ntax}, {ntax + 1, ntax}, {1, ntax + 1}};
-  // Taxon 2 goes on a branch of (0 (1 x)) too: start from the three-taxon tree.
-  edges = {{0, ntax}, {ntax + 1, ntax}, {1, ntax + 1}, {2, ntax + 1}};
-  grow(3, edges);
+  qax::test::for_each_rooted_tree(ntax, [&](const std::vector<int>& p) { best = std::min(best, reference_total(p, ntax, m, nchar)); });
   return best;
 }
 
@@ -411,18 +388,7 @@ TEST_F(Wide, MultFindsTheOptimumOfAllTrees) {
   }
 }
 
-// Score of a data set parent array by the references.
-double reference_score(const std::vector<std::int32_t>& tree, int ntax, const Matrix& m, int nchar) {
-  const std::vector<int> parent(tree.begin(), tree.end());
-  const Kids k = kids_of(parent, ntax);
-  double total = 0;
-  for (int c = 0; c < nchar; ++c) {
-    const auto& r = ds::dataset.chars[c];
-    total += r.is_continuous ? reference_continuous(k, ntax, c) * r.weight / 1000.0
-                             : reference_discrete(k, ntax, c, m) * r.weight;
-  }
-  return total;
-}
+
 
 TEST_F(Wide, FusingExchangesAreScoredExactly) {
   std::mt19937 rng(8080);
@@ -451,10 +417,10 @@ TEST_F(Wide, FusingExchangesAreScoredExactly) {
       std::swap(receiver[l[rng() % l.size()]], receiver[r[rng() % r.size()]]);
     }
     if (receiver == donor) continue;
-    const double before = reference_score(receiver, ntax, m, nchar);
+    const double before = reference_total({receiver.begin(), receiver.end()}, ntax, m, nchar);
     double reported = -1;
     search::fuse_pair(receiver, donor, &reported);
-    const double after = reference_score(receiver, ntax, m, nchar);
+    const double after = reference_total({receiver.begin(), receiver.end()}, ntax, m, nchar);
     EXPECT_NEAR(reported, after, 1e-6) << "round " << round;
     EXPECT_LE(after, before + 1e-6) << "round " << round;
     improved += after < before - 1e-6;
