@@ -191,6 +191,7 @@ void max_length_flags(const CollapseWork& w, std::vector<std::uint8_t>& changes)
   changes.assign(nodes, 0);
   std::vector<int> post(w.preorder.rbegin(), w.preorder.rend());
   std::vector<long long> D(static_cast<std::size_t>(nodes) * 32), Out(static_cast<std::size_t>(nodes) * 32);
+  std::vector<long long> costs(32 * 32);
   ScoredCells sc;
   sc.prepare(true);
   for (int c = 0; c < dataset.nchar; ++c) {
@@ -202,12 +203,14 @@ void max_length_flags(const CollapseWork& w, std::vector<std::uint8_t>& changes)
       const std::uint32_t v = sc.cell(c, packed.from_packed[t]);
       if (v != ~0u) ns = std::max(ns, 32 - std::countl_zero(v));
     }
-    // Cost tables count from the parent's state s to the child's state t.
+    // Cost tables count from the parent's state s to the child's state t; the costs of the
+    // character are taken once into a table of its states.
     const bool table = ch.sankoff != 0;
     const bool add = ch.additive && !table;
-    auto cost = [&](int s, int t) -> long long {
-      return table ? qax::dataset::cost_of(c, s, t) : add ? std::abs(s - t) : (s != t);
-    };
+    for (int s = 0; s < ns; ++s)
+      for (int t = 0; t < ns; ++t)
+        costs[s * ns + t] = table ? qax::dataset::cost_of(c, s, t) : add ? std::abs(s - t) : (s != t);
+    auto cost = [&](int s, int t) -> long long { return costs[s * ns + t]; };
     auto best_from = [&](const long long* x, int t) {
       long long b = inf;
       for (int s = 0; s < ns; ++s) if (x[s] < inf) b = std::min(b, x[s] + cost(s, t));
@@ -294,7 +297,7 @@ void polytomy_facts(const std::int32_t* tree, int ntax, bool raw_view, EdgeFacts
   f.differ.assign(end, 0);
   for (int v = 0; v < end; ++v) f.zero[v] = 1;
   std::vector<long long> D(static_cast<std::size_t>(end) * 32), O(static_cast<std::size_t>(end) * 32);
-  std::vector<long long> R(32);
+  std::vector<long long> R(32), costs(32 * 32);
   ScoredCells sc;
   sc.prepare(raw_view);
   for (int c = 0; c < dataset.nchar; ++c) {
@@ -313,12 +316,14 @@ void polytomy_facts(const std::int32_t* tree, int ntax, bool raw_view, EdgeFacts
       const std::uint32_t v = cell(t);
       if (v != ~0u) ns = std::max(ns, 32 - std::countl_zero(v));
     }
-    // Cost tables count from the parent's state s to the child's state t.
+    // Cost tables count from the parent's state s to the child's state t; the costs of the
+    // character are taken once into a table of its states.
     const bool table = ch.sankoff != 0;
     const bool add = ch.additive && !table;
-    auto cost = [&](int s, int t) -> long long {
-      return table ? qax::dataset::cost_of(c, s, t) : add ? std::abs(s - t) : (s != t);
-    };
+    for (int s = 0; s < ns; ++s)
+      for (int t = 0; t < ns; ++t)
+        costs[s * ns + t] = table ? qax::dataset::cost_of(c, s, t) : add ? std::abs(s - t) : (s != t);
+    auto cost = [&](int s, int t) -> long long { return costs[s * ns + t]; };
     auto best_from = [&](const long long* x, int t) {
       long long b = inf;
       for (int s = 0; s < ns; ++s) if (x[s] < inf) b = std::min(b, x[s] + cost(s, t));

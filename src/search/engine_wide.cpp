@@ -397,19 +397,16 @@ std::int32_t Engine::leaf_join(int t, int b, std::int32_t bound, std::int32_t* o
   *ok = 0;
   const std::int32_t* E2 = wide.E(b);
   const std::uint32_t* em = wide.masks.data() + static_cast<std::size_t>(b) * ns;
-  const std::int32_t* T = wide.D(t);
+  // The terminal seen from the new node (its lifted set): the least cost from each state
+  // of the node to one of the terminal's states.
+  const std::int32_t* T = wide.L(t);
   for (std::size_t q = 0; q < ns; ++q) {
     const SankoffColumn& col = cols[q];
-    const std::uint32_t tm = zero_states(T + col.offset, col.k);
-    if (tm & em[q]) continue;
-    // Cost from the new node in state u to the terminal: least cost to one of its states.
+    const std::int32_t* e = E2 + col.offset;
+    const std::int32_t* l = T + col.offset;
+    if (zero_states(l, col.k) & em[q]) continue;
     std::int32_t m = wide_infinity;
-    for (int u = 0; u < col.k; ++u) {
-      if (E2[col.offset + u] >= m) continue;
-      std::int32_t to = wide_infinity;
-      for (std::uint32_t x = tm; x; x &= x - 1) to = std::min(to, col.cost[u * col.k + __builtin_ctz(x)]);
-      m = std::min(m, E2[col.offset + u] + to);
-    }
+    for (int u = 0; u < col.k; ++u) m = std::min(m, e[u] + l[u]);
     total += static_cast<std::int64_t>(m) * col.weight * unit;
     if (total > bound) return 0;
   }
