@@ -4,6 +4,10 @@
 #include <algorithm>
 #include <bit>
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
+
 #include "dataset/costs.h"
 #include "dataset/dataset.h"
 #include "optim/packed.h"
@@ -89,9 +93,17 @@ void pack_wide_columns(WideColumns& w, const std::vector<int>& from_packed, cons
           if (m) col.root_mask = m;
         }
       }
+      if (col.k <= wide_lanes) {
+        col.lanes.assign(2 * static_cast<std::size_t>(col.k) * wide_lanes, wide_infinity);
+        for (int a = 0; a < col.k; ++a)
+          for (int t = 0; t < col.k; ++t) {
+            col.lanes[static_cast<std::size_t>(a) * wide_lanes + t] = col.cost[t * col.k + a];
+            col.lanes[static_cast<std::size_t>(col.k + a) * wide_lanes + t] = col.cost[a * col.k + t];
+          }
+      }
       col.offset = w.vector_length;
       w.sankoff_of[c] = static_cast<int>(w.sankoff.size());
-      w.vector_length += col.k;
+      w.vector_length += std::max(col.k, wide_lanes);
       w.sankoff.push_back(std::move(col));
     } else if (r.is_continuous && r.format == qax::dataset::format_continuous && r.active && r.weight != 0) {
       w.cont_of[c] = static_cast<int>(w.cont.size());
@@ -150,8 +162,36 @@ inline void transfer_any(int k, const std::int32_t* c, const std::int32_t* v, st
   }
 }
 
+#if defined(__x86_64__) || defined(__i386__)
+// Eight states at once: for each state a of the other end, its cost plus the lanes of row a,
+// the least kept per lane. Chosen once at start where the processor has AVX2.
+__attribute__((target("avx2"))) void transfer_lanes_avx2(const std::int32_t* lanes, int k, const std::int32_t* v,
+                                                          std::int32_t* out) noexcept {
+  __m256i best = _mm256_set1_epi32(wide_infinity);
+  for (int a = 0; a < k; ++a) {
+    const __m256i row = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(lanes + a * wide_lanes));
+    best = _mm256_min_epi32(best, _mm256_add_epi32(row, _mm256_set1_epi32(v[a])));
+  }
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), best);
+}
+
+bool lanes_supported() noexcept {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2");
+}
+#else
+void transfer_lanes_avx2(const std::int32_t*, int, const std::int32_t*, std::int32_t*) noexcept {}
+bool lanes_supported() noexcept { return false; }
+#endif
+
+const bool use_lanes = lanes_supported();
+
 template <bool FromParent>
 inline void transfer(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept {
+  if (use_lanes && !col.lanes.empty()) {
+    transfer_lanes_avx2(col.lanes.data() + (FromParent ? col.k * wide_lanes : 0), col.k, v, out);
+    return;
+  }
   const std::int32_t* c = col.cost.data();
   switch (col.k) {
     case 2: transfer_fixed<2, FromParent>(c, v, out); return;

@@ -25,6 +25,10 @@ struct SankoffColumn {
   int offset = 0;                    // first entry of the column in a node's vector
   std::int8_t state_of[32] = {};     // dense state -> state of the character
   std::vector<std::int32_t> cost;    // k*k, row = from-state
+  // Columns of up to 8 states: the table in rows of 8 lanes, k rows for the transfer from a
+  // child (lane t of row a: cost t>a) then k for the transfer from a parent (cost a>t);
+  // lanes past the column's states hold wide_infinity.
+  std::vector<std::int32_t> lanes;
   bool asymmetric = false;           // cost i>j differs from j>i somewhere
   std::uint32_t root_mask = 0;       // dense states the root may take (all but for ancestral)
 };
@@ -37,7 +41,7 @@ struct ContinuousColumn {
 struct WideColumns {
   std::vector<SankoffColumn> sankoff;
   std::vector<ContinuousColumn> cont;
-  int vector_length = 0;             // sum of k over the Sankoff columns
+  int vector_length = 0;             // sum of the Sankoff columns' spans: k, or 8 for k up to 8
   std::vector<std::int32_t> term;    // nterm * vector_length: terminal cost vectors
   std::vector<std::int32_t> term_range;  // nterm * 2 * cont: terminal low and high values
   int unit = 1;                      // units of a step in integer costs: 1000 with continuous columns
@@ -50,6 +54,9 @@ struct WideColumns {
 // the characters packed as wide (Sankoff) and continuous characters are all taken.
 void pack_wide_columns(WideColumns& w, const std::vector<int>& from_packed, const std::vector<std::uint8_t>& sankoff_chars);
 
+// Lanes of a column: a column of up to 8 states spans 8 entries of a node's vector, and
+// the transfers below may write all 8 (the lanes past its states get wide_infinity).
+constexpr int wide_lanes = 8;
 // cost[t][a] + v[a] minimised over a, for every t (v a column's vector): the cost seen from
 // a parent in state t of a child whose subtree costs v.
 void sankoff_from_child(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept;

@@ -94,7 +94,9 @@ struct Engine {
   std::vector<int> wcols, wcount, path_cols;      // columns whose sets differ without the clip, per node
   std::vector<std::uint64_t> dbits, ubits, need_bits;  // columns changed by the last change of topology
   std::vector<int> wold_left, wold_right;         // children before an insertion
-  std::vector<int> join_list;                     // scratch of wide_join
+  std::vector<std::uint64_t> join_bits;           // scratch of wide_join: columns to cost
+  mutable std::vector<std::uint64_t> block_bits;  // scratch of wide_block_bound
+  std::int64_t least_column_weight = 0;           // least weight of a Sankoff column
   std::vector<std::uint32_t> wblock;              // per block of targets and column: union of least-cost states
   // Least cost in units of rerooting j on any target whose least-cost states are within
   // the block's unions `masks` (the narrow part left out).

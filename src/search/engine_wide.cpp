@@ -2,8 +2,13 @@
 // (recomputed only where they differ from those of the tree), the rerootings of the clip,
 // and the exact cost of joining them.
 #include <algorithm>
+#include <bit>
 #include <climits>
 #include <cstring>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
 
 #include "search/search_internal.h"
 #include "search/engine.h"
@@ -39,6 +44,66 @@ inline std::int32_t normalise(std::int32_t* x, int k) {
   return m;
 }
 
+// Bits (from bit 0 of bits[0]) of the n columns whose state masks in a and b don't meet;
+// returns how many. Eight columns at a time where the processor has AVX2.
+int nonmeeting_plain(const std::uint32_t* a, const std::uint32_t* b, int n, std::uint64_t* bits) noexcept {
+  int count = 0;
+  for (int w = 0; w * 64 < n; ++w) {
+    std::uint64_t m = 0;
+    const int end = std::min(64, n - w * 64);
+    for (int i = 0; i < end; ++i) m |= static_cast<std::uint64_t>((a[w * 64 + i] & b[w * 64 + i]) == 0) << i;
+    bits[w] = m;
+    count += std::popcount(m);
+  }
+  return count;
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+__attribute__((target("avx2,popcnt"))) int nonmeeting_avx2(const std::uint32_t* a, const std::uint32_t* b, int n,
+                                                            std::uint64_t* bits) noexcept {
+  int count = 0;
+  for (int w = 0; w * 64 < n; ++w) {
+    std::uint64_t m = 0;
+    const int base = w * 64, end = std::min(64, n - base);
+    int i = 0;
+    for (; i + 8 <= end; i += 8) {
+      const __m256i x = _mm256_and_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(a + base + i)),
+                                         _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b + base + i)));
+      const __m256i z = _mm256_cmpeq_epi32(x, _mm256_setzero_si256());
+      m |= static_cast<std::uint64_t>(static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(z)))) << i;
+    }
+    for (; i < end; ++i) m |= static_cast<std::uint64_t>((a[base + i] & b[base + i]) == 0) << i;
+    bits[w] = m;
+    count += static_cast<int>(_mm_popcnt_u64(m));
+  }
+  return count;
+}
+
+bool avx2_present() noexcept {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt");
+}
+#else
+int nonmeeting_avx2(const std::uint32_t* a, const std::uint32_t* b, int n, std::uint64_t* bits) noexcept {
+  return nonmeeting_plain(a, b, n, bits);
+}
+bool avx2_present() noexcept { return false; }
+#endif
+
+const bool use_avx2 = avx2_present();
+
+inline int nonmeeting(const std::uint32_t* a, const std::uint32_t* b, int n, std::uint64_t* bits) noexcept {
+  return use_avx2 ? nonmeeting_avx2(a, b, n, bits) : nonmeeting_plain(a, b, n, bits);
+}
+
+// Least weight of the Sankoff columns (a column whose least-cost states don't meet costs at
+// least that many steps).
+std::int64_t least_weight(const std::vector<SankoffColumn>& cols) {
+  std::int64_t w = cols.empty() ? 0 : cols[0].weight;
+  for (const SankoffColumn& col : cols) w = std::min<std::int64_t>(w, col.weight);
+  return w;
+}
+
 inline std::uint32_t zero_states(const std::int32_t* x, int k) {
   std::uint32_t mask = 0;
   for (int s = 0; s < k; ++s)
@@ -49,6 +114,7 @@ inline std::uint32_t zero_states(const std::int32_t* x, int k) {
 }  // namespace
 
 void Engine::wide_compute() {
+  least_column_weight = least_weight(packed.wide.sankoff);
   const int cnt = inner_preorder();
   wide.compute(left.data(), right.data(), order.data(), cnt, true);
   wide.lift_all();
@@ -346,23 +412,24 @@ std::int32_t Engine::wide_join(int j, int target, std::int32_t narrow, std::int3
   const std::uint32_t* fm = wclip_mask.data() + static_cast<std::size_t>(j) * ns;
   const std::int32_t* E = e2p[target];
   const std::uint32_t* em = m2p[target];
-  // Columns whose sets of least cost meet cost nothing: find the others first, in one
-  // pass without branches, then cost them.
-  join_list.resize(ns + 1);
-  int* list = join_list.data();
-  int nl = 0;
-  for (std::size_t q = 0; q < ns; ++q) {
-    list[nl] = static_cast<int>(q);
-    nl += (fm[q] & em[q]) == 0;
-  }
-  for (int i = 0; i < nl; ++i) {
-    const int q = list[i];
-    const SankoffColumn& col = cols[q];
-    std::int32_t m = wide_infinity;
-    for (int st = 0; st < col.k; ++st) m = std::min(m, E[col.offset + st] + F[col.offset + st]);
-    total += static_cast<std::int64_t>(m) * col.weight * unit;
-    if (total > bound) return 0;
-  }
+  // Columns whose sets of least cost meet cost nothing: find the others first, as bits;
+  // each of them costs at least its weight (costs are whole numbers), which may already
+  // put the move above the bound. Then cost them.
+  const int words = static_cast<int>((ns + 63) / 64);
+  join_bits.resize(words + 1);
+  std::uint64_t* bits = join_bits.data();
+  const int count = nonmeeting(fm, em, static_cast<int>(ns), bits);
+  if (total + count * least_column_weight * unit > bound) return 0;
+  for (int w = 0; w < words; ++w)
+    for (std::uint64_t b = bits[w]; b; b &= b - 1) {
+      const SankoffColumn& col = cols[static_cast<std::size_t>(w) * 64 + std::countr_zero(b)];
+      const std::int32_t* e = E + col.offset;
+      const std::int32_t* f = F + col.offset;
+      std::int32_t m = wide_infinity;
+      for (int st = 0; st < col.k; ++st) m = std::min(m, e[st] + f[st]);
+      total += static_cast<std::int64_t>(m) * col.weight * unit;
+      if (total > bound) return 0;
+    }
   const std::int32_t* R = wclip_range.data() + static_cast<std::size_t>(j) * 2 * C;
   const std::int32_t* T = ce2p[target];
   for (int q = 0; q < C; ++q) {
@@ -377,10 +444,10 @@ std::int64_t Engine::wide_block_bound(int j, const std::uint32_t* masks) const {
   const auto& cols = packed.wide.sankoff;
   const std::size_t ns = cols.size();
   const std::uint32_t* fm = wclip_mask.data() + static_cast<std::size_t>(j) * ns;
-  std::int64_t least = 0;
-  // Costs are whole numbers: a column whose sets of least cost do not meet costs at least 1.
-  for (std::size_t q = 0; q < ns; ++q)
-    least += (fm[q] & masks[q]) == 0 ? static_cast<std::int64_t>(cols[q].weight) : 0;
+  // Costs are whole numbers: a column whose sets of least cost do not meet costs at least
+  // its weight.
+  block_bits.resize((ns + 63) / 64 + 1);
+  const std::int64_t least = nonmeeting(fm, masks, static_cast<int>(ns), block_bits.data()) * least_column_weight;
   return wclip_delta[j] + least * unit;
 }
 
