@@ -260,6 +260,7 @@ void Engine::init() {
   if (has_wide) {
     wide.init();
     wide2.init();
+    wide_prepare_terminals();
   }
 }
 

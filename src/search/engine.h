@@ -97,6 +97,7 @@ struct Engine {
   std::vector<std::uint64_t> join_bits;           // scratch of wide_join: columns to cost
   mutable std::vector<std::uint64_t> block_bits;  // scratch of wide_block_bound
   std::int64_t least_column_weight = 0;           // least weight of a Sankoff column
+  std::vector<std::uint32_t> term_masks;          // per terminal and Sankoff column: states of least cost seen from a parent
   std::vector<std::uint32_t> wblock;              // per block of targets and column: union of least-cost states
   // Least cost in units of rerooting j on any target whose least-cost states are within
   // the block's unions `masks` (the narrow part left out).
@@ -122,6 +123,7 @@ struct Engine {
   // Steps of a difference of join costs.
   double cost_to_steps(std::int64_t c) const { return has_wide ? static_cast<double>(c) / unit : static_cast<double>(c); }
   void wide_compute();                             // wide sets of the tree and wide_score
+  void wide_prepare_terminals();                   // term_masks and least_column_weight (after a pack)
   // Wide sets of the tree without clip n (parent p, sister s, p's parent g) and of the nc
   // rerootings of the clip listed in cnode.
   void wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc);

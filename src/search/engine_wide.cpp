@@ -113,8 +113,20 @@ inline std::uint32_t zero_states(const std::int32_t* x, int k) {
 
 }  // namespace
 
+void Engine::wide_prepare_terminals() {
+  const auto& cols = packed.wide.sankoff;
+  least_column_weight = least_weight(cols);
+  // States of least cost of each terminal seen from a parent: they never change.
+  std::int32_t seen[32];
+  term_masks.resize(static_cast<std::size_t>(nt) * cols.size() + 1);
+  for (int t = 0; t < nt; ++t)
+    for (std::size_t q = 0; q < cols.size(); ++q) {
+      optim::sankoff_from_child(cols[q], wide.D(t) + cols[q].offset, seen);
+      term_masks[static_cast<std::size_t>(t) * cols.size() + q] = zero_states(seen, cols[q].k);
+    }
+}
+
 void Engine::wide_compute() {
-  least_column_weight = least_weight(packed.wide.sankoff);
   const int cnt = inner_preorder();
   wide.compute(left.data(), right.data(), order.data(), cnt, true);
   wide.lift_all();
@@ -467,16 +479,21 @@ std::int32_t Engine::leaf_join(int t, int b, std::int32_t bound, std::int32_t* o
   // The terminal seen from the new node (its lifted set): the least cost from each state
   // of the node to one of the terminal's states.
   const std::int32_t* T = wide.L(t);
-  for (std::size_t q = 0; q < ns; ++q) {
-    const SankoffColumn& col = cols[q];
-    const std::int32_t* e = E2 + col.offset;
-    const std::int32_t* l = T + col.offset;
-    if (zero_states(l, col.k) & em[q]) continue;
-    std::int32_t m = wide_infinity;
-    for (int u = 0; u < col.k; ++u) m = std::min(m, e[u] + l[u]);
-    total += static_cast<std::int64_t>(m) * col.weight * unit;
-    if (total > bound) return 0;
-  }
+  const int words = static_cast<int>((ns + 63) / 64);
+  join_bits.resize(words + 1);
+  std::uint64_t* bits = join_bits.data();
+  const int count = nonmeeting(term_masks.data() + static_cast<std::size_t>(t) * ns, em, static_cast<int>(ns), bits);
+  if (total + count * least_column_weight * unit > bound) return 0;
+  for (int w = 0; w < words; ++w)
+    for (std::uint64_t b = bits[w]; b; b &= b - 1) {
+      const SankoffColumn& col = cols[static_cast<std::size_t>(w) * 64 + std::countr_zero(b)];
+      const std::int32_t* e = E2 + col.offset;
+      const std::int32_t* l = T + col.offset;
+      std::int32_t m = wide_infinity;
+      for (int u = 0; u < col.k; ++u) m = std::min(m, e[u] + l[u]);
+      total += static_cast<std::int64_t>(m) * col.weight * unit;
+      if (total > bound) return 0;
+    }
   for (int q = 0; q < C; ++q) {
     total += static_cast<std::int64_t>(distance(wide.CD(t) + 2 * q, wide.CE(b) + 2 * q)) * WC.cont[q].weight;
     if (total > bound) return 0;
