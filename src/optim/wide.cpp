@@ -103,7 +103,7 @@ void pack_wide_columns(WideColumns& w, const std::vector<int>& from_packed, cons
       }
       col.offset = w.vector_length;
       w.sankoff_of[c] = static_cast<int>(w.sankoff.size());
-      w.vector_length += std::max(col.k, wide_lanes);
+      w.vector_length += col.k;
       w.sankoff.push_back(std::move(col));
     } else if (r.is_continuous && r.format == qax::dataset::format_continuous && r.active && r.weight != 0) {
       w.cont_of[c] = static_cast<int>(w.cont.size());
@@ -172,7 +172,10 @@ __attribute__((target("avx2"))) void transfer_lanes_avx2(const std::int32_t* lan
     const __m256i row = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(lanes + a * wide_lanes));
     best = _mm256_min_epi32(best, _mm256_add_epi32(row, _mm256_set1_epi32(v[a])));
   }
-  _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), best);
+  // Only the column's own k entries are written: columns lie side by side in a vector.
+  alignas(32) static const std::int32_t first[16] = {-1, -1, -1, -1, -1, -1, -1, -1, 0, 0, 0, 0, 0, 0, 0, 0};
+  const __m256i keep = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(first + wide_lanes - k));
+  _mm256_maskstore_epi32(out, keep, best);
 }
 
 bool lanes_supported() noexcept {

@@ -41,7 +41,7 @@ struct ContinuousColumn {
 struct WideColumns {
   std::vector<SankoffColumn> sankoff;
   std::vector<ContinuousColumn> cont;
-  int vector_length = 0;             // sum of the Sankoff columns' spans: k, or 8 for k up to 8
+  int vector_length = 0;             // sum of k over the Sankoff columns
   std::vector<std::int32_t> term;    // nterm * vector_length: terminal cost vectors
   std::vector<std::int32_t> term_range;  // nterm * 2 * cont: terminal low and high values
   int unit = 1;                      // units of a step in integer costs: 1000 with continuous columns
@@ -54,8 +54,7 @@ struct WideColumns {
 // the characters packed as wide (Sankoff) and continuous characters are all taken.
 void pack_wide_columns(WideColumns& w, const std::vector<int>& from_packed, const std::vector<std::uint8_t>& sankoff_chars);
 
-// Lanes of a column: a column of up to 8 states spans 8 entries of a node's vector, and
-// the transfers below may write all 8 (the lanes past its states get wide_infinity).
+// Columns of up to this many states are transferred all states at once.
 constexpr int wide_lanes = 8;
 // cost[t][a] + v[a] minimised over a, for every t (v a column's vector): the cost seen from
 // a parent in state t of a child whose subtree costs v.
