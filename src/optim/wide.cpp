@@ -178,12 +178,59 @@ __attribute__((target("avx2"))) void transfer_lanes_avx2(const std::int32_t* lan
   _mm256_maskstore_epi32(out, keep, best);
 }
 
+__attribute__((target("avx2"))) std::int32_t sum_normalise_avx2(const std::int32_t* a, const std::int32_t* b,
+                                                                  std::int32_t* out, int k,
+                                                                  std::uint32_t* zeros) noexcept {
+  alignas(32) static const std::int32_t first[16] = {-1, -1, -1, -1, -1, -1, -1, -1, 0, 0, 0, 0, 0, 0, 0, 0};
+  const __m256i keep = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(first + wide_lanes - k));
+  const __m256i inf = _mm256_set1_epi32(wide_infinity);
+  __m256i x = _mm256_maskload_epi32(a, keep);
+  if (b) x = _mm256_min_epi32(_mm256_add_epi32(x, _mm256_maskload_epi32(b, keep)), inf);
+  x = _mm256_blendv_epi8(inf, x, keep);
+  __m256i m = _mm256_min_epi32(x, _mm256_permute2x128_si256(x, x, 1));
+  m = _mm256_min_epi32(m, _mm256_shuffle_epi32(m, 0x4E));
+  m = _mm256_min_epi32(m, _mm256_shuffle_epi32(m, 0xB1));
+  std::int32_t least = _mm256_cvtsi256_si32(m);
+  if (least >= wide_infinity) least = 0;
+  else if (least > 0) x = _mm256_sub_epi32(x, _mm256_and_si256(m, _mm256_cmpgt_epi32(inf, x)));
+  _mm256_maskstore_epi32(out, keep, x);
+  if (zeros)
+    *zeros = static_cast<std::uint32_t>(_mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpeq_epi32(x, _mm256_setzero_si256())))) &
+             ((1u << k) - 1);
+  return least;
+}
+
 bool lanes_supported() noexcept {
   __builtin_cpu_init();
   return __builtin_cpu_supports("avx2");
 }
 #else
 void transfer_lanes_avx2(const std::int32_t*, int, const std::int32_t*, std::int32_t*) noexcept {}
+std::int32_t sum_normalise_avx2(const std::int32_t*, const std::int32_t*, std::int32_t*, int, std::uint32_t*) noexcept {
+  return 0;
+}
+__attribute__((target("avx2"))) std::int32_t sum_normalise_avx2(const std::int32_t* a, const std::int32_t* b,
+                                                                  std::int32_t* out, int k,
+                                                                  std::uint32_t* zeros) noexcept {
+  alignas(32) static const std::int32_t first[16] = {-1, -1, -1, -1, -1, -1, -1, -1, 0, 0, 0, 0, 0, 0, 0, 0};
+  const __m256i keep = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(first + wide_lanes - k));
+  const __m256i inf = _mm256_set1_epi32(wide_infinity);
+  __m256i x = _mm256_maskload_epi32(a, keep);
+  if (b) x = _mm256_min_epi32(_mm256_add_epi32(x, _mm256_maskload_epi32(b, keep)), inf);
+  x = _mm256_blendv_epi8(inf, x, keep);
+  __m256i m = _mm256_min_epi32(x, _mm256_permute2x128_si256(x, x, 1));
+  m = _mm256_min_epi32(m, _mm256_shuffle_epi32(m, 0x4E));
+  m = _mm256_min_epi32(m, _mm256_shuffle_epi32(m, 0xB1));
+  std::int32_t least = _mm256_cvtsi256_si32(m);
+  if (least >= wide_infinity) least = 0;
+  else if (least > 0) x = _mm256_sub_epi32(x, _mm256_and_si256(m, _mm256_cmpgt_epi32(inf, x)));
+  _mm256_maskstore_epi32(out, keep, x);
+  if (zeros)
+    *zeros = static_cast<std::uint32_t>(_mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpeq_epi32(x, _mm256_setzero_si256())))) &
+             ((1u << k) - 1);
+  return least;
+}
+
 bool lanes_supported() noexcept { return false; }
 #endif
 
@@ -209,6 +256,27 @@ inline void transfer(const SankoffColumn& col, const std::int32_t* v, std::int32
 }
 
 }  // namespace
+
+std::int32_t sankoff_sum_normalise(const SankoffColumn& col, const std::int32_t* a, const std::int32_t* b,
+                                   std::int32_t* out, std::uint32_t* zeros) noexcept {
+  if (use_lanes && !col.lanes.empty()) return sum_normalise_avx2(a, b, out, col.k, zeros);
+  const int k = col.k;
+  std::int32_t least = wide_infinity;
+  for (int s = 0; s < k; ++s) {
+    out[s] = b ? sat(std::int64_t{a[s]} + b[s]) : a[s];
+    least = std::min(least, out[s]);
+  }
+  if (least >= wide_infinity) least = 0;
+  else if (least > 0)
+    for (int s = 0; s < k; ++s)
+      if (out[s] < wide_infinity) out[s] -= least;
+  if (zeros) {
+    std::uint32_t z = 0;
+    for (int s = 0; s < k; ++s) z |= static_cast<std::uint32_t>(out[s] == 0) << s;
+    *zeros = z;
+  }
+  return least;
+}
 
 void sankoff_from_child(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept {
   transfer<false>(col, v, out);

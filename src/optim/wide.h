@@ -62,6 +62,11 @@ void sankoff_from_child(const SankoffColumn& col, const std::int32_t* v, std::in
 // cost[a][t] + v[a] minimised over a: the cost seen from a child in state t of a parent side
 // whose cost is v.
 void sankoff_from_parent(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept;
+// out = a + b over the column's states (wide_infinity at most), less its least cost, which is
+// returned (0 when no state is allowed); b may be null (out = a normalised). With `zeros`,
+// the states of cost 0 of out as bits.
+std::int32_t sankoff_sum_normalise(const SankoffColumn& col, const std::int32_t* a, const std::int32_t* b,
+                                   std::int32_t* out, std::uint32_t* zeros = nullptr) noexcept;
 
 // Per-node wide sets of one binary tree (packed numbering, root nterm) and its score. Every
 // Sankoff vector is kept normalised (least cost 0 in each column); the normalisers add up

@@ -168,10 +168,8 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       const SankoffColumn& col = cols[q];
       optim::sankoff_from_child(col, dsib + col.offset, ta0 + col.offset);
       optim::sankoff_from_parent(col, uparent + col.offset, tb0 + col.offset);
-      std::int32_t* x = out + col.offset;
-      for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{ta0[col.offset + st]} + tb0[col.offset + st]);
-      normalise(x, col.k);
-      return std::memcmp(x, cout == nullptr ? x : x, 0) == 0;
+      optim::sankoff_sum_normalise(col, ta0 + col.offset, tb0 + col.offset, out + col.offset);
+      return true;
     }
     const int j = q - static_cast<int>(ns);
     combine(cuparent + 2 * j, csib + 2 * j, cout + 2 * j);
@@ -201,10 +199,7 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
         const SankoffColumn& col = cols[q];
         optim::sankoff_from_child(col, d + col.offset, ta0 + col.offset);
         optim::sankoff_from_parent(col, u + col.offset, tb0 + col.offset);
-        std::int32_t* x = e + col.offset;
-        for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{ta0[col.offset + st]} + tb0[col.offset + st]);
-        normalise(x, col.k);
-        m[q] = zero_states(x, col.k);
+        optim::sankoff_sum_normalise(col, ta0 + col.offset, tb0 + col.offset, e + col.offset, &m[q]);
       } else {
         const int j = q - static_cast<int>(ns);
         combine(cd + 2 * j, cu + 2 * j, ce + 2 * j);
@@ -303,10 +298,7 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
         if (q < static_cast<int>(ns)) {
           const SankoffColumn& col = cols[q];
           optim::sankoff_from_child(col, dc + col.offset, ta0 + col.offset);
-          const std::int32_t* lo2 = wide.L(o) + col.offset;
-          std::int32_t* x = wide2.D(v) + col.offset;
-          for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{ta0[col.offset + st]} + lo2[st]);
-          normalise(x, col.k);
+          optim::sankoff_sum_normalise(col, ta0 + col.offset, wide.L(o) + col.offset, wide2.D(v) + col.offset);
         } else {
           const int j = q - static_cast<int>(ns);
           combine(cdc + 2 * j, wide.CD(o) + 2 * j, wide2.CD(v) + 2 * j);
@@ -359,11 +351,8 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
         const int c = side ? right[v] : left[v], sib = side ? left[v] : right[v];
         for (std::size_t q = 0; q < ns; ++q) {
           const SankoffColumn& col = cols[q];
-          const std::int32_t* la = wide.L(sib) + col.offset;
           optim::sankoff_from_child(col, O(v) + col.offset, tb + col.offset);
-          std::int32_t* x = O(c) + col.offset;
-          for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{la[st]} + tb[col.offset + st]);
-          const std::int32_t m = normalise(x, col.k);
+          const std::int32_t m = optim::sankoff_sum_normalise(col, wide.L(sib) + col.offset, tb + col.offset, O(c) + col.offset);
           OK(c)[q] = sat(std::int64_t{m} + KD(sib, q) + OK(v)[q]);
         }
         for (int j = 0; j < C; ++j) combine(wide.CD(sib) + 2 * j, OR(v) + 2 * j, OR(c) + 2 * j);
@@ -387,16 +376,14 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       const std::int32_t* root = dn + col.offset;
       std::int32_t m_root = 0;
       if (!identity) {
-        const std::int32_t* la = wide.L(v) + col.offset;
         optim::sankoff_from_child(col, O(v) + col.offset, tb + col.offset);
-        for (int st = 0; st < col.k; ++st) tc[col.offset + st] = sat(std::int64_t{la[st]} + tb[col.offset + st]);
-        m_root = normalise(tc + col.offset, col.k);
+        m_root = optim::sankoff_sum_normalise(col, wide.L(v) + col.offset, tb + col.offset, tc + col.offset);
         root = tc + col.offset;
       }
       if (identity) copy_bytes(F + col.offset, wide.L(n) + col.offset, sizeof(std::int32_t) * col.k);
       else optim::sankoff_from_child(col, root, F + col.offset);
-      const std::int32_t m_f = normalise(F + col.offset, col.k);
-      wclip_mask[static_cast<std::size_t>(j) * ns + q] = zero_states(F + col.offset, col.k);
+      const std::int32_t m_f =
+          optim::sankoff_sum_normalise(col, F + col.offset, nullptr, F + col.offset, &wclip_mask[static_cast<std::size_t>(j) * ns + q]);
       if (asymmetric && col.asymmetric && !identity) {
         // What the clip costs rooted here, against what it costs where it is.
         const std::int64_t here = std::int64_t{m_f} + m_root + KD(v, q) + OK(v)[q];
@@ -558,10 +545,7 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
         const int q = i * 64 + __builtin_ctzll(m);
         if (q < ns) {
           const SankoffColumn& col = cols[q];
-          const std::int32_t* la = wide.L(a) + col.offset;
-          const std::int32_t* lb = wide.L(b) + col.offset;
-          for (int st = 0; st < col.k; ++st) tc[st] = sat(std::int64_t{la[st]} + lb[st]);
-          const std::int32_t mn = normalise(tc, col.k);
+          const std::int32_t mn = optim::sankoff_sum_normalise(col, wide.L(a) + col.offset, wide.L(b) + col.offset, tc);
           std::int32_t& old_min = wide.node_min[static_cast<std::size_t>(v) * ns + q];
           if (v == nt) {
             // The root: states restricted, then its least cost.
@@ -622,7 +606,7 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
         optim::sankoff_from_parent(col, wide.U(v) + col.offset, tb);
         for (int st = 0; st < col.k; ++st) tc[st] = sat(std::int64_t{ta[st]} + tb[st]);
       }
-      normalise(tc, col.k);
+      optim::sankoff_sum_normalise(col, tc, nullptr, tc);
       std::int32_t* x = wide.U(c) + col.offset;
       if (std::memcmp(x, tc, sizeof(std::int32_t) * col.k) != 0) {
         copy_bytes(x, tc, sizeof(std::int32_t) * col.k);
@@ -681,12 +665,8 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
           const int q = i * 64 + __builtin_ctzll(m);
           if (q < ns) {
             const SankoffColumn& col = cols[q];
-            const std::int32_t* lc = wide.L(c) + col.offset;
             optim::sankoff_from_parent(col, wide.U(c) + col.offset, tb);
-            std::int32_t* x = wide.E(c) + col.offset;
-            for (int st = 0; st < col.k; ++st) x[st] = sat(std::int64_t{lc[st]} + tb[st]);
-            normalise(x, col.k);
-            masks[q] = zero_states(x, col.k);
+            optim::sankoff_sum_normalise(col, wide.L(c) + col.offset, tb, wide.E(c) + col.offset, &masks[q]);
           } else {
             const int j = q - ns;
             combine(wide.CD(c) + 2 * j, wide.CU(c) + 2 * j, wide.CE(c) + 2 * j);
