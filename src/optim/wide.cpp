@@ -163,6 +163,23 @@ inline void transfer_any(int k, const std::int32_t* c, const std::int32_t* v, st
 }
 
 #if defined(__x86_64__) || defined(__i386__)
+// The first k lanes of x into out[0..k): plain stores, overlapping for k below 8, which are
+// much faster than a masked store on some processors.
+__attribute__((target("avx2"))) inline void store_lanes(std::int32_t* out, __m256i x, int k) noexcept {
+  if (k == 8) {
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), x);
+  } else if (k >= 4) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(x));
+    const __m256i from = _mm256_add_epi32(_mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7), _mm256_set1_epi32(k - 4));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + k - 4), _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(x, from)));
+  } else if (k >= 2) {
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(x));
+    if (k == 3) out[2] = _mm256_extract_epi32(x, 2);
+  } else if (k == 1) {
+    out[0] = _mm256_cvtsi256_si32(x);
+  }
+}
+
 // Eight states at once: for each state a of the other end, its cost plus the lanes of row a,
 // the least kept per lane. Chosen once at start where the processor has AVX2.
 __attribute__((target("avx2"))) void transfer_lanes_avx2(const std::int32_t* lanes, int k, const std::int32_t* v,
@@ -173,19 +190,32 @@ __attribute__((target("avx2"))) void transfer_lanes_avx2(const std::int32_t* lan
     best = _mm256_min_epi32(best, _mm256_add_epi32(row, _mm256_set1_epi32(v[a])));
   }
   // Only the column's own k entries are written: columns lie side by side in a vector.
-  alignas(32) static const std::int32_t first[16] = {-1, -1, -1, -1, -1, -1, -1, -1, 0, 0, 0, 0, 0, 0, 0, 0};
-  const __m256i keep = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(first + wide_lanes - k));
-  _mm256_maskstore_epi32(out, keep, best);
+  store_lanes(out, best, k);
 }
 
-__attribute__((target("avx2"))) std::int32_t sum_normalise_avx2(const std::int32_t* a, const std::int32_t* b,
-                                                                  std::int32_t* out, int k,
-                                                                  std::uint32_t* zeros) noexcept {
+// One operand of a combination in lanes: the vector as it is (lanes past k get 0), or
+// transferred from a child or from a parent.
+__attribute__((target("avx2"))) inline __m256i operand_lanes(const SankoffColumn& col, const std::int32_t* v, int how,
+                                                            __m256i keep) noexcept {
+  if (how == combine_plain) return _mm256_maskload_epi32(v, keep);
+  const std::int32_t* lanes = col.lanes.data() + (how == combine_from_parent ? col.k * wide_lanes : 0);
+  __m256i best = _mm256_set1_epi32(wide_infinity);
+  for (int a = 0; a < col.k; ++a) {
+    const __m256i row = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(lanes + a * wide_lanes));
+    best = _mm256_min_epi32(best, _mm256_add_epi32(row, _mm256_set1_epi32(v[a])));
+  }
+  return best;
+}
+
+__attribute__((target("avx2"))) std::int32_t combine_lanes(const SankoffColumn& col, const std::int32_t* a, int how_a,
+                                                            const std::int32_t* b, int how_b, std::int32_t* out,
+                                                            std::uint32_t* zeros) noexcept {
   alignas(32) static const std::int32_t first[16] = {-1, -1, -1, -1, -1, -1, -1, -1, 0, 0, 0, 0, 0, 0, 0, 0};
+  const int k = col.k;
   const __m256i keep = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(first + wide_lanes - k));
   const __m256i inf = _mm256_set1_epi32(wide_infinity);
-  __m256i x = _mm256_maskload_epi32(a, keep);
-  if (b) x = _mm256_min_epi32(_mm256_add_epi32(x, _mm256_maskload_epi32(b, keep)), inf);
+  __m256i x = operand_lanes(col, a, how_a, keep);
+  if (b) x = _mm256_min_epi32(_mm256_add_epi32(x, operand_lanes(col, b, how_b, keep)), inf);
   x = _mm256_blendv_epi8(inf, x, keep);
   __m256i m = _mm256_min_epi32(x, _mm256_permute2x128_si256(x, x, 1));
   m = _mm256_min_epi32(m, _mm256_shuffle_epi32(m, 0x4E));
@@ -193,7 +223,7 @@ __attribute__((target("avx2"))) std::int32_t sum_normalise_avx2(const std::int32
   std::int32_t least = _mm256_cvtsi256_si32(m);
   if (least >= wide_infinity) least = 0;
   else if (least > 0) x = _mm256_sub_epi32(x, _mm256_and_si256(m, _mm256_cmpgt_epi32(inf, x)));
-  _mm256_maskstore_epi32(out, keep, x);
+  store_lanes(out, x, k);
   if (zeros)
     *zeros = static_cast<std::uint32_t>(_mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpeq_epi32(x, _mm256_setzero_si256())))) &
              ((1u << k) - 1);
@@ -206,31 +236,10 @@ bool lanes_supported() noexcept {
 }
 #else
 void transfer_lanes_avx2(const std::int32_t*, int, const std::int32_t*, std::int32_t*) noexcept {}
-std::int32_t sum_normalise_avx2(const std::int32_t*, const std::int32_t*, std::int32_t*, int, std::uint32_t*) noexcept {
+std::int32_t combine_lanes(const SankoffColumn&, const std::int32_t*, int, const std::int32_t*, int, std::int32_t*,
+                           std::uint32_t*) noexcept {
   return 0;
 }
-__attribute__((target("avx2"))) std::int32_t sum_normalise_avx2(const std::int32_t* a, const std::int32_t* b,
-                                                                  std::int32_t* out, int k,
-                                                                  std::uint32_t* zeros) noexcept {
-  alignas(32) static const std::int32_t first[16] = {-1, -1, -1, -1, -1, -1, -1, -1, 0, 0, 0, 0, 0, 0, 0, 0};
-  const __m256i keep = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(first + wide_lanes - k));
-  const __m256i inf = _mm256_set1_epi32(wide_infinity);
-  __m256i x = _mm256_maskload_epi32(a, keep);
-  if (b) x = _mm256_min_epi32(_mm256_add_epi32(x, _mm256_maskload_epi32(b, keep)), inf);
-  x = _mm256_blendv_epi8(inf, x, keep);
-  __m256i m = _mm256_min_epi32(x, _mm256_permute2x128_si256(x, x, 1));
-  m = _mm256_min_epi32(m, _mm256_shuffle_epi32(m, 0x4E));
-  m = _mm256_min_epi32(m, _mm256_shuffle_epi32(m, 0xB1));
-  std::int32_t least = _mm256_cvtsi256_si32(m);
-  if (least >= wide_infinity) least = 0;
-  else if (least > 0) x = _mm256_sub_epi32(x, _mm256_and_si256(m, _mm256_cmpgt_epi32(inf, x)));
-  _mm256_maskstore_epi32(out, keep, x);
-  if (zeros)
-    *zeros = static_cast<std::uint32_t>(_mm256_movemask_ps(_mm256_castsi256_ps(_mm256_cmpeq_epi32(x, _mm256_setzero_si256())))) &
-             ((1u << k) - 1);
-  return least;
-}
-
 bool lanes_supported() noexcept { return false; }
 #endif
 
@@ -257,13 +266,22 @@ inline void transfer(const SankoffColumn& col, const std::int32_t* v, std::int32
 
 }  // namespace
 
-std::int32_t sankoff_sum_normalise(const SankoffColumn& col, const std::int32_t* a, const std::int32_t* b,
-                                   std::int32_t* out, std::uint32_t* zeros) noexcept {
-  if (use_lanes && !col.lanes.empty()) return sum_normalise_avx2(a, b, out, col.k, zeros);
+std::int32_t sankoff_combine(const SankoffColumn& col, const std::int32_t* a, int how_a, const std::int32_t* b,
+                             int how_b, std::int32_t* out, std::uint32_t* zeros) noexcept {
+  if (use_lanes && !col.lanes.empty()) return combine_lanes(col, a, how_a, b, how_b, out, zeros);
   const int k = col.k;
+  std::int32_t ta[32], tb[32];
+  auto take = [&](const std::int32_t* v, int how, std::int32_t* t) -> const std::int32_t* {
+    if (how == combine_plain) return v;
+    if (how == combine_from_child) transfer<false>(col, v, t);
+    else transfer<true>(col, v, t);
+    return t;
+  };
+  const std::int32_t* x = take(a, how_a, ta);
+  const std::int32_t* y = b ? take(b, how_b, tb) : nullptr;
   std::int32_t least = wide_infinity;
   for (int s = 0; s < k; ++s) {
-    out[s] = b ? sat(std::int64_t{a[s]} + b[s]) : a[s];
+    out[s] = y ? sat(std::int64_t{x[s]} + y[s]) : x[s];
     least = std::min(least, out[s]);
   }
   if (least >= wide_infinity) least = 0;

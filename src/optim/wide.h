@@ -62,11 +62,14 @@ void sankoff_from_child(const SankoffColumn& col, const std::int32_t* v, std::in
 // cost[a][t] + v[a] minimised over a: the cost seen from a child in state t of a parent side
 // whose cost is v.
 void sankoff_from_parent(const SankoffColumn& col, const std::int32_t* v, std::int32_t* out) noexcept;
-// out = a + b over the column's states (wide_infinity at most), less its least cost, which is
-// returned (0 when no state is allowed); b may be null (out = a normalised). With `zeros`,
-// the states of cost 0 of out as bits.
-std::int32_t sankoff_sum_normalise(const SankoffColumn& col, const std::int32_t* a, const std::int32_t* b,
-                                   std::int32_t* out, std::uint32_t* zeros = nullptr) noexcept;
+// How an operand of sankoff_combine is taken: as it is, or seen across a branch (the
+// transfers above) from a child or from a parent.
+enum : int { combine_plain = 0, combine_from_child = 1, combine_from_parent = 2 };
+// out = a + b over the column's states (wide_infinity at most), each operand taken as `how`
+// says, less the least cost, which is returned (0 when no state is allowed); b may be null
+// (out = a normalised). With `zeros`, the states of cost 0 of out as bits. out may be a.
+std::int32_t sankoff_combine(const SankoffColumn& col, const std::int32_t* a, int how_a, const std::int32_t* b,
+                             int how_b, std::int32_t* out, std::uint32_t* zeros = nullptr) noexcept;
 
 // Per-node wide sets of one binary tree (packed numbering, root nterm) and its score. Every
 // Sankoff vector is kept normalised (least cost 0 in each column); the normalisers add up

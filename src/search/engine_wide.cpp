@@ -159,16 +159,12 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
   const int ncols = static_cast<int>(ns) + C;
   wcols.resize(static_cast<std::size_t>(nn) * ncols + 1);
   wcount.resize(nn);
-  std::int32_t* ta0 = wide2.scratch.data();
-  std::int32_t* tb0 = ta0 + V;
   // Column q of a node: Sankoff columns first, then continuous ones.
   auto up_col = [&](int q, const std::int32_t* dsib, const std::int32_t* uparent, const std::int32_t* csib,
                     const std::int32_t* cuparent, std::int32_t* out, std::int32_t* cout) {
     if (q < static_cast<int>(ns)) {
       const SankoffColumn& col = cols[q];
-      optim::sankoff_from_child(col, dsib + col.offset, ta0 + col.offset);
-      optim::sankoff_from_parent(col, uparent + col.offset, tb0 + col.offset);
-      optim::sankoff_sum_normalise(col, ta0 + col.offset, tb0 + col.offset, out + col.offset);
+      optim::sankoff_combine(col, dsib + col.offset, optim::combine_from_child, uparent + col.offset, optim::combine_from_parent, out + col.offset);
       return true;
     }
     const int j = q - static_cast<int>(ns);
@@ -197,9 +193,7 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       const int q = list[i];
       if (q < static_cast<int>(ns)) {
         const SankoffColumn& col = cols[q];
-        optim::sankoff_from_child(col, d + col.offset, ta0 + col.offset);
-        optim::sankoff_from_parent(col, u + col.offset, tb0 + col.offset);
-        optim::sankoff_sum_normalise(col, ta0 + col.offset, tb0 + col.offset, e + col.offset, &m[q]);
+        optim::sankoff_combine(col, d + col.offset, optim::combine_from_child, u + col.offset, optim::combine_from_parent, e + col.offset, &m[q]);
       } else {
         const int j = q - static_cast<int>(ns);
         combine(cd + 2 * j, cu + 2 * j, ce + 2 * j);
@@ -297,8 +291,7 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
         const int q = path_cols[i];
         if (q < static_cast<int>(ns)) {
           const SankoffColumn& col = cols[q];
-          optim::sankoff_from_child(col, dc + col.offset, ta0 + col.offset);
-          optim::sankoff_sum_normalise(col, ta0 + col.offset, wide.L(o) + col.offset, wide2.D(v) + col.offset);
+          optim::sankoff_combine(col, dc + col.offset, optim::combine_from_child, wide.L(o) + col.offset, optim::combine_plain, wide2.D(v) + col.offset);
         } else {
           const int j = q - static_cast<int>(ns);
           combine(cdc + 2 * j, wide.CD(o) + 2 * j, wide2.CD(v) + 2 * j);
@@ -351,8 +344,8 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
         const int c = side ? right[v] : left[v], sib = side ? left[v] : right[v];
         for (std::size_t q = 0; q < ns; ++q) {
           const SankoffColumn& col = cols[q];
-          optim::sankoff_from_child(col, O(v) + col.offset, tb + col.offset);
-          const std::int32_t m = optim::sankoff_sum_normalise(col, wide.L(sib) + col.offset, tb + col.offset, O(c) + col.offset);
+          const std::int32_t m =
+              optim::sankoff_combine(col, wide.L(sib) + col.offset, optim::combine_plain, O(v) + col.offset, optim::combine_from_child, O(c) + col.offset);
           OK(c)[q] = sat(std::int64_t{m} + KD(sib, q) + OK(v)[q]);
         }
         for (int j = 0; j < C; ++j) combine(wide.CD(sib) + 2 * j, OR(v) + 2 * j, OR(c) + 2 * j);
@@ -376,14 +369,13 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       const std::int32_t* root = dn + col.offset;
       std::int32_t m_root = 0;
       if (!identity) {
-        optim::sankoff_from_child(col, O(v) + col.offset, tb + col.offset);
-        m_root = optim::sankoff_sum_normalise(col, wide.L(v) + col.offset, tb + col.offset, tc + col.offset);
+        m_root = optim::sankoff_combine(col, wide.L(v) + col.offset, optim::combine_plain, O(v) + col.offset, optim::combine_from_child, tc + col.offset);
         root = tc + col.offset;
       }
-      if (identity) copy_bytes(F + col.offset, wide.L(n) + col.offset, sizeof(std::int32_t) * col.k);
-      else optim::sankoff_from_child(col, root, F + col.offset);
-      const std::int32_t m_f =
-          optim::sankoff_sum_normalise(col, F + col.offset, nullptr, F + col.offset, &wclip_mask[static_cast<std::size_t>(j) * ns + q]);
+      std::uint32_t* fmask = &wclip_mask[static_cast<std::size_t>(j) * ns + q];
+      const std::int32_t m_f = identity
+                                   ? optim::sankoff_combine(col, wide.L(n) + col.offset, optim::combine_plain, nullptr, optim::combine_plain, F + col.offset, fmask)
+                                   : optim::sankoff_combine(col, root, optim::combine_from_child, nullptr, optim::combine_plain, F + col.offset, fmask);
       if (asymmetric && col.asymmetric && !identity) {
         // What the clip costs rooted here, against what it costs where it is.
         const std::int64_t here = std::int64_t{m_f} + m_root + KD(v, q) + OK(v)[q];
@@ -545,7 +537,7 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
         const int q = i * 64 + __builtin_ctzll(m);
         if (q < ns) {
           const SankoffColumn& col = cols[q];
-          const std::int32_t mn = optim::sankoff_sum_normalise(col, wide.L(a) + col.offset, wide.L(b) + col.offset, tc);
+          const std::int32_t mn = optim::sankoff_combine(col, wide.L(a) + col.offset, optim::combine_plain, wide.L(b) + col.offset, optim::combine_plain, tc);
           std::int32_t& old_min = wide.node_min[static_cast<std::size_t>(v) * ns + q];
           if (v == nt) {
             // The root: states restricted, then its least cost.
@@ -599,14 +591,13 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
     std::uint64_t* uc = bits_of(ubits, c);
     if (q < ns) {
       const SankoffColumn& col = cols[q];
-      copy_bytes(ta, wide.L(sib) + col.offset, sizeof(std::int32_t) * col.k);
       if (v == nt) {
-        for (int st = 0; st < col.k; ++st) tc[st] = (col.root_mask >> st & 1) ? ta[st] : wide_infinity;
+        const std::int32_t* la = wide.L(sib) + col.offset;
+        for (int st = 0; st < col.k; ++st) tc[st] = (col.root_mask >> st & 1) ? la[st] : wide_infinity;
+        optim::sankoff_combine(col, tc, optim::combine_plain, nullptr, optim::combine_plain, tc);
       } else {
-        optim::sankoff_from_parent(col, wide.U(v) + col.offset, tb);
-        for (int st = 0; st < col.k; ++st) tc[st] = sat(std::int64_t{ta[st]} + tb[st]);
+        optim::sankoff_combine(col, wide.L(sib) + col.offset, optim::combine_plain, wide.U(v) + col.offset, optim::combine_from_parent, tc);
       }
-      optim::sankoff_sum_normalise(col, tc, nullptr, tc);
       std::int32_t* x = wide.U(c) + col.offset;
       if (std::memcmp(x, tc, sizeof(std::int32_t) * col.k) != 0) {
         copy_bytes(x, tc, sizeof(std::int32_t) * col.k);
@@ -665,8 +656,8 @@ void Engine::wide_update(const std::vector<int>& old_left, const std::vector<int
           const int q = i * 64 + __builtin_ctzll(m);
           if (q < ns) {
             const SankoffColumn& col = cols[q];
-            optim::sankoff_from_parent(col, wide.U(c) + col.offset, tb);
-            optim::sankoff_sum_normalise(col, wide.L(c) + col.offset, tb, wide.E(c) + col.offset, &masks[q]);
+            optim::sankoff_combine(col, wide.L(c) + col.offset, optim::combine_plain, wide.U(c) + col.offset, optim::combine_from_parent, wide.E(c) + col.offset,
+                                   &masks[q]);
           } else {
             const int j = q - ns;
             combine(wide.CD(c) + 2 * j, wide.CU(c) + 2 * j, wide.CE(c) + 2 * j);
