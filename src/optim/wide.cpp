@@ -337,14 +337,10 @@ void WideState::down_node_into(const std::int32_t* dl, const std::int32_t* dr, c
                                const std::int32_t* cr, std::int32_t* out, std::int32_t* cout,
                                std::int32_t* minima) {
   const WideColumns& w = packed.wide;
-  std::int32_t* a = scratch.data();
-  std::int32_t* b = a + V;
   for (std::size_t j = 0; j < w.sankoff.size(); ++j) {
     const SankoffColumn& col = w.sankoff[j];
-    sankoff_from_child(col, dl + col.offset, a + col.offset);
-    sankoff_from_child(col, dr + col.offset, b + col.offset);
-    for (int s = 0; s < col.k; ++s) out[col.offset + s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
-    const std::int32_t m = normalise_column(out + col.offset, col.k);
+    const std::int32_t m =
+        sankoff_combine(col, dl + col.offset, combine_from_child, dr + col.offset, combine_from_child, out + col.offset);
     if (minima) minima[j] = m;
   }
   for (int j = 0; j < C; ++j) combine(cl + 2 * j, cr + 2 * j, cout + 2 * j);
@@ -353,32 +349,18 @@ void WideState::down_node_into(const std::int32_t* dl, const std::int32_t* dr, c
 void WideState::up_node_into(const std::int32_t* dsib, const std::int32_t* uparent, const std::int32_t* csib,
                              const std::int32_t* cuparent, std::int32_t* out, std::int32_t* cout) {
   const WideColumns& w = packed.wide;
-  std::int32_t* a = scratch.data();
-  std::int32_t* b = a + V;
-  for (const SankoffColumn& col : w.sankoff) {
-    sankoff_from_child(col, dsib + col.offset, a + col.offset);
-    sankoff_from_parent(col, uparent + col.offset, b + col.offset);
-    for (int s = 0; s < col.k; ++s) out[col.offset + s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
-    normalise_column(out + col.offset, col.k);
-  }
+  for (const SankoffColumn& col : w.sankoff)
+    sankoff_combine(col, dsib + col.offset, combine_from_child, uparent + col.offset, combine_from_parent, out + col.offset);
   for (int j = 0; j < C; ++j) combine(cuparent + 2 * j, csib + 2 * j, cout + 2 * j);
 }
 
 void WideState::edge_into(const std::int32_t* d, const std::int32_t* u, const std::int32_t* cd, const std::int32_t* cu,
                           std::int32_t* out, std::int32_t* cout, std::uint32_t* masks) {
   const WideColumns& w = packed.wide;
-  std::int32_t* a = scratch.data();
-  std::int32_t* b = a + V;
   for (std::size_t j = 0; j < w.sankoff.size(); ++j) {
     const SankoffColumn& col = w.sankoff[j];
-    sankoff_from_child(col, d + col.offset, a + col.offset);
-    sankoff_from_parent(col, u + col.offset, b + col.offset);
-    std::int32_t* x = out + col.offset;
-    for (int s = 0; s < col.k; ++s) x[s] = sat(std::int64_t{a[col.offset + s]} + b[col.offset + s]);
-    normalise_column(x, col.k);
     std::uint32_t mask = 0;
-    for (int s = 0; s < col.k; ++s)
-      if (x[s] == 0) mask |= 1u << s;
+    sankoff_combine(col, d + col.offset, combine_from_child, u + col.offset, combine_from_parent, out + col.offset, &mask);
     if (masks) masks[j] = mask;
   }
   for (int j = 0; j < C; ++j) combine(cd + 2 * j, cu + 2 * j, cout + 2 * j);
