@@ -283,7 +283,7 @@ void continuous_facts(const std::vector<std::vector<int>>& kids, const std::vect
   });
 }
 
-void polytomy_facts(const std::int32_t* tree, int ntax, bool raw_view, EdgeFacts& f) {
+void polytomy_facts(const std::int32_t* tree, int ntax, bool raw_view, EdgeFacts& f, bool wide_only = false) {
   constexpr long long inf = LLONG_MAX / 8;
   const int end = std::max(tree[ntax], ntax + 1);
   std::vector<std::vector<int>> kids(end);
@@ -303,6 +303,7 @@ void polytomy_facts(const std::int32_t* tree, int ntax, bool raw_view, EdgeFacts
   for (int c = 0; c < dataset.nchar; ++c) {
     const auto& ch = dataset.chars[c];
     if (!ch.active || (!ch.is_continuous && !sc.scored(c))) continue;
+    if (wide_only && !ch.is_continuous && !(c < static_cast<int>(packed.char_wide.size()) && packed.char_wide[c])) continue;
     if (ch.is_continuous) {
       if (ch.format == dataset::format_continuous) continuous_facts(kids, pre, ntax, c, f);
       continue;
@@ -413,8 +414,10 @@ void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, co
     return;
   }
   // Trees with polytomies, and any tree when cost tables are packed apart from the words:
-  // one character at a time.
-  if (w.polytomy || packed.wide.any()) {
+  // one character at a time. Binary trees under rule 1 and the ambiguity rule take the
+  // packed columns from their words and only the wide characters one at a time.
+  const bool split = !w.polytomy && packed.wide.any() && !ignore && (rule == collapse_rule1 || rule == collapse_amb);
+  if (w.polytomy || (packed.wide.any() && !split)) {
     EdgeFacts f;
     polytomy_facts(tree, ntax, rule == collapse_rule3, f);
     for (int v = ntax + 1; v < end; ++v) {
@@ -424,6 +427,8 @@ void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, co
     }
     return;
   }
+  EdgeFacts wide_facts;
+  if (split) polytomy_facts(tree, ntax, false, wide_facts, true);
   std::vector<std::uint8_t> max_change;
   if (rule == collapse_rule3) max_length_flags(w, max_change);
   const Layout& L = packed.layout;
@@ -447,6 +452,7 @@ void collapse_tree(const std::int32_t* tree, std::vector<std::uint8_t>& keep, co
     } else {
       stays = some_field_empty(L, final_of_node(w, n), final_of_node(w, m));
     }
+    if (split && !stays) stays = rule == collapse_amb ? wide_facts.differ[v] != 0 : wide_facts.zero[v] == 0;
     keep[v] = stays ? 1 : 0;
   }
 }

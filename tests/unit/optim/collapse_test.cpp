@@ -14,6 +14,7 @@
 
 #include "app/program.h"
 #include "common/data_fixtures.h"
+#include "dataset/costs.h"
 #include "dataset/dataset.h"
 #include "optim/collapse.h"
 #include "optim/packed.h"
@@ -267,3 +268,44 @@ TEST(Collapse, CollapsingOneBranchKeepsLength) {
   EXPECT_GT(poly_singles, 0);
   EXPECT_GT(longer, 0);  // random trees on random data do have such cases
 }
+
+namespace {
+
+// Binary trees with step-matrix characters: rule 1 and the ambiguity rule take the packed
+// columns from their words and the step matrices one at a time; the result must be that of
+// taking every character one at a time (what a list of ignored taxa, here empty, asks for).
+TEST(Collapse, StepMatricesBesidePackedColumnsCollapseAsCharacterByCharacter) {
+  std::mt19937 rng(5151);
+  int kept = 0, collapsed = 0;
+  for (int rep = 0; rep < 150; ++rep) {
+    const int ntax = 5 + rng() % 6, nchar = 2 + rng() % 5;
+    random_matrix(rng, ntax, nchar);
+    ds::reset_cost_state();
+    // One or two characters get a step matrix of unequal costs (triangles kept).
+    for (int n = 0; n < 1 + rep % 2; ++n) {
+      const int c = static_cast<int>(rng() % nchar);
+      std::int32_t* t = ds::cost_table_for_edit(c);
+      for (int i = 0; i < 4; ++i)
+        for (int j = 0; j < 4; ++j) t[i * ds::cost_states + j] = i == j ? 0 : 2 + static_cast<int>(rng() % 2) - (std::abs(i - j) == 1);
+      ds::dataset.chars[c].sankoff = 1;
+      ds::dataset.chars[c].additive = 0;
+    }
+    pack_data();
+    if (!packed.wide.any()) continue;
+    const auto parent = random_parent(rng, ntax);
+    const std::vector<std::uint8_t> none(ntax, 0);
+    for (int rule : {collapse_rule1, collapse_amb}) {
+      std::vector<std::uint8_t> split, whole;
+      collapse_tree(parent.data(), split, nullptr, rule);
+      collapse_tree(parent.data(), whole, none.data(), rule);
+      for (int v = ntax + 1; v < 2 * ntax - 1; ++v) {
+        ASSERT_EQ(split[v], whole[v]) << "rule " << rule << ", rep " << rep << " node " << v;
+        (split[v] ? kept : collapsed)++;
+      }
+    }
+  }
+  EXPECT_GT(kept, 100);
+  EXPECT_GT(collapsed, 50);
+}
+
+}  // namespace
