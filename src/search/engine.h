@@ -124,6 +124,10 @@ struct Engine {
   double cost_to_steps(std::int64_t c) const { return has_wide ? static_cast<double>(c) / unit : static_cast<double>(c); }
   void wide_compute();                             // wide sets of the tree and wide_score
   void wide_prepare_terminals();                   // term_masks and least_column_weight (after a pack)
+  // Adds to total (units) the Sankoff columns of a join of sets F (least-cost states fm) and
+  // E (em); false as soon as the total is sure to pass bound.
+  bool add_sankoff_joins(const std::int32_t* E, const std::uint32_t* em, const std::int32_t* F, const std::uint32_t* fm,
+                         std::int64_t bound, std::int64_t& total);
   // Wide sets of the tree without clip n (parent p, sister s, p's parent g) and of the nc
   // rerootings of the clip listed in cnode.
   void wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc);

@@ -403,24 +403,7 @@ std::int32_t Engine::wide_join(int j, int target, std::int32_t narrow, std::int3
   const std::uint32_t* fm = wclip_mask.data() + static_cast<std::size_t>(j) * ns;
   const std::int32_t* E = e2p[target];
   const std::uint32_t* em = m2p[target];
-  // Columns whose sets of least cost meet cost nothing: find the others first, as bits;
-  // each of them costs at least its weight (costs are whole numbers), which may already
-  // put the move above the bound. Then cost them.
-  const int words = static_cast<int>((ns + 63) / 64);
-  join_bits.resize(words + 1);
-  std::uint64_t* bits = join_bits.data();
-  const int count = nonmeeting(fm, em, static_cast<int>(ns), bits);
-  if (total + count * least_column_weight * unit > bound) return 0;
-  for (int w = 0; w < words; ++w)
-    for (std::uint64_t b = bits[w]; b; b &= b - 1) {
-      const SankoffColumn& col = cols[static_cast<std::size_t>(w) * 64 + std::countr_zero(b)];
-      const std::int32_t* e = E + col.offset;
-      const std::int32_t* f = F + col.offset;
-      std::int32_t m = wide_infinity;
-      for (int st = 0; st < col.k; ++st) m = std::min(m, e[st] + f[st]);
-      total += static_cast<std::int64_t>(m) * col.weight * unit;
-      if (total > bound) return 0;
-    }
+  if (!add_sankoff_joins(E, em, F, fm, bound, total)) return 0;
   const std::int32_t* R = wclip_range.data() + static_cast<std::size_t>(j) * 2 * C;
   const std::int32_t* T = ce2p[target];
   for (int q = 0; q < C; ++q) {
@@ -429,6 +412,31 @@ std::int32_t Engine::wide_join(int j, int target, std::int32_t narrow, std::int3
   }
   *ok = 1;
   return static_cast<std::int32_t>(total);
+}
+
+bool Engine::add_sankoff_joins(const std::int32_t* E, const std::uint32_t* em, const std::int32_t* F,
+                               const std::uint32_t* fm, std::int64_t bound, std::int64_t& total) {
+  const auto& cols = packed.wide.sankoff;
+  const int ns = static_cast<int>(cols.size());
+  // Columns whose sets of least cost meet cost nothing: find the others first, as bits;
+  // each of them costs at least its weight (costs are whole numbers), which may already
+  // put the move above the bound. Then cost them.
+  const int words = (ns + 63) / 64;
+  join_bits.resize(words + 1);
+  std::uint64_t* bits = join_bits.data();
+  const int count = nonmeeting(fm, em, ns, bits);
+  if (total + count * least_column_weight * unit > bound) return false;
+  for (int w = 0; w < words; ++w)
+    for (std::uint64_t b = bits[w]; b; b &= b - 1) {
+      const SankoffColumn& col = cols[static_cast<std::size_t>(w) * 64 + std::countr_zero(b)];
+      const std::int32_t* e = E + col.offset;
+      const std::int32_t* f = F + col.offset;
+      std::int32_t m = wide_infinity;
+      for (int st = 0; st < col.k; ++st) m = std::min(m, e[st] + f[st]);
+      total += static_cast<std::int64_t>(m) * col.weight * unit;
+      if (total > bound) return false;
+    }
+  return true;
 }
 
 std::int64_t Engine::wide_block_bound(int j, const std::uint32_t* masks) const {
@@ -458,21 +466,7 @@ std::int32_t Engine::leaf_join(int t, int b, std::int32_t bound, std::int32_t* o
   // The terminal seen from the new node (its lifted set): the least cost from each state
   // of the node to one of the terminal's states.
   const std::int32_t* T = wide.L(t);
-  const int words = static_cast<int>((ns + 63) / 64);
-  join_bits.resize(words + 1);
-  std::uint64_t* bits = join_bits.data();
-  const int count = nonmeeting(term_masks.data() + static_cast<std::size_t>(t) * ns, em, static_cast<int>(ns), bits);
-  if (total + count * least_column_weight * unit > bound) return 0;
-  for (int w = 0; w < words; ++w)
-    for (std::uint64_t b = bits[w]; b; b &= b - 1) {
-      const SankoffColumn& col = cols[static_cast<std::size_t>(w) * 64 + std::countr_zero(b)];
-      const std::int32_t* e = E2 + col.offset;
-      const std::int32_t* l = T + col.offset;
-      std::int32_t m = wide_infinity;
-      for (int u = 0; u < col.k; ++u) m = std::min(m, e[u] + l[u]);
-      total += static_cast<std::int64_t>(m) * col.weight * unit;
-      if (total > bound) return 0;
-    }
+  if (!add_sankoff_joins(E2, em, T, term_masks.data() + static_cast<std::size_t>(t) * ns, bound, total)) return 0;
   for (int q = 0; q < C; ++q) {
     total += static_cast<std::int64_t>(distance(wide.CD(t) + 2 * q, wide.CE(b) + 2 * q)) * WC.cont[q].weight;
     if (total > bound) return 0;
