@@ -35,15 +35,6 @@ inline std::int32_t distance(const std::int32_t* a, const std::int32_t* b) {
   return a[0] > b[1] ? a[0] - b[1] : b[0] > a[1] ? b[0] - a[1] : 0;
 }
 
-inline std::int32_t normalise(std::int32_t* x, int k) {
-  std::int32_t m = wide_infinity;
-  for (int s = 0; s < k; ++s) m = std::min(m, x[s]);
-  if (m == 0 || m >= wide_infinity) return 0;
-  for (int s = 0; s < k; ++s)
-    if (x[s] < wide_infinity) x[s] -= m;
-  return m;
-}
-
 // Bits (from bit 0 of bits[0]) of the n columns whose state masks in a and b don't meet;
 // returns how many. Eight columns at a time where the processor has AVX2.
 int nonmeeting_plain(const std::uint32_t* a, const std::uint32_t* b, int n, std::uint64_t* bits) noexcept {
