@@ -300,9 +300,16 @@ int fuse_loaded(PairWork& w, int equals) {
 
 }  // namespace
 
+namespace {
+
+// Fits, and costs of wide columns, can't be swapped in by subtree as step counts are.
+bool by_whole_trees() { return optim::implied_settings.implied_on || has_wide_data(); }
+
+}  // namespace
+
 int fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_t>& donor, double* score, int equals,
               int root_terminal) {
-  if (optim::implied_settings.implied_on || has_wide_data())
+  if (by_whole_trees())
     return whole_fuse_pair(receiver, donor, score, equals, root_terminal);
   Engine& e = engine();
   PairWork& w = pw;
@@ -324,7 +331,7 @@ int fuse_pair(std::vector<std::int32_t>& receiver, const std::vector<std::int32_
 namespace {
 
 double tree_score(const std::vector<std::int32_t>& t) {
-  if (optim::implied_settings.implied_on || has_wide_data()) return whole_tree_score(t);
+  if (by_whole_trees()) return whole_tree_score(t);
   Engine& e = engine();
   FuseTree& f = pw.rec;
   if (!f.build(t, e)) shell::error_exit("Trees to fuse must be binary and hold all active taxa");

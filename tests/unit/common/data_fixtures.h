@@ -56,6 +56,32 @@ inline std::vector<std::int32_t> random_binary_parent(std::mt19937& rng, int nta
   return parent;
 }
 
+// The binary tree (parent array) with two taxa from the two halves of one inner group of at
+// least `least` taxa (and fewer than ntax - 1) changing places: the group stays, resolved
+// otherwise. The tree itself when 50 tries found no such group.
+inline std::vector<std::int32_t> swap_across_a_group(const std::vector<std::int32_t>& tree, int ntax, std::mt19937& rng,
+                                                     std::size_t least) {
+  std::vector<std::vector<int>> kids(tree[ntax]);
+  for (int v = 0; v < tree[ntax]; ++v)
+    if (v != ntax) kids[tree[v]].push_back(v);
+  std::function<void(int, std::vector<int>&)> leaves = [&](int v, std::vector<int>& out) {
+    if (v < ntax) { out.push_back(v); return; }
+    for (int c : kids[v]) leaves(c, out);
+  };
+  std::vector<std::int32_t> swapped = tree;
+  for (int tries = 0; tries < 50 && swapped == tree; ++tries) {
+    const int v = ntax + 1 + static_cast<int>(rng() % (ntax - 2));
+    if (kids[v].size() != 2) continue;
+    std::vector<int> a, b;
+    leaves(kids[v][0], a);
+    leaves(kids[v][1], b);
+    if (a.size() + b.size() < least || a.size() + b.size() >= static_cast<std::size_t>(ntax - 1)) continue;
+    const int x = a[rng() % a.size()], y = b[rng() % b.size()];
+    std::swap(swapped[x], swapped[y]);
+  }
+  return swapped;
+}
+
 // Calls visit(parent) for every binary tree of ntax taxa (ntax >= 3) with taxon 0 beside
 // the root, as the program stores them: taxa 3.. inserted on every branch of the trees of
 // the earlier ones.

@@ -286,22 +286,7 @@ TEST_F(Implied, FusingTakesTheDonorsResolutionOfAGroupWhenItImprovesTheFit) {
     std::copy_n(trees::tree_row(0), donor.size(), donor.begin());
     const double donor_fit = reference_fit(m, donor, ntax, K, nullptr);
     // Two taxa of different children of an inner group of at least 3 taxa change places.
-    const Kids k = kids_of(donor, ntax);
-    std::function<void(int, std::vector<int>&)> leaves = [&](int v, std::vector<int>& o) {
-      if (v < ntax) { o.push_back(v); return; }
-      for (int c : k[v]) leaves(c, o);
-    };
-    std::vector<std::int32_t> receiver = donor;
-    for (int tries = 0; tries < 50 && receiver == donor; ++tries) {
-      const int v = ntax + 1 + static_cast<int>(rng() % (ntax - 2));
-      if (k[v].size() != 2) continue;
-      std::vector<int> a, b;
-      leaves(k[v][0], a);
-      leaves(k[v][1], b);
-      if (a.size() + b.size() < 3 || a.size() + b.size() >= static_cast<std::size_t>(ntax - 1)) continue;
-      const int x = a[rng() % a.size()], y = b[rng() % b.size()];
-      std::swap(receiver[x], receiver[y]);
-    }
+    std::vector<std::int32_t> receiver = qax::test::swap_across_a_group(donor, ntax, rng, 3);
     if (receiver == donor) continue;
     const double before = reference_fit(m, receiver, ntax, K, nullptr);
     double reported = -1;

@@ -402,20 +402,8 @@ TEST_F(Wide, FusingExchangesAreScoredExactly) {
     // The receiver: the donor with two taxa of a group swapped across its two halves, so
     // that the group is shared with another resolution.
     const auto b = random_tree(rng, ntax, 2);
-    std::vector<std::int32_t> donor(b.begin(), b.end()), receiver = donor;
-    const Kids k = kids_of(b, ntax);
-    std::function<void(int, std::vector<int>&)> leaves = [&](int v, std::vector<int>& out) {
-      if (v < ntax) { out.push_back(v); return; }
-      for (int x : k.of[v]) leaves(x, out);
-    };
-    for (int tries = 0; tries < 50 && receiver == donor; ++tries) {
-      const int v = ntax + 1 + static_cast<int>(rng() % (ntax - 2));
-      std::vector<int> l, r;
-      leaves(k.of[v][0], l);
-      leaves(k.of[v][1], r);
-      if (l.size() + r.size() < 4 || l.size() + r.size() >= static_cast<std::size_t>(ntax - 1)) continue;
-      std::swap(receiver[l[rng() % l.size()]], receiver[r[rng() % r.size()]]);
-    }
+    const std::vector<std::int32_t> donor(b.begin(), b.end());
+    std::vector<std::int32_t> receiver = qax::test::swap_across_a_group(donor, ntax, rng, 4);
     if (receiver == donor) continue;
     const double before = reference_total({receiver.begin(), receiver.end()}, ntax, m, nchar);
     double reported = -1;
