@@ -452,7 +452,8 @@ void WideState::root_outside(const std::int32_t* d_other, const std::int32_t* c_
 
 double WideState::score() const noexcept {
   const int unit = packed.wide.unit;
-  return static_cast<double>(sankoff_units / unit) + static_cast<double>(cont_units) / 1000.0;
+  return static_cast<double>(sankoff_units / unit) +
+         static_cast<double>(cont_units + packed.wide.extra_thousandths) / 1000.0;
 }
 
 }  // namespace qax::optim

@@ -47,6 +47,9 @@ struct WideColumns {
   int unit = 1;                      // units of a step in integer costs: 1000 with continuous columns
   std::vector<int> sankoff_of;       // per data set character: its Sankoff column, -1 none
   std::vector<int> cont_of;          // per data set character: its continuous column, -1 none
+  // Continuous cost of a part of the tree left out of these columns (a reduced data set), in
+  // thousandths below one step; whole steps go to the pack's constant.
+  std::int64_t extra_thousandths = 0;
   bool any() const noexcept { return !sankoff.empty() || !cont.empty(); }
 };
 

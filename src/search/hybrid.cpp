@@ -206,7 +206,6 @@ bool hybrid_step(const Tree& a, const Tree& b, int node, bool complete, bool swa
 }
 
 double hybridize_trees(std::vector<Tree>& trees, std::vector<double>& scores, int times, int keep) {
-  require_narrow_data("hybridization");
   const FuseSettings& fs = fuse_settings;
   if (constraints_in_force() && (!constraint_defs.negative.empty() || !constraint_defs.tree.empty()))
     error_exit("Cannot complete trees under negative or tree constraints");

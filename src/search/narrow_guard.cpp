@@ -1,8 +1,7 @@
-// The guard of the heuristics that work on narrow columns only.
+// Whether the data have step-matrix or continuous characters.
 #include "dataset/dataset.h"
 #include "optim/packed.h"
 #include "search/search_internal.h"
-#include "shell/failure.h"
 
 namespace qax::search {
 
@@ -23,11 +22,6 @@ bool has_wide_data() {
   // The pack knows best: step matrices of one cost are packed as plain columns.
   if (optim::packed.valid) return optim::packed.wide.any();
   return any_wide_character();
-}
-
-void require_narrow_data(const char* what) {
-  if (any_wide_character())
-    shell::error_exit({"Sorry,", what, "is not available yet with step-matrix or continuous characters"});
 }
 
 }  // namespace qax::search

@@ -153,9 +153,6 @@ struct AutoConstraint {
 }  // namespace qax::search
 
 namespace qax::search {
-// Sectors and hybridization score trees through the narrow columns only: with step-matrix
-// or continuous characters active they refuse to run (error_exit).
-void require_narrow_data(const char* what);
 // Step-matrix or continuous columns in the data (as packed, when a pack is present).
 bool has_wide_data();
 }  // namespace qax::search

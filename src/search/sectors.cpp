@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 
+#include "optim/implied.h"
 #include "optim/kernels.h"
 #include "optim/packed.h"
 #include "search/constraints.h"
@@ -58,6 +59,37 @@ void gather(const Engine& big, int root, const std::vector<int>& term, int stamp
     s.inner.push_back(v);
     st.push_back(big.right[v]);
     st.push_back(big.left[v]);
+  }
+}
+
+// Step-matrix and continuous columns go whole into the reduced data. The sector's terminals
+// take their first-pass vectors and ranges. Terminal 0 takes the rest of the tree seen
+// from the sector's root across the branch above it: a vector that is already seen across
+// a branch doesn't change when the small engine transfers it across one more (the tables
+// are shortest paths with zero diagonals), so the small root, between that terminal and
+// the sector's root, adds nothing. Ranges need no transfer: the rest's range at the node
+// above the sector is the terminal's range.
+void reduce_wide(Engine& big, const Sector& s, optim::Packed& red, const std::vector<int>* alt) {
+  const optim::WideColumns& from = packed.wide;
+  optim::WideColumns& w = red.wide;
+  const int k = red.nterm, V = from.vector_length, C = static_cast<int>(from.cont.size());
+  w.sankoff = from.sankoff;
+  for (optim::SankoffColumn& col : w.sankoff) col.root_mask = col.k >= 32 ? ~0u : (1u << col.k) - 1;
+  w.cont = from.cont;
+  w.vector_length = V;
+  w.unit = from.unit;
+  w.sankoff_of = from.sankoff_of;
+  w.cont_of = from.cont_of;
+  w.term.assign(static_cast<std::size_t>(k) * V, 0);
+  w.term_range.assign(static_cast<std::size_t>(k) * 2 * C, 0);
+  optim::WideState& ws = big.wide;
+  for (const optim::SankoffColumn& col : from.sankoff)
+    optim::sankoff_from_parent(col, ws.U(s.root) + col.offset, w.term.data() + col.offset);
+  if (C) std::copy(ws.CU(s.root), ws.CU(s.root) + 2 * C, w.term_range.begin());
+  for (int j = 1; j < k; ++j) {
+    const int n = alt ? (*alt)[j - 1] : s.terms[j - 1];
+    if (V) std::copy(ws.D(n), ws.D(n) + V, w.term.begin() + static_cast<std::ptrdiff_t>(j) * V);
+    if (C) std::copy(ws.CD(n), ws.CD(n) + 2 * C, w.term_range.begin() + static_cast<std::ptrdiff_t>(j) * 2 * C);
   }
 }
 
@@ -162,6 +194,20 @@ void make_reduced(Engine& big, const Sector& s, optim::Packed& red, const std::v
   red.node_sets.resize(red.nnodes);
   for (int t = 0; t < k; ++t)
     red.node_sets[t].down_set = red.storage.data() + static_cast<std::size_t>(t) * red.nwords;
+  if (P.wide.any()) reduce_wide(big, s, red, alt);
+}
+
+// The steps of the rest of the tree as the reduced data's constant: whole steps in the
+// pack, thousandths of continuous characters beside the wide columns.
+void set_reduced_constant(double rest) {
+  if (!packed.wide.any()) {
+    packed.constant_steps = static_cast<std::int32_t>(std::llround(rest));
+    return;
+  }
+  const std::int64_t th = std::llround(rest * 1000);
+  const std::int64_t whole = th >= 0 ? th / 1000 : -((-th + 999) / 1000);
+  packed.constant_steps = static_cast<std::int32_t>(whole);
+  packed.wide.extra_thousandths = th - whole * 1000;
 }
 
 // Parent array (reduced numbering) of the sector as it is in the big tree.
@@ -293,7 +339,7 @@ struct SectorRun {
       Engine& e = engine();
       if (!e.load(rtree)) return false;
       const double reduced = e.compute_all();
-      packed.constant_steps = static_cast<std::int32_t>(std::llround(score - reduced));
+      set_reduced_constant(score - reduced);
       const double start = e.compute_all();
       best_tree = rtree;
       double best = start;
@@ -747,6 +793,24 @@ const char* kind_letter(int kind) {
   }
 }
 
+}  // namespace
+
+const char* sector_obstacle() {
+  if (optim::implied_settings.implied_on) return "under implied weighting";
+  for (const optim::SankoffColumn& col : packed.wide.sankoff) {
+    if (col.asymmetric) return "with asymmetric step-matrix characters";
+    for (int a = 0; a < col.k; ++a)
+      if (col.cost[static_cast<std::size_t>(a) * col.k + a] != 0) return "with step matrices that cost a change to the same state";
+  }
+  return nullptr;
+}
+
+namespace {
+
+void require_sector_data(const char* what) {
+  if (const char* why = sector_obstacle()) error_exit({"Sorry,", what, "is not available yet", why});
+}
+
 template <typename F>
 double with_sector_run(std::vector<std::int32_t>& tree, F body) {
   Engine& big = engine();
@@ -763,12 +827,12 @@ double with_sector_run(std::vector<std::int32_t>& tree, F body) {
 }  // namespace
 
 double sector_search_rss(std::vector<std::int32_t>& tree) {
-  require_narrow_data("sectorial search");
+  require_sector_data("sectorial search");
   return with_sector_run(tree, [](SectorRun& r) { r.run_random(); });
 }
 
 double sector_search_xss(std::vector<std::int32_t>& tree) {
-  require_narrow_data("sectorial search");
+  require_sector_data("sectorial search");
   const SectorSettings& ss = sector_settings;
   if (packed.nterm < 10) return swap_tbr(tree, 0, 0, 0);
   return with_sector_run(tree, [&](SectorRun& r) {
@@ -783,13 +847,13 @@ double sector_search_xss(std::vector<std::int32_t>& tree) {
 }
 
 double sector_search_css(std::vector<std::int32_t>& tree) {
-  require_narrow_data("sectorial search");
+  require_sector_data("sectorial search");
   if (!constraints_in_force() || constraint_defs.positive.empty())
     error_exit("Can't run constrained sectorial searches without tree constraints");
   return with_sector_run(tree, [](SectorRun& r) { r.run_constraint(); });
 }
 double sector_search_dss(std::vector<std::int32_t>& tree, const std::vector<std::uint8_t>& taxa, int depth, int* nodes) {
-  require_narrow_data("sectorial search");
+  require_sector_data("sectorial search");
   return with_sector_run(tree, [&](SectorRun& r) {
     *nodes = r.run_diameter(taxa, std::max(1, depth));
     r.pending = 0;   // a chunk chosen by hand is not followed by global swapping
@@ -797,7 +861,7 @@ double sector_search_dss(std::vector<std::int32_t>& tree, const std::vector<std:
 }
 
 double pfijo_cycle(std::vector<std::int32_t>& tree) {
-  require_narrow_data("pfijo");
+  require_sector_data("pfijo");
   return with_sector_run(tree, [](SectorRun& r) {
     r.run_pfijo_cycle();
     r.global_swap();

@@ -87,6 +87,10 @@ const char* sector_kind_letter(int kind);
 // correct reduction never makes one.
 extern int sector_mismatches;
 
+// Why sectorial searches can't run on the data as packed (a phrase to follow "not
+// available"), or null when they can.
+const char* sector_obstacle();
+
 // Commands.
 void cmd_sectsch();
 void cmd_pfijo();

@@ -110,8 +110,10 @@ using Tree = std::vector<std::int32_t>;
 // Under implied weighting the replications swap, drift and ratchet by fits; sectors,
 // autoconstraints and hybridization work on step counts and are left out.
 bool by_fits() { return optim::implied_settings.implied_on != 0; }
-// Sectors and hybridization need step counts of narrow columns only.
-bool by_sectors() { return !by_fits() && !has_wide_data(); }
+// Sectors need step counts, and tables that a reduced data set can stand for.
+bool by_sectors() { return !by_fits() && sector_obstacle() == nullptr; }
+// Hybridization needs step counts.
+bool by_hybrid() { return !by_fits(); }
 
 double fit_swap(Tree& t, bool tbr) {
   long long examined = 0;
@@ -452,9 +454,8 @@ void run_xmult() {
   if (by_fits() && (x.rss || x.css || x.xss || x.autoconst > 0 || x.hybrid || x.hfuse > 0 || x.picktype > 0))
     out_printf("NOTE: under implied weighting replications use TBR, ratchet, drift and fusing by fits; sectorial "
                "searches, autoconstraints and hybridization are not applied\n");
-  else if (!by_fits() && has_wide_data() && (x.rss || x.css || x.xss || x.hybrid || x.picktype > 0))
-    out_printf("NOTE: with step-matrix or continuous characters, sectorial searches and hybridization are not "
-               "applied\n");
+  else if (!by_sectors() && (x.rss || x.css || x.xss))
+    out_printf("NOTE: sectorial searches are not applied %s\n", sector_obstacle());
   if (x.autoconst > 3) out_printf("NOTE: autoconstraints are taken after TBR at most: autoconst %i acts as 3\n", x.autoconst);
   tree_store.ntrees = 0;
   tree_store.trees_changed = 1;
@@ -480,10 +481,10 @@ void run_xmult() {
     run.have_prev = false;
     run.build(std::max(1, x.replications));
     if (shell_state.stop_search_flag) break;
-    run.use_hybrid = x.hybrid != 0 && by_sectors();
+    run.use_hybrid = x.hybrid != 0 && by_hybrid();
     if (x.picktype > 0 && run.batch.size() > 1) {
       const double fus = fusability_score(run.batch);
-      run.use_hybrid = fus < x.picktype && by_sectors();
+      run.use_hybrid = fus < x.picktype && by_hybrid();
       if (x.verbose) {
         out_printf("  NOTE: Picking ");
         out_printf(run.use_hybrid ? "tree hybridization " : "tree fusing ");
@@ -596,7 +597,7 @@ void run_xmult() {
         if (sc[k] <= b + eps && tree_store.ntrees < tree_store.maxtrees) store_add(all[k], sc[k]);
       if (b < target - eps) target = b;
     }
-    if (x.hfuse > 0 && hits % x.hfuse == 0 && tree_store.ntrees > 1 && by_sectors()) {
+    if (x.hfuse > 0 && hits % x.hfuse == 0 && tree_store.ntrees > 1 && by_hybrid()) {
       std::vector<Tree> all;
       std::vector<double> sc;
       for (int k = 0; k < tree_store.ntrees; ++k) {
