@@ -5,9 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "optim/implied.h"
 #include "search/constraints.h"
 #include "search/fusing.h"
 #include "search/search_internal.h"
+#include "search/implied_swap.h"
 #include "search/sectors.h"
 #include "search/settings.h"
 #include "shell/commands.h"
@@ -110,7 +112,8 @@ void cmd_pfijo() {
   double start_score = -1;
   for (int k = 0; k < store.ntrees; ++k) {
     if (!load_for_swapping(e, k)) error_exitf("Tree %i does not hold all active taxa: cannot swap it", k);
-    const double sc = e.compute_all();
+    const std::vector<std::int32_t> row(trees::tree_row(k), trees::tree_row(k) + store.row_size);
+    const double sc = whole_tree_score(row);   // fits under implied weighting
     if (start_score < 0 || sc < start_score) { start = k; start_score = sc; }
   }
   std::vector<std::int32_t> tree(trees::tree_row(start), trees::tree_row(start) + store.row_size);
@@ -134,7 +137,12 @@ void cmd_pfijo() {
       drift_settings.rfitdiff = p.drift_rfitdiff;
       const std::uint32_t s2 = static_cast<std::uint32_t>(random_next()) | 1u;
       const std::uint32_t k2 = random_state();
-      sc = drift_run(tree, s2, -1, 0, p.drift_cycles, nullptr);
+      if (optim::implied_settings.implied_on) {
+        set_random_seed(s2);
+        sc = implied_drift_run(tree, p.drift_cycles);
+      } else {
+        sc = drift_run(tree, s2, -1, 0, p.drift_cycles, nullptr);
+      }
       set_random_seed(k2);
       drift_settings = drift_saved;
     }

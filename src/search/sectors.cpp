@@ -11,12 +11,14 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "optim/implied.h"
 #include "optim/kernels.h"
 #include "optim/packed.h"
 #include "search/constraints.h"
 #include "search/fusing.h"
+#include "search/implied_swap.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
 #include "shell/commands.h"
@@ -233,6 +235,7 @@ struct SectorScope {
   Engine small;
   ConstraintDefs defs;
   double suboptimal;
+  int implied = 0;
   bool active = false;
   void enter(optim::Packed& red) {
     std::swap(packed, red);
@@ -243,6 +246,9 @@ struct SectorScope {
     constraint_defs.active = 0;
     suboptimal = search_settings.suboptimal;
     search_settings.suboptimal = 0;
+    // The reduced data are searched by steps: fits are taken on the whole tree only.
+    implied = optim::implied_settings.implied_on;
+    optim::implied_settings.implied_on = 0;
     ++in_sector;
     active = true;
   }
@@ -254,6 +260,7 @@ struct SectorScope {
     engine_override = nullptr;
     constraint_defs = std::move(defs);
     search_settings.suboptimal = suboptimal;
+    optim::implied_settings.implied_on = implied;
   }
   ~SectorScope() { leave(); }
 };
@@ -262,7 +269,11 @@ struct SectorScope {
 struct SectorRun {
   Engine& big;
   std::vector<std::int32_t>& tree;
-  double score = 0;
+  // Under implied weighting a sector is searched by steps, and what it finds goes into the
+  // big tree only when the whole tree's fit says so: `score` is then the fit, `steps` the
+  // steps of the tree as always.
+  const bool by_fit = optim::implied_settings.implied_on != 0;
+  double score = 0, steps = 0;
   int pending = 0;            // replacements since the last global TBR
   int status_saved = 0;
   std::vector<int> tips, mark, used;
@@ -270,14 +281,26 @@ struct SectorRun {
   Sector sec;
   optim::Packed red;
   std::vector<std::int32_t> rtree, best_tree, work;
+  std::vector<std::vector<std::int32_t>> candidates;   // resolutions found (implied weighting)
+  std::vector<std::tuple<std::vector<int>, std::vector<int>, std::vector<int>>> candidate_links;
   std::vector<int> backup_anc, backup_left, backup_right;
 
   SectorRun(Engine& e, std::vector<std::int32_t>& t) : big(e), tree(t) {
     if (!big.load(tree)) error_exit("Tree cannot be swapped (not binary on the active taxa)");
-    score = big.compute_all();
+    rescore();
     mark.assign(big.nn, 0);
     used.assign(big.nn, 0);
     count_tips();
+  }
+
+  // Sets of the big tree from its links, and its score.
+  void rescore() {
+    steps = big.compute_all();
+    score = by_fit ? big_fit() : steps;
+  }
+  double big_fit() {
+    big.export_tree(work);
+    return implied_fit_of(work);
   }
 
   void count_tips() {
@@ -292,10 +315,16 @@ struct SectorRun {
   // Global TBR on the big tree.
   void global_swap() {
     big.export_tree(tree);
-    score = swap_tbr(tree, 0, 0, 0);
+    if (by_fit) {
+      long long examined = 0;
+      implied_swap(tree, true, examined);
+      rearrangements_examined.add(static_cast<std::uint64_t>(examined));
+    } else {
+      swap_tbr(tree, 0, 0, 0);
+    }
     search_status_code = 3;
     if (!big.load(tree)) error_exit("Tree cannot be swapped (not binary on the active taxa)");
-    score = big.compute_all();
+    rescore();
     count_tips();
     ++used_now;
     pending = 0;
@@ -331,6 +360,7 @@ struct SectorRun {
     if (sec.terms.size() < 4) return false;
     make_reduced(big, sec, red);
     reduced_tree(big, sec, rtree);
+    candidates.clear();
     bool accepted = false;
     double expect = 0;
     {
@@ -339,7 +369,7 @@ struct SectorRun {
       Engine& e = engine();
       if (!e.load(rtree)) return false;
       const double reduced = e.compute_all();
-      set_reduced_constant(score - reduced);
+      set_reduced_constant(steps - reduced);
       const double start = e.compute_all();
       best_tree = rtree;
       double best = start;
@@ -349,6 +379,8 @@ struct SectorRun {
       const int godrift = ss.gocomb > 0 && ss.gocomb < ss.godrift ? ss.gocomb : ss.godrift;
       std::vector<std::vector<std::int32_t>> builds;
       auto consider = [&](const std::vector<std::int32_t>& t, double sc) {
+        if (by_fit && t != rtree && std::find(candidates.begin(), candidates.end(), t) == candidates.end())
+          candidates.push_back(t);
         if (sc < best - 1e-8 || (ss.equals && std::fabs(sc - best) < 1e-8 && best_tree != t && !accepted)) {
           accepted = sc < start - 1e-8 || ss.equals;
           best = sc;
@@ -405,6 +437,7 @@ struct SectorRun {
         const std::uint32_t keep_state = random_state();
         const double sc = drift_run(work, seed, -1, 0, ss.drift, nullptr);
         set_random_seed(keep_state);
+        if (by_fit && work != rtree) candidates.push_back(work);
         if (sc < best - 1e-8) {
           best = sc;
           best_tree = work;
@@ -412,12 +445,33 @@ struct SectorRun {
         }
       }
       search_status_code = 3;
-      if (!accepted) return false;
-      expect = best;
-      // The new resolution as links of the small engine (rooted on the rest of the tree).
-      if (!e.load(best_tree)) return false;
-      put_back(e, k);
+      if (by_fit) {
+        // Each resolution found, as links of the big tree, to be rated by the fit below.
+        const std::vector<int> anc0 = big.anc, left0 = big.left, right0 = big.right;
+        candidate_links.clear();
+        for (const auto& t : candidates) {
+          if (!e.load(t)) continue;
+          put_back(e, k);
+          candidate_links.push_back({big.anc, big.left, big.right});
+          big.anc = anc0;
+          big.left = left0;
+          big.right = right0;
+        }
+        backup_anc = anc0;
+        backup_left = left0;
+        backup_right = right0;
+      }
+      if (by_fit) accepted = false;
+      if (!accepted) {
+        if (!by_fit) return false;
+      } else {
+        expect = best;
+        // The new resolution as links of the small engine (rooted on the rest of the tree).
+        if (!e.load(best_tree)) return false;
+        put_back(e, k);
+      }
     }
+    if (by_fit) return take_best_fit();
     // Back on the big data: the tree must score as the sector promised.
     const double real = big.compute_all();
     bool ok = std::fabs(real - expect) < 1e-6;
@@ -430,10 +484,47 @@ struct SectorRun {
       big.anc = backup_anc;
       big.left = backup_left;
       big.right = backup_right;
-      score = big.compute_all();
+      rescore();
       return false;
     }
-    score = real;
+    score = steps = real;
+    count_tips();
+    ++sector_replacements;
+    ++replacements_done;
+    ++pending;
+    return true;
+  }
+
+  // Under implied weighting: the resolution of the sector that gives the big tree its best
+  // fit, when better than the tree's (or as good, with equals, and different).
+  bool take_best_fit() {
+    const double before = score;
+    int chosen = -1;
+    double best = before;
+    for (std::size_t i = 0; i < candidate_links.size(); ++i) {
+      const auto& [a, l, r] = candidate_links[i];
+      big.anc = a;
+      big.left = l;
+      big.right = r;
+      big.export_tree(work);
+      if (constraints_in_force() && tree_violations(work.data(), static_cast<int>(work.size() + 1) / 2) != 0) continue;
+      const double f = implied_fit_of(work);
+      if (f < best - 1e-8 || (chosen < 0 && sector_settings.equals && f < best + 1e-8)) {
+        best = f;
+        chosen = static_cast<int>(i);
+      }
+    }
+    if (chosen < 0) {
+      big.anc = backup_anc;
+      big.left = backup_left;
+      big.right = backup_right;
+      return false;
+    }
+    const auto& [a, l, r] = candidate_links[static_cast<std::size_t>(chosen)];
+    big.anc = a;
+    big.left = l;
+    big.right = r;
+    rescore();
     count_tips();
     ++sector_replacements;
     ++replacements_done;
@@ -656,7 +747,7 @@ struct SectorRun {
       if (!e.load(rtree)) return;
       put_back(e, packed.nterm);
     }
-    score = big.compute_all();
+    rescore();
     count_tips();
   }
 
@@ -796,7 +887,6 @@ const char* kind_letter(int kind) {
 }  // namespace
 
 const char* sector_obstacle() {
-  if (optim::implied_settings.implied_on) return "under implied weighting";
   for (const optim::SankoffColumn& col : packed.wide.sankoff) {
     if (col.asymmetric) return "with asymmetric step-matrix characters";
     for (int a = 0; a < col.k; ++a)

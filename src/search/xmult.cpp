@@ -107,11 +107,11 @@ namespace {
 
 using Tree = std::vector<std::int32_t>;
 
-// Under implied weighting the replications swap, drift and ratchet by fits; sectors,
-// autoconstraints and hybridization work on step counts and are left out.
+// Under implied weighting the replications swap, drift and ratchet by fits; sectors are
+// searched by steps and taken by fits; autoconstraints and hybridization are left out.
 bool by_fits() { return optim::implied_settings.implied_on != 0; }
 // Sectors need step counts, and tables that a reduced data set can stand for.
-bool by_sectors() { return !by_fits() && sector_obstacle() == nullptr; }
+bool by_sectors() { return sector_obstacle() == nullptr; }
 // Hybridization needs step counts.
 bool by_hybrid() { return !by_fits(); }
 
@@ -157,8 +157,9 @@ struct Xmult {
     set_random_seed(keep);
     if (shell_state.stop_search_flag) return;
     if (by_fits()) {
-      // By fits: TBR, then the ratchet and drift below.
+      // By fits: TBR and the sectors, then the ratchet and drift below.
       sc = fit_swap(t, true);
+      sc = run_sectors(t, sc);
     } else {
       sc = swap_steps(t, ac);
     }
@@ -205,12 +206,19 @@ struct Xmult {
     if (have_prev && x.autoconst >= 3) ac.set(prev, t);
     // The groups of the autoconstraint (or the user's) make the sectors of css: the parts
     // where this tree and the previous one disagree.
-    const bool sectors = by_sectors();
-    if (sectors && x.css && constraints_in_force() && !constraint_defs.positive.empty() && !shell_state.stop_search_flag)
-      sc = sector_search_css(t);
+    sc = run_sectors(t, sc);
     ac.clear();
-    if (sectors && x.rss && !shell_state.stop_search_flag) sc = sector_search_rss(t);
-    if (sectors && x.xss && !shell_state.stop_search_flag) sc = sector_search_xss(t);
+    return sc;
+  }
+
+  // The sectorial searches of a replication (css within the constraints in force).
+  double run_sectors(Tree& t, double sc) {
+    const XmultSettings& x = xmult_settings;
+    if (!by_sectors()) return sc;
+    if (x.css && constraints_in_force() && !constraint_defs.positive.empty() && !shell_state.stop_search_flag)
+      sc = sector_search_css(t);
+    if (x.rss && !shell_state.stop_search_flag) sc = sector_search_rss(t);
+    if (x.xss && !shell_state.stop_search_flag) sc = sector_search_xss(t);
     return sc;
   }
 
@@ -451,10 +459,10 @@ void run_xmult() {
   if (x.hold > 1)
     out_printf("NOTE: each replication keeps its best tree only: hold %i not applied (fusing gathers the batch)\n",
                x.hold);
-  if (by_fits() && (x.rss || x.css || x.xss || x.autoconst > 0 || x.hybrid || x.hfuse > 0 || x.picktype > 0))
-    out_printf("NOTE: under implied weighting replications use TBR, ratchet, drift and fusing by fits; sectorial "
-               "searches, autoconstraints and hybridization are not applied\n");
-  else if (!by_sectors() && (x.rss || x.css || x.xss))
+  if (by_fits() && (x.autoconst > 0 || x.hybrid || x.hfuse > 0 || x.picktype > 0))
+    out_printf("NOTE: under implied weighting replications use TBR, ratchet, drift and fusing by fits, and sectors "
+               "searched by steps are taken by fits; autoconstraints and hybridization are not applied\n");
+  if (!by_sectors() && (x.rss || x.css || x.xss))
     out_printf("NOTE: sectorial searches are not applied %s\n", sector_obstacle());
   if (x.autoconst > 3) out_printf("NOTE: autoconstraints are taken after TBR at most: autoconst %i acts as 3\n", x.autoconst);
   tree_store.ntrees = 0;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <functional>
 #include <random>
 #include <string>
@@ -12,6 +13,7 @@
 #include "common/data_fixtures.h"
 #include "common/harness.h"
 #include "common/slow_length.h"
+#include "dataset/dataset.h"
 #include "optim/packed.h"
 #include "search/constraints.h"
 #include "search/fusing.h"
@@ -347,6 +349,53 @@ TEST_F(Fusing, ConstraintSectorsKeepTheGroupsAndTheScores) {
   check_store_scores();
   for (int k = 0; k < trees::tree_store.ntrees; ++k)
     EXPECT_EQ(search::tree_violations(trees::tree_row(k), trees::tree_store.ntax), 0);
+}
+
+// Under implied weighting (K = 3) sectors are searched by steps and taken by the fit of the
+// whole tree: every tree they leave has the fit computed here from plain step counts (the
+// matrices have no polymorphic cells, so a character's least steps are its states less one).
+TEST_F(Fusing, SectorsUnderImpliedWeightingTakeResolutionsByFit) {
+  std::mt19937 rng(31);
+  auto fit_of = [](const std::int32_t* parent) {
+    const auto steps = qax::test::slow_character_steps(parent);
+    const auto& d = dataset::dataset;
+    double total = 0;
+    for (int c = 0; c < d.nchar; ++c) {
+      std::uint32_t seen = 0;
+      for (int t = 0; t < d.ntax; ++t)
+        if (std::popcount(d.cell(t, c)) == 1) seen |= d.cell(t, c);   // missing cells hold every state
+      const double h = steps[c] - (std::popcount(seen) - 1);
+      total += h / (3.0 + h);
+    }
+    return total;
+  };
+  int improved = 0;
+  for (int round = 0; round < 4; ++round) {
+    run(evolved_matrix(26 + 6 * round, 40, 3 + round % 3, 12, rng));
+    run("piwe=3; hold 50; rseed " + std::to_string(round + 1) + "; mult=replic 2 wagner keepall;");
+    ASSERT_GT(trees::tree_store.ntrees, 0);
+    double built = 1e300;
+    for (int k = 0; k < trees::tree_store.ntrees; ++k) built = std::min(built, fit_of(trees::tree_row(k)));
+    std::string out = run("sectsch=rss minsize 8 maxsize 16 selfactor 20 global 3; sectsch=xss 3-4+2-1; pfijo=numsels 1 chunksize 10;");
+    EXPECT_TRUE(has(out, "Pinon Fijo, best score: ")) << out;
+    EXPECT_TRUE(has(out, "Sectorial search (XSS), best score: ")) << out;
+    EXPECT_EQ(out.find("not available"), std::string::npos) << out;
+    double after = 1e300;
+    for (int k = 0; k < trees::tree_store.ntrees; ++k) {
+      const double f = fit_of(trees::tree_row(k));
+      EXPECT_NEAR(trees::tree_store.scores[k], f, 1e-4) << "round " << round << " tree " << k;
+      after = std::min(after, f);
+    }
+    EXPECT_LE(after, built + 1e-9);
+    improved += after < built - 1e-6;
+    // xmult takes them too.
+    out = run("xmult=replic 2 hits 1 drift 1;");
+    EXPECT_TRUE(has(out, "sectors searched by steps are taken by fits")) << out;
+    for (int k = 0; k < trees::tree_store.ntrees; ++k)
+      EXPECT_NEAR(trees::tree_store.scores[k], fit_of(trees::tree_row(k)), 1e-4) << "round " << round;
+    run("piwe-;");
+  }
+  EXPECT_GE(improved, 3);
 }
 
 TEST_F(Fusing, HybridizationCompletesAndScoresItsChildren) {
