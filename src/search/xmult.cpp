@@ -206,17 +206,18 @@ struct Xmult {
     if (have_prev && x.autoconst >= 3) ac.set(prev, t);
     // The groups of the autoconstraint (or the user's) make the sectors of css: the parts
     // where this tree and the previous one disagree.
-    sc = run_sectors(t, sc);
-    ac.clear();
-    return sc;
+    return run_sectors(t, sc, &ac);
   }
 
-  // The sectorial searches of a replication (css within the constraints in force).
-  double run_sectors(Tree& t, double sc) {
+  // The sectorial searches of a replication: css within the constraints in force, then the
+  // autoconstraint (if any) is lifted for rss and xss.
+  double run_sectors(Tree& t, double sc, AutoConstraint* ac = nullptr) {
     const XmultSettings& x = xmult_settings;
-    if (!by_sectors()) return sc;
-    if (x.css && constraints_in_force() && !constraint_defs.positive.empty() && !shell_state.stop_search_flag)
+    const bool sectors = by_sectors();
+    if (sectors && x.css && constraints_in_force() && !constraint_defs.positive.empty() && !shell_state.stop_search_flag)
       sc = sector_search_css(t);
+    if (ac) ac->clear();
+    if (!sectors) return sc;
     if (x.rss && !shell_state.stop_search_flag) sc = sector_search_rss(t);
     if (x.xss && !shell_state.stop_search_flag) sc = sector_search_xss(t);
     return sc;
