@@ -92,7 +92,32 @@ double character_homoplasy(int c, int steps) {
   return extra;
 }
 
+int unit_character(int u) {
+  const int n = dataset.nchar;
+  return u < n ? u : packed.unit_char[static_cast<std::size_t>(u - n)];
+}
+
+double unit_homoplasy(int u, int steps) {
+  if (u < dataset.nchar) return character_homoplasy(u, steps);
+  return steps > 1 ? steps - 1 : 0;   // a variable of taxa on both sides: least steps 1
+}
+
+bool unit_fitted(int u, int count) {
+  const int n = dataset.nchar;
+  if (u >= n) return true;
+  // Steps without the units leave a decomposed character to its own steps.
+  return count <= n || u >= static_cast<int>(packed.char_units.size()) || !packed.char_units[u];
+}
+
 namespace {
+
+// Units the steps hold: the characters, and the variables when the pack has them and the
+// steps were counted with them.
+int unit_count(const std::vector<int>& steps) {
+  const int n = dataset.nchar;
+  const int all = n + static_cast<int>(packed.unit_char.size());
+  return static_cast<int>(steps.size()) >= all && all > n ? all : std::min<int>(n, static_cast<int>(steps.size()));
+}
 
 // Fit of h under concavity k, scaled so that the first step costs what it costs under K;
 // under user weights the function is read at h K / k instead.
@@ -135,12 +160,14 @@ double implied_total(const std::vector<int>& steps, const std::vector<int>* weig
   thread_local std::vector<double> pooled;
   if (extended) pooled.assign(s.set_size.size(), 0.0);
   double total = 0;
-  for (int c = 0; c < dataset.nchar && c < static_cast<int>(steps.size()); ++c) {
-    if (steps[c] < 0) continue;
+  const int count = unit_count(steps);
+  for (int u = 0; u < count; ++u) {
+    if (steps[u] < 0 || !unit_fitted(u, count)) continue;
+    const int c = unit_character(u);
     const auto& r = dataset.chars[c];
     const int w = weights ? (*weights)[c] : r.weight;
     if (!r.active || w == 0) continue;
-    const double h = character_homoplasy(c, steps[c]);
+    const double h = unit_homoplasy(u, steps[u]);
     const int set = extended ? set_of(c) : -1;
     if (set >= 0) pooled[set] += w * h;
     else total += w * character_fit(c, h);
@@ -157,17 +184,19 @@ std::vector<double> character_fits(const std::vector<int>& steps) {
   const auto& s = implied_settings;
   std::vector<double> out(dataset.nchar, 0.0), share(dataset.nchar, 0.0);
   std::vector<double> pooled(extended ? s.set_size.size() : 0, 0.0);
-  for (int c = 0; c < dataset.nchar && c < static_cast<int>(steps.size()); ++c) {
-    if (steps[c] < 0) continue;
+  const int count = unit_count(steps);
+  for (int u = 0; u < count; ++u) {
+    if (steps[u] < 0 || !unit_fitted(u, count)) continue;
+    const int c = unit_character(u);
     const auto& r = dataset.chars[c];
     if (!r.active || r.weight == 0) continue;
-    const double h = character_homoplasy(c, steps[c]);
+    const double h = unit_homoplasy(u, steps[u]);
     const int set = extended ? set_of(c) : -1;
     if (set >= 0) {
-      share[c] = r.weight * h;
-      pooled[set] += share[c];
+      share[c] += r.weight * h;
+      pooled[set] += r.weight * h;
     } else {
-      out[c] = r.weight * character_fit(c, h);
+      out[c] += r.weight * character_fit(c, h);
     }
   }
   for (int c = 0; c < dataset.nchar && extended; ++c) {

@@ -46,6 +46,14 @@ double character_homoplasy(int c, int steps);
 // Fit of character c alone with homoplasy h (weight 1), with its own concavity and the
 // constant-weight rule under extended implied weighting.
 double character_fit(int c, double h);
+// Fit units: the characters, then (when the steps hold them, after the characters) the
+// variables of state trees decomposed under implied weighting, whose characters are then
+// fitted through them. The character of unit u; the homoplasy of unit u with `steps`
+// steps; whether unit u is fitted when the steps hold `count` units.
+int unit_character(int u);
+double unit_homoplasy(int u, int steps);
+bool unit_fitted(int u, int count);
+
 // Weighted fit of a whole tree from the steps of each character (-1: not counted), with
 // `weights` in place of the characters' own when given; sets pool their homoplasy.
 double implied_total(const std::vector<int>& steps, const std::vector<int>* weights = nullptr);

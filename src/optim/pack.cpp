@@ -153,10 +153,8 @@ void pack_data(bool reduced, bool keep_search_state) {
       if (user_max >= 0) scored |= (user_max >= 31 ? ~0u : (2u << user_max) - 1);
       if (std::popcount(scored) <= 1) continue;
       // A state tree in binary variables: every state of the tree is open to the ancestors,
-      // as in a recoded additive character. Under implied weights a state tree is weighted
-      // as a whole character (the search notes it), so it stays a cost table there.
-      if (user_max < 0 && !implied_settings.implied_on && pack_state_tree(p, c, weight, scored, by_class[class_2bit]))
-        continue;
+      // as in a recoded additive character.
+      if (user_max < 0 && pack_state_tree(p, c, weight, scored, by_class[class_2bit])) continue;
       int common = -1;
       bool equal = true;
       for (std::uint32_t a = scored; a && equal; a &= a - 1)
@@ -400,6 +398,17 @@ void pack_data(bool reduced, bool keep_search_state) {
     }
   }
   pack_wide_columns(p.wide, p.from_packed, p.char_wide);
+  // Under implied weighting each variable of a decomposed state tree is a fit unit: every
+  // such variable has taxa of both sides, so its least steps are 1.
+  p.plan_unit.assign(p.pack_plan.size(), -1);
+  p.char_units.assign(d.nchar, 0);
+  if (implied_settings.implied_on)
+    for (std::size_t r = 0; r < p.pack_plan.size(); ++r)
+      if (p.pack_plan[r].additive == 2) {
+        p.plan_unit[r] = d.nchar + static_cast<int>(p.unit_char.size());
+        p.unit_char.push_back(p.pack_plan[r].character);
+        p.char_units[p.pack_plan[r].character] = 1;
+      }
   p.layout = Layout{p.nwords, p.w[0], p.w[0] + p.w[1], narrow, used,
                     p.word_weight.data(), p.field_weight.data(), p.record_base.data()};
   p.valid = 1;

@@ -125,6 +125,12 @@ struct Packed {
   std::vector<std::int32_t> char_constant; // per dataset character: unweighted constant steps
   std::vector<std::uint8_t> char_packed;   // per dataset character: 1 packed, 0 constant or skipped
   std::vector<std::int32_t> char_multiplier; // per dataset character: cost of a step (Sankoff tables of one cost)
+  // Under implied weighting a character-state tree decomposed in binary variables is fitted
+  // variable by variable: each variable is a fit unit numbered from nchar on, with its
+  // character; the character's own steps are then not fitted.
+  std::vector<std::int32_t> plan_unit;     // per plan row: its fit unit, -1 for the character's own
+  std::vector<std::int32_t> unit_char;     // per fit unit from nchar on: its character
+  std::vector<std::uint8_t> char_units;    // per dataset character: fitted by its variables
   std::vector<std::uint8_t> char_wide;     // per dataset character: 1 packed as a wide column
   WideColumns wide;                        // Sankoff and continuous columns
   std::vector<std::uint32_t> storage;    // all node words: four arrays of nnodes*nwords

@@ -103,7 +103,10 @@ void plain_character_steps(const std::vector<int>& parent, std::vector<int>& ste
     for (int c = 0; c < dataset.nchar; ++c)
       if (dataset.chars[c].active && dataset.chars[c].weight != 0 && !dataset.chars[c].is_continuous)
         steps[c] = packed.char_constant[c];
-    // Attribute the empty fields of every inner node to their columns.
+    // Attribute the empty fields of every inner node to their columns (and the variables of
+    // state trees fitted one by one to their units, after the characters).
+    const bool units = !packed.unit_char.empty();
+    if (units) steps.resize(dataset.nchar + packed.unit_char.size(), 0);
     const Layout& L = packed.layout;
     const NodeSets* ns = packed.node_sets.data();
     for (int n : w.preorder) {
@@ -113,7 +116,9 @@ void plain_character_steps(const std::vector<int>& parent, std::vector<int>& ste
         int shift;
         for (std::uint32_t e = ops::empty_marks(i, L.end0, L.end1, L.end2, a[i] & b[i], shift); e; e &= e - 1) {
           const PackedChar& pc = packed.packed_char[L.record_base[i] + (std::countr_zero(e) >> shift)];
-          if (pc.character >= 0) ++steps[pc.character];
+          if (pc.character < 0) continue;
+          ++steps[pc.character];
+          if (units && packed.plan_unit[pc.plan] >= 0) ++steps[packed.plan_unit[pc.plan]];
         }
       }
     }

@@ -434,23 +434,6 @@ void run_bbreak() {
 
 }  // namespace
 
-namespace {
-
-// Under implied weights character-state trees are weighted as whole characters even when
-// they are to be decomposed (cstree +): said once, until the situation changes.
-void note_whole_state_trees() {
-  static bool noted = false;
-  bool whole = false;
-  if (optim::implied_settings.implied_on)
-    for (int c = 0; c < qax::dataset::dataset.nchar && !whole; ++c) whole = !qax::dataset::binary_state_tree(c).empty();
-  if (whole && !noted)
-    out_text({"NOTE: under implied weights character state trees are weighted as whole characters "
-              "(not decomposed in binary variables)\n"});
-  noted = whole;
-}
-
-}  // namespace
-
 void search_prepare() {
   qax::trees::require_data();
   // Packed afresh: settings and data may have changed since the last pack.
@@ -458,7 +441,6 @@ void search_prepare() {
   engine_refresh();
   // Fits need the least and most steps of each character.
   if (optim::implied_settings.implied_on) qax::dataset::minmax_check();
-  note_whole_state_trees();
   if (optim::packed.nterm < 3) error_exit("Need at least 3 active taxa to search");
   if (search_settings.inters && optim::packed.wide.any())
     error_exit("Cannot use intersections/unions with sankoff/continuous characters");

@@ -56,6 +56,28 @@ void ImpliedMoves::load(const Engine& e, const std::vector<std::int32_t>& parent
 
 // Within each class the fields go in the order of what a step adds to their characters'
 // fits on this tree, largest first: the sum of a join passes the room in the first words.
+namespace {
+
+// The fit unit of packed column r: its character, or its variable when the character is
+// fitted by its variables; -1 for padding.
+int fit_unit_of(int r) {
+  if (r >= static_cast<int>(packed.packed_char.size())) return -1;
+  const optim::PackedChar& pc = packed.packed_char[r];
+  if (pc.character < 0) return -1;
+  if (pc.plan >= 0 && pc.plan < static_cast<int>(packed.plan_unit.size()) && packed.plan_unit[pc.plan] >= 0)
+    return packed.plan_unit[pc.plan];
+  return pc.character;
+}
+
+// Column r is one of several columns of its unit (a recoded additive character).
+bool several_columns(int r) {
+  if (r >= static_cast<int>(packed.packed_char.size())) return false;
+  const int plan = packed.packed_char[r].character >= 0 ? packed.packed_char[r].plan : -1;
+  return plan >= 0 && packed.pack_plan[plan].columns > 1;
+}
+
+}  // namespace
+
 void ImpliedMoves::order_fields() {
   const optim::Layout& L = packed.layout;
   delta_.prepare(steps_, weights_);
@@ -72,9 +94,8 @@ void ImpliedMoves::order_fields() {
     for (int w = g.start; w < g.end; ++w)
       for (int f = 0; f < per; ++f) {
         const int r = L.record_base[w] + f;
-        const int c = r < static_cast<int>(packed.packed_char.size()) ? packed.packed_char[r].character : -1;
-        const int plan = c >= 0 ? packed.packed_char[r].plan : -1;
-        const bool several = plan >= 0 && packed.pack_plan[plan].columns > 1;
+        const int c = fit_unit_of(r);
+        const bool several = several_columns(r);
         // Gathered columns and padding last: they don't count towards the room.
         const double key = c < 0 ? -2.0 : several || one[c] < 0 ? -1.0 : one[c];
         rank.push_back({-key, w * 16 + f});
@@ -97,10 +118,8 @@ void ImpliedMoves::order_fields() {
       const int from = rank[k].second;
       const int r = L.record_base[from / 16] + from % 16;
       const int to = (g.start + static_cast<int>(k) / per) * 16 + static_cast<int>(k) % per;
-      const int c = r < static_cast<int>(packed.packed_char.size()) ? packed.packed_char[r].character : -1;
-      slot_char_[to] = c;
-      const int plan = c >= 0 ? packed.packed_char[r].plan : -1;
-      slot_several_[to] = plan >= 0 && packed.pack_plan[plan].columns > 1;
+      slot_char_[to] = fit_unit_of(r);
+      slot_several_[to] = several_columns(r);
     }
   }
   // Padding words beyond the classes.
