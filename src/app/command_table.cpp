@@ -52,7 +52,7 @@ const CommandRecord command_records[] = {
     {"freqdifs", qax::support::cmd_freqdifs, 1, topic_compare | topic_consensus},
     {"help", cmd_help, 0, 0},
     {"hold", qax::trees::cmd_hold, 0, topic_searching | topic_settings},
-    {"hybrid", qax::app::steps_only<qax::search::cmd_hybrid>, 1, topic_searching | topic_various},
+    {"hybrid", qax::search::cmd_hybrid, 1, topic_searching | topic_various},
     {"ienum", qax::app::steps_only<qax::search::cmd_ienum>, 1, topic_searching},
     {"incltax", cmd_not_available, 0, topic_various},
     {"info", qax::dataset::cmd_info, 0, topic_diagnosis | topic_various},

@@ -118,8 +118,6 @@ void run_tfuse() {
   }
   double best = 0;
   int hybrid_rounds = 0;
-  if (hybridize && optim::implied_settings.implied_on)
-    error_exit("Sorry, hybridization is not available yet under implied weighting (piwe- turns it off)");
   if (hybridize) {
     const int times = f.hybrid_times > 0 ? f.hybrid_times : 1000;
     const int rounds = f.hybrid_times > 0 ? f.hybrid_rounds : 1;

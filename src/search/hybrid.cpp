@@ -6,9 +6,11 @@
 #include <cmath>
 #include <string>
 
+#include "optim/implied.h"
 #include "optim/packed.h"
 #include "search/constraints.h"
 #include "search/fusing.h"
+#include "search/implied_swap.h"
 #include "search/search_internal.h"
 #include "search/settings.h"
 #include "shell/commands.h"
@@ -119,6 +121,18 @@ double place_added(Tree& t, const std::vector<int>& added) {
   return score;
 }
 
+// The added taxa placed, then TBR with `swap`; returns the tree's score. Under implied
+// weighting the taxa are placed by steps, and swapping and the score go by fits.
+double finish_added(Tree& t, const std::vector<int>& added, bool swap) {
+  double sc = place_added(t, added);
+  if (!optim::implied_settings.implied_on) return swap ? swap_tbr(t, 0, 0, 0) : sc;
+  if (!swap) return implied_fit_of(t);
+  long long examined = 0;
+  sc = implied_swap(t, true, examined);
+  rearrangements_examined.add(static_cast<std::uint64_t>(examined));
+  return sc;
+}
+
 }  // namespace
 
 // One exchange between trees a and b at node `node` of a (-1: a random one). Fills the
@@ -191,8 +205,7 @@ bool hybrid_step(const Tree& a, const Tree& b, int node, bool complete, bool swa
           attach(child, x, place);
           added.push_back(x);
         }
-      double sc = place_added(child, added);
-      if (swap) sc = swap_tbr(child, 0, 0, 0);
+      const double sc = finish_added(child, added, swap);
       if (score) *score = sc;
       return true;
     };
@@ -297,7 +310,7 @@ void complete_tree(bool swap) {
   if (added.empty()) {
     Engine& e = engine();
     if (!load_for_swapping(e, k)) error_exit("Tree cannot be swapped (not binary on the active taxa)");
-    const double sc = e.compute_all();
+    const double sc = optim::implied_settings.implied_on ? implied_fit_of(t) : e.compute_all();
     tree_store.scores[k] = sc;
     out_printf("Tree %i already complete (score %s)\n", k, search_score_text(sc).c_str());
     return;
@@ -307,8 +320,7 @@ void complete_tree(bool swap) {
     if (t[x] >= ntax) anchor = x;
   if (anchor < 0) error_exit("Tree to complete has no taxa");
   for (int x : added) attach(t, x, anchor);
-  double sc = place_added(t, added);
-  if (swap) sc = swap_tbr(t, 0, 0, 0);
+  const double sc = finish_added(t, added, swap);
   std::copy(t.begin(), t.end(), trees::tree_row(k));
   tree_store.scores[k] = sc;
   tree_store.trees_changed = 1;

@@ -112,8 +112,8 @@ using Tree = std::vector<std::int32_t>;
 bool by_fits() { return optim::implied_settings.implied_on != 0; }
 // Sectors need step counts, and tables that a reduced data set can stand for.
 bool by_sectors() { return sector_obstacle() == nullptr; }
-// Hybridization needs step counts.
-bool by_hybrid() { return !by_fits(); }
+// Hybridization places taxa by steps and takes its trees by fits under implied weighting.
+bool by_hybrid() { return true; }
 
 double fit_swap(Tree& t, bool tbr) {
   long long examined = 0;
@@ -460,9 +460,9 @@ void run_xmult() {
   if (x.hold > 1)
     out_printf("NOTE: each replication keeps its best tree only: hold %i not applied (fusing gathers the batch)\n",
                x.hold);
-  if (by_fits() && (x.autoconst > 0 || x.hybrid || x.hfuse > 0 || x.picktype > 0))
+  if (by_fits() && x.autoconst > 0)
     out_printf("NOTE: under implied weighting replications use TBR, ratchet, drift and fusing by fits, and sectors "
-               "searched by steps are taken by fits; autoconstraints and hybridization are not applied\n");
+               "searched by steps are taken by fits; autoconstraints are not applied\n");
   if (!by_sectors() && (x.rss || x.css || x.xss))
     out_printf("NOTE: sectorial searches are not applied %s\n", sector_obstacle());
   if (x.autoconst > 3) out_printf("NOTE: autoconstraints are taken after TBR at most: autoconst %i acts as 3\n", x.autoconst);

@@ -388,11 +388,15 @@ TEST_F(Fusing, SectorsUnderImpliedWeightingTakeResolutionsByFit) {
     }
     EXPECT_LE(after, built + 1e-9);
     improved += after < built - 1e-6;
-    // xmult takes them too.
+    // xmult takes them too, and hybridization (taxa placed by steps, trees taken by fits).
     out = run("xmult=replic 2 hits 1 drift 1;");
     EXPECT_TRUE(has(out, "sectors searched by steps are taken by fits")) << out;
     for (int k = 0; k < trees::tree_store.ntrees; ++k)
       EXPECT_NEAR(trees::tree_store.scores[k], fit_of(trees::tree_row(k)), 1e-4) << "round " << round;
+    out = run("piwe-; mult=replic 4 tbr hold 1 keepall; piwe=3; tfuse=hybrid 6*1/3;");
+    EXPECT_TRUE(has(out, "rounds of hybridization completed")) << out;
+    for (int k = 0; k < trees::tree_store.ntrees; ++k)
+      EXPECT_NEAR(trees::tree_store.scores[k], fit_of(trees::tree_row(k)), 1e-4) << "round " << round << "\n" << out;
     run("piwe-;");
   }
   EXPECT_GE(improved, 3);
