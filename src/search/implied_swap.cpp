@@ -327,11 +327,12 @@ void run_implied_mult(int replications) {
       // A better replication: the trees kept so far may be out of reach now.
       best = f;
       hits = 1;
-      store_discard_above(0, best + s.suboptimal + tie_slack, -1);
+      if (!s.keepall) store_discard_above(0, best + s.suboptimal + tie_slack, -1);
     } else if (f <= best + tie_slack) {
       ++hits;
     }
-    if (f > best + s.suboptimal + tie_slack) continue;
+    // With keepall every replication's tree stays.
+    if (f > best + s.suboptimal + tie_slack && !s.keepall) continue;
     const int first = tree_store.ntrees;
     if (first >= tree_store.maxtrees || store_add(tree, f) < 0) continue;
     if (s.hold > 1 && s.swapper != swapper_none) {
@@ -340,11 +341,11 @@ void run_implied_mult(int replications) {
       const double g = implied_collect(first, limit, s.swapper != swapper_spr, f, examined);
       if (g < best - tie_slack) {
         best = g;
-        store_discard_above(0, best + s.suboptimal + tie_slack, -1);
+        if (!s.keepall) store_discard_above(0, best + s.suboptimal + tie_slack, -1);
       }
     }
   }
-  store_discard_above(0, best + s.suboptimal + tie_slack, -1);
+  if (!s.keepall) store_discard_above(0, best + s.suboptimal + tie_slack, -1);
   tag_search_trees("mult");
   out_printf("Completed %i random addition sequences.\n", done);
   out_printf("Total rearrangements examined: %lli.\n", examined);
