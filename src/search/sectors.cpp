@@ -374,7 +374,7 @@ struct SectorRun {
       best_tree = rtree;
       double best = start;
       const int k = packed.nterm;
-      if (packed.nwords == 0 || k < 5) return false;
+      if ((packed.nwords == 0 && !packed.wide.any()) || k < 5) return false;
       // A combined analysis from gocomb on lowers the size at which drift takes over.
       const int godrift = ss.gocomb > 0 && ss.gocomb < ss.godrift ? ss.gocomb : ss.godrift;
       std::vector<std::vector<std::int32_t>> builds;

@@ -137,12 +137,18 @@ Kids kids_of(const std::vector<int>& parent, int ntax) {
   return k;
 }
 
+// States scored in character c.
+std::uint32_t scored_states(int ntax, int c) {
+  std::uint32_t scored = 0;
+  for (int t = 0; t < ntax; ++t)
+    if (ds::dataset.cell(t, c) != missing) scored |= ds::dataset.cell(t, c);
+  return scored;
+}
+
 // Every assignment of scored states to the inner nodes.
 long long reference_discrete(const Kids& k, int ntax, int c, const Matrix& m) {
   const ds::Dataset& d = ds::dataset;
-  std::uint32_t scored = 0;
-  for (int t = 0; t < ntax; ++t)
-    if (d.cell(t, c) != missing) scored |= d.cell(t, c);
+  const std::uint32_t scored = scored_states(ntax, c);
   if (std::popcount(scored) <= 1) return 0;
   std::vector<int> states;
   for (int s = 0; s < 4; ++s)
@@ -190,9 +196,7 @@ long long reference_discrete(const Kids& k, int ntax, int c, const Matrix& m) {
 // subtree for each state of its node), for trees too large to enumerate.
 long long dp_discrete(const Kids& k, int ntax, int c, const Matrix& m) {
   const ds::Dataset& d = ds::dataset;
-  std::uint32_t scored = 0;
-  for (int t = 0; t < ntax; ++t)
-    if (d.cell(t, c) != missing) scored |= d.cell(t, c);
+  const std::uint32_t scored = scored_states(ntax, c);
   if (std::popcount(scored) <= 1) return 0;
   std::uint32_t allowed = scored;
   if (d.chars[c].additive) allowed = (~0u >> std::countl_zero(scored)) & (~0u << std::countr_zero(scored));
