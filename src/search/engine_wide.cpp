@@ -165,7 +165,11 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
   auto same_col = [&](int q, const std::int32_t* a, const std::int32_t* b, const std::int32_t* ca, const std::int32_t* cb) {
     if (q < static_cast<int>(ns)) {
       const SankoffColumn& col = cols[q];
-      return std::memcmp(a + col.offset, b + col.offset, sizeof(std::int32_t) * col.k) == 0;
+      const std::int32_t* x = a + col.offset;
+      const std::int32_t* y = b + col.offset;
+      std::int32_t diff = 0;
+      for (int i = 0; i < col.k; ++i) diff |= x[i] ^ y[i];
+      return diff == 0;
     }
     const int j = q - static_cast<int>(ns);
     return ca[2 * j] == cb[2 * j] && ca[2 * j + 1] == cb[2 * j + 1];
@@ -196,8 +200,9 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
     overlay.push_back(v);
   };
   auto list_of = [&](int v) { return wcols.data() + static_cast<std::size_t>(v) * ncols; };
-  // Outside sets below v0, whose outside set differs in the columns listed for it (its
-  // outside set without the clip is complete in wide2.U), while they keep differing.
+  // Outside sets below v0, whose outside set differs in the columns listed for it, while
+  // they keep differing. A node's scratch outside set (wide2.U) is valid in its listed
+  // columns only: nothing else of it is read.
   auto follow = [&](int v0) {
     int top = 0;
     stack[top++] = v0;
@@ -207,8 +212,6 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       if (v < nt) continue;
       for (int side = 0; side < 2; ++side) {
         const int c = side ? right[v] : left[v], sib = side ? left[v] : right[v];
-        copy_bytes(wide2.U(c), wide.U(c), sizeof(std::int32_t) * V);
-        copy_bytes(wide2.CU(c), wide.CU(c), sizeof(std::int32_t) * 2 * C);
         int* lc = list_of(c);
         int cc = 0;
         const int* lv = list_of(v);
@@ -254,16 +257,22 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
     const std::int32_t* cdorig = wide.CD(p);
     int prev = p, v = g;
     path_cols.resize(ncols + 1);
+    // Columns where the child on the path changed its first-pass set: found by comparing
+    // for s, then those listed for the path node below (its scratch first-pass set is
+    // valid in them only).
+    const int* changed = nullptr;
+    int nchanged = -1;
     for (;;) {
       if (v == nt) break;   // the other child is terminal 0, never a target
       const int o = left[v] == prev ? right[v] : left[v];
-      // Columns where the child on the path changed its first-pass set.
       int pc = 0;
-      for (int q = 0; q < ncols; ++q)
-        if (!same_col(q, dc, dorig, cdc, cdorig)) path_cols[pc++] = q;
+      if (nchanged < 0) {
+        for (int q = 0; q < ncols; ++q)
+          if (!same_col(q, dc, dorig, cdc, cdorig)) path_cols[pc++] = q;
+      } else {
+        for (int i = 0; i < nchanged; ++i) path_cols[pc++] = changed[i];
+      }
       if (!pc) break;
-      copy_bytes(wide2.U(o), wide.U(o), sizeof(std::int32_t) * V);
-      copy_bytes(wide2.CU(o), wide.CU(o), sizeof(std::int32_t) * 2 * C);
       int* lo = list_of(o);
       int cc = 0;
       for (int i = 0; i < pc; ++i) {
@@ -274,8 +283,6 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       wcount[o] = cc;
       if (cc) follow(o);
       // The path node itself: first-pass set again in the changed columns.
-      copy_bytes(wide2.D(v), wide.D(v), sizeof(std::int32_t) * V);
-      copy_bytes(wide2.CD(v), wide.CD(v), sizeof(std::int32_t) * 2 * C);
       int* lv = list_of(v);
       int cv = 0;
       for (int i = 0; i < pc; ++i) {
@@ -295,6 +302,8 @@ void Engine::wide_prepare_clip(int n, int p, int s, int g, bool whole, int nc) {
       cdc = wide2.CD(v);
       dorig = wide.D(v);
       cdorig = wide.CD(v);
+      changed = lv;
+      nchanged = cv;
       prev = v;
       v = anc[v];
     }
