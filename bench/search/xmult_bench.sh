@@ -19,6 +19,7 @@ known_of() { case $1 in rrna150) echo 8471 ;; rbcl500) echo 16531 ;; dna2000) ec
 cpu() { sed -n 's/^CPU \([0-9.]*\)$/\1/p' <<<"$1"; }
 
 printf "%-10s %6s %-10s %5s | %8s %8s | %8s %8s\n" matrix known settings seed "xmult" "CPU s" "ratchet" "CPU s"
+declare -A reached runs cpu_sum
 for m in $matrices; do
   xr="$data/$m/$m.xread"
   known=$(known_of "$m")
@@ -37,6 +38,20 @@ for m in $matrices; do
       secs=$(cpu "$out")
       printf "%-10s %6s %-10s %5s | %8s %8.2f | %8s %8.2f\n" "$m" "$known" "$lv" "$seed" "${best:-?}" "${secs:-0}" \
         "${rbest:-?}" "${rsecs:-0}"
+      key="$m $lv"
+      runs[$key]=$(( ${runs[$key]:-0} + 1 ))
+      [ -n "$best" ] && [ "${best%.*}" -le "$known" ] && reached[$key]=$(( ${reached[$key]:-0} + 1 ))
+      cpu_sum[$key]=$(echo "${cpu_sum[$key]:-0} + ${secs:-0}" | bc)
     done
+  done
+done
+# Per matrix and settings: seeds that reached the known best length, and the mean CPU time.
+echo
+printf "%-10s %-10s %14s %10s\n" matrix settings "reached known" "mean CPU s"
+for m in $matrices; do
+  for lv in $levels; do
+    key="$m $lv"
+    printf "%-10s %-10s %9s of %-2s %10.2f\n" "$m" "$lv" "${reached[$key]:-0}" "${runs[$key]:-0}" \
+      "$(echo "${cpu_sum[$key]:-0} / ${runs[$key]:-1}" | bc -l)"
   done
 done
